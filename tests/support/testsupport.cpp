@@ -1,0 +1,89 @@
+#include "testsupport.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QMessageBox>
+#include <QProcess>
+#include <QTimer>
+
+ModalAnswerer::ModalAnswerer(QObject *parent) : QObject(parent)
+{
+    auto *timer = new QTimer(this);
+    connect(timer, &QTimer::timeout, this, &ModalAnswerer::poll);
+    timer->start(20);
+}
+
+void ModalAnswerer::poll()
+{
+    auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+    if (!box || !box->isVisible())
+        return;
+    boxes.append({box->windowTitle(), box->text()});
+    if (QAbstractButton *ok = box->button(QMessageBox::Ok))
+        ok->click();
+    else
+        box->reject();
+}
+
+QProcessEnvironment cleanEnvironment()
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString &key : env.keys()) {
+        if (key.startsWith("VCAM_"))
+            env.remove(key);
+    }
+    return env;
+}
+
+void clearVirtualCameraEnvironment()
+{
+    for (const QString &key : QProcessEnvironment::systemEnvironment().keys()) {
+        if (key.startsWith("VCAM_"))
+            qunsetenv(key.toLocal8Bit().constData());
+    }
+}
+
+ProgramRun runProgram(const QString &workDir, const QString &home,
+                      const QMap<QString, QString> &vcam, int quitAfterMs, int timeoutMs,
+                      const QString &program)
+{
+    QProcessEnvironment env = cleanEnvironment();
+    for (auto it = vcam.constBegin(); it != vcam.constEnd(); ++it)
+        env.insert(it.key(), it.value());
+
+    const QString modalLog = QDir(workDir).absoluteFilePath(".modal-boxes.log");
+    QFile::remove(modalLog);
+    env.insert("LD_PRELOAD", QString(VIRTUALCAM_LIB) + ":" + QString(MODALANSWER_LIB));
+    env.insert("BRIVORA_MODAL_LOG", modalLog);
+    env.insert("HOME", home);
+    env.insert("QT_QPA_PLATFORM", "offscreen");
+    if (quitAfterMs > 0)
+        env.insert("BRIVORA_QUIT_AFTER_MS", QString::number(quitAfterMs));
+    else
+        env.remove("BRIVORA_QUIT_AFTER_MS");
+
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.setWorkingDirectory(workDir);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program.isEmpty() ? QString(BRIVORA_EXE) : program, QStringList());
+
+    ProgramRun run;
+    run.finished = process.waitForFinished(timeoutMs);
+    if (!run.finished) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+    run.crashed = process.exitStatus() == QProcess::CrashExit;
+    run.exitCode = process.exitCode();
+    run.output = QString::fromUtf8(process.readAll());
+
+    QFile log(modalLog);
+    if (log.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        const QString text = QString::fromUtf8(log.readAll());
+        run.boxes = text.split('\n', Qt::SkipEmptyParts);
+    }
+    return run;
+}

@@ -1,0 +1,53 @@
+#ifndef TESTSUPPORT_H
+#define TESTSUPPORT_H
+
+#include <QMap>
+#include <QObject>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+
+// Answers warning boxes shown by the code under test in this process: each
+// box that becomes the active modal widget is recorded and its OK pressed.
+class ModalAnswerer : public QObject
+{
+    Q_OBJECT
+public:
+    explicit ModalAnswerer(QObject *parent = nullptr);
+
+    struct Box
+    {
+        QString title;
+        QString text;
+    };
+    QList<Box> boxes;
+
+private slots:
+    void poll();
+};
+
+// What a run of the real program left behind.
+struct ProgramRun
+{
+    int exitCode = -1000;
+    bool crashed = false;
+    bool finished = false;
+    QString output;        // standard output and error together
+    QStringList boxes;     // "title\ttext" per warning box shown
+};
+
+// Runs the built program in workDir with HOME at home, the virtual camera
+// configured by vcam (VCAM_* variables; an empty map still preloads it with
+// its defaults) and the box answerer preloaded. quitAfterMs > 0 asks the
+// program to quit after that long.
+ProgramRun runProgram(const QString &workDir, const QString &home,
+                      const QMap<QString, QString> &vcam, int quitAfterMs,
+                      int timeoutMs = 60000, const QString &program = QString());
+
+// The environment of this process without any VCAM_* variable.
+QProcessEnvironment cleanEnvironment();
+
+// Removes every VCAM_* variable from this process's environment.
+void clearVirtualCameraEnvironment();
+
+#endif // TESTSUPPORT_H

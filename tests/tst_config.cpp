@@ -1,0 +1,294 @@
+// The settings record and its file "system.ini" in the working directory.
+#include "cache.h"
+#include "config.h"
+
+#include <QDir>
+#include <QFile>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+struct Key
+{
+    const char *key;
+    QVariant firstRunDefault;
+};
+
+// Every persisted key with its first-run default, in file order.
+QList<Key> allKeys()
+{
+    return {
+        {"camera/index", 0},
+        {"camera/exposure", -3},
+        {"image/fourcc", 0},
+        {"image/resolution", 0},
+        {"image/out_resolution", 3},
+        {"image/codec", "jpg"},
+        {"image/shooting_time", 5},
+        {"image/quality", 80},
+        {"save/type", 0},
+        {"save/prefix", "IMG"},
+        {"save/number", 1},
+        {"save/playsound", true},
+        {"save/merge_source", true},
+        {"save/pdf_source", true},
+        {"watermark/text", ""},
+        {"watermark/time", false},
+        {"watermark/color", "ff000000"},
+        {"watermark/font_family", "Arial"},
+        {"watermark/font_size", 100},
+        {"watermark/font_styleName", "Regular"},
+        {"watermark/strikeOut", false},
+        {"watermark/underline", false},
+        {"watermark/transparency", 50},
+        {"watermark/x", 50},
+        {"watermark/y", 50},
+        {"painting/percentage", 30},
+        {"painting/main_resolution", 5},
+        {"painting/other_resolution", 5},
+        {"user/documentsLocation", QString()}, // filled per test: HOME + "/Veltaro"
+    };
+}
+
+QString defaultFolder()
+{
+    return QDir::homePath() + "/Veltaro";
+}
+
+// Writes a settings file holding every key with its default except those in
+// `skip`, and with `overrides` on top.
+void writeSettings(const QString &path, const QStringList &skip = {},
+                   const QMap<QString, QVariant> &overrides = {})
+{
+    QSettings settings(path, QSettings::IniFormat);
+    for (const Key &key : allKeys()) {
+        if (skip.contains(key.key))
+            continue;
+        QVariant value = key.firstRunDefault;
+        if (QString(key.key) == "user/documentsLocation")
+            value = defaultFolder();
+        settings.setValue(key.key, overrides.value(key.key, value));
+    }
+}
+
+QByteArray readAll(const QString &path)
+{
+    QFile file(path);
+    file.open(QIODevice::ReadOnly);
+    return file.readAll();
+}
+
+// Runs each case in a fresh working directory of its own.
+class WorkingDirectory
+{
+public:
+    WorkingDirectory() : previous(QDir::currentPath()) { QDir::setCurrent(dir.path()); }
+    ~WorkingDirectory() { QDir::setCurrent(previous); }
+    QString path() const { return dir.path(); }
+
+private:
+    QTemporaryDir dir;
+    QString previous;
+};
+
+} // namespace
+
+class TestConfig : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void settingsExistBeforeMain()
+    {
+        // The record is made during static initialisation, in the working
+        // directory the process started in.
+        QVERIFY(Cache::config != nullptr);
+        QVERIFY(QFile::exists("system.ini"));
+        QCOMPARE(Cache::config->image_quality, 80);
+        QVERIFY(QDir(defaultFolder()).exists());
+    }
+
+    void firstStartWritesDefaults()
+    {
+        WorkingDirectory wd;
+        QVERIFY(!QFile::exists("system.ini"));
+        Config config;
+        QVERIFY(QFile::exists(wd.path() + "/system.ini"));
+
+        QSettings file(wd.path() + "/system.ini", QSettings::IniFormat);
+        QCOMPARE(file.allKeys().size(), 29);
+        for (const Key &key : allKeys()) {
+            QVERIFY2(file.contains(key.key), key.key);
+            const QVariant expected = QString(key.key) == "user/documentsLocation"
+                                          ? QVariant(defaultFolder())
+                                          : key.firstRunDefault;
+            QCOMPARE(file.value(key.key).toString(), expected.toString());
+        }
+        QVERIFY(!file.contains("watermark/font_strikeOut"));
+        QVERIFY(!file.contains("watermark/font_underline"));
+
+        QCOMPARE(config.image_quality, 80);
+        QCOMPARE(config.watermark_font_family, QString("Arial"));
+        QCOMPARE(config.watermark_color, QString("ff000000"));
+        QCOMPARE(config.watermark_font_size, 100);
+        QCOMPARE(config.watermark_font_styleName, QString("Regular"));
+        QCOMPARE(config.camera_exposure, -3);
+        QCOMPARE(config.image_out_resolution, 3);
+        QCOMPARE(config.user_documentsLocation, defaultFolder());
+        QCOMPARE(config.ini_path, QString("system.ini"));
+    }
+
+    void firstStartLeavesRunTimeMembersEmpty()
+    {
+        WorkingDirectory wd;
+        Config config;
+        QCOMPARE(config.isSaveTiff, false);
+        QCOMPARE(config.isLinuxOS, false);
+        QVERIFY(config.exe_path.isNull());
+        QVERIFY(config.resolutions.isEmpty());
+        QVERIFY(config.iamge_formats.isEmpty());
+    }
+
+    void keysAreWrittenInGroups()
+    {
+        WorkingDirectory wd;
+        Config config;
+        const QByteArray text = readAll("system.ini");
+        for (const char *group : {"[camera]", "[image]", "[save]", "[watermark]", "[painting]", "[user]"})
+            QVERIFY2(text.contains(group), group);
+        QVERIFY(text.contains("quality=80"));
+        QVERIFY(text.contains("strikeOut=false"));
+    }
+
+    void missingKeyReadsZeroAndFileIsNotCompleted()
+    {
+        WorkingDirectory wd;
+        writeSettings("system.ini", {"image/quality"});
+        const QByteArray before = readAll("system.ini");
+
+        Config config;
+        QCOMPARE(config.image_quality, 0);
+        QCOMPARE(config.image_codec, QString("jpg"));
+        QCOMPARE(readAll("system.ini"), before);
+    }
+
+    void missingStringAndBoolKeysReadEmptyAndFalse()
+    {
+        WorkingDirectory wd;
+        writeSettings("system.ini", {"watermark/font_family", "save/playsound"});
+        Config config;
+        QVERIFY(config.watermark_font_family.isEmpty());
+        QCOMPARE(config.save_playsound, false);
+    }
+
+    void textExposureReadsZero()
+    {
+        WorkingDirectory wd;
+        writeSettings("system.ini", {}, {{"camera/exposure", "bright"}});
+        Config config;
+        QCOMPARE(config.camera_exposure, 0);
+    }
+
+    void storedValuesAreKeptAsRead()
+    {
+        WorkingDirectory wd;
+        writeSettings("system.ini", {},
+                      {{"camera/index", 999}, {"image/out_resolution", -1}, {"save/prefix", "DOC"},
+                       {"watermark/strikeOut", true}});
+        Config config;
+        QCOMPARE(config.camera_index, 999);
+        QCOMPARE(config.image_out_resolution, -1);
+        QCOMPARE(config.save_prefix, QString("DOC"));
+        QCOMPARE(config.watermark_font_strikeOut, true);
+    }
+
+    void otherWorkingDirectoryUsesOtherFile()
+    {
+        {
+            WorkingDirectory first;
+            writeSettings("system.ini", {}, {{"save/prefix", "FIRST"}});
+            Config config;
+            QCOMPARE(config.save_prefix, QString("FIRST"));
+        }
+        WorkingDirectory second;
+        Config config;
+        QCOMPARE(config.save_prefix, QString("IMG"));
+        QVERIFY(QFile::exists(second.path() + "/system.ini"));
+    }
+
+    void outputFolderIsCreatedWithParents()
+    {
+        WorkingDirectory wd;
+        const QString folder = wd.path() + "/a/b/c/photos";
+        writeSettings("system.ini", {}, {{"user/documentsLocation", folder}});
+        QVERIFY(!QDir(wd.path() + "/a").exists());
+        Config config;
+        QCOMPARE(config.user_documentsLocation, folder);
+        QVERIFY(QDir(folder).exists());
+    }
+
+    void uncreatableOutputFolderPassesSilently()
+    {
+        WorkingDirectory wd;
+        QFile blocker("blocker");
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        writeSettings("system.ini", {}, {{"user/documentsLocation", wd.path() + "/blocker/sub"}});
+        Config config;
+        QVERIFY(!QDir(wd.path() + "/blocker/sub").exists());
+        QCOMPARE(config.save_prefix, QString("IMG"));
+    }
+
+    void saveWritesEveryMemberAndLoadReadsItBack()
+    {
+        WorkingDirectory wd;
+        {
+            Config config;
+            config.camera_index = 2;
+            config.image_codec = "png";
+            config.save_number = 41;
+            config.save_pdf_source = false;
+            config.watermark_text = "机密";
+            config.watermark_font_underline = true;
+            config.painting_other_resolution = 7;
+            config.user_documentsLocation = wd.path() + "/out";
+            config.save();
+        }
+        Config config;
+        QCOMPARE(config.camera_index, 2);
+        QCOMPARE(config.image_codec, QString("png"));
+        QCOMPARE(config.save_number, 41);
+        QCOMPARE(config.save_pdf_source, false);
+        QCOMPARE(config.watermark_text, QString("机密"));
+        QCOMPARE(config.watermark_font_underline, true);
+        QCOMPARE(config.painting_other_resolution, 7);
+        QVERIFY(QDir(wd.path() + "/out").exists());
+    }
+
+    void initRestoresDefaultsButKeepsCameraAndFolder()
+    {
+        WorkingDirectory wd;
+        Config config;
+        config.camera_index = 3;
+        config.user_documentsLocation = "/somewhere";
+        config.image_quality = 12;
+        config.watermark_font_family = "Serif";
+        config.painting_percentage = 90;
+        config.isSaveTiff = true;
+        const QByteArray before = readAll("system.ini");
+
+        config.init();
+        QCOMPARE(config.camera_index, 3);
+        QCOMPARE(config.user_documentsLocation, QString("/somewhere"));
+        QCOMPARE(config.image_quality, 80);
+        QCOMPARE(config.watermark_font_family, QString("Arial"));
+        QCOMPARE(config.painting_percentage, 30);
+        QCOMPARE(config.isSaveTiff, true);
+        QCOMPARE(readAll("system.ini"), before);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestConfig)
+#include "tst_config.moc"
