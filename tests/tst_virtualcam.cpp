@@ -1,0 +1,1125 @@
+// Behaviour of the preloaded virtual camera library, seen the way our
+// discovery code (raw Video4Linux2 calls) and OpenCV's V4L2 back end see it.
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QMap>
+#include <QSize>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
+
+#include <linux/videodev2.h>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char **environ;
+
+namespace {
+
+const quint32 kUsbDriverCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING |
+                               V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_DEVICE_CAPS;
+
+int openNode(int n, int flags = O_RDWR)
+{
+    return ::open(("/dev/video" + std::to_string(n)).c_str(), flags);
+}
+
+int xioctl(int fd, unsigned long request, void *arg)
+{
+    int r;
+    do
+        r = ::ioctl(fd, request, arg);
+    while (r < 0 && errno == EINTR);
+    return r;
+}
+
+QString fourccText(quint32 f)
+{
+    QString s;
+    for (int i = 0; i < 4; ++i)
+        s += QChar(char((f >> (8 * i)) & 0xff));
+    return s;
+}
+
+struct Fd {
+    int fd = -1;
+    explicit Fd(int f) : fd(f) {}
+    ~Fd()
+    {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+};
+
+struct Listing {
+    bool ok = false;
+    QString card, driver, bus;
+    quint32 caps = 0, deviceCaps = 0;
+    QStringList formats;       // fourcc:description
+    QMap<QString, QList<QSize>> sizes;
+};
+
+// What our discovery does: open, QUERYCAP, ENUM_FMT, ENUM_FRAMESIZES, close.
+Listing discover(int n)
+{
+    Listing l;
+    Fd fd(openNode(n));
+    if (fd.fd < 0)
+        return l;
+    v4l2_capability cap{};
+    if (xioctl(fd.fd, VIDIOC_QUERYCAP, &cap) != 0)
+        return l;
+    l.ok = true;
+    l.card = QString::fromUtf8(reinterpret_cast<const char *>(cap.card));
+    l.driver = QString::fromUtf8(reinterpret_cast<const char *>(cap.driver));
+    l.bus = QString::fromUtf8(reinterpret_cast<const char *>(cap.bus_info));
+    l.caps = cap.capabilities;
+    l.deviceCaps = cap.device_caps;
+    for (quint32 i = 0;; ++i) {
+        v4l2_fmtdesc f{};
+        f.index = i;
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        if (xioctl(fd.fd, VIDIOC_ENUM_FMT, &f) != 0)
+            break;
+        const QString fcc = fourccText(f.pixelformat);
+        l.formats << fcc + ":" + QString::fromUtf8(reinterpret_cast<const char *>(f.description));
+        for (quint32 j = 0;; ++j) {
+            v4l2_frmsizeenum s{};
+            s.index = j;
+            s.pixel_format = f.pixelformat;
+            if (xioctl(fd.fd, VIDIOC_ENUM_FRAMESIZES, &s) != 0)
+                break;
+            if (s.type != V4L2_FRMSIZE_TYPE_DISCRETE)
+                break;
+            l.sizes[fcc] << QSize(int(s.discrete.width), int(s.discrete.height));
+        }
+    }
+    return l;
+}
+
+// A minimal memory-mapped capture client.
+struct RawStream {
+    int fd = -1;
+    std::vector<std::pair<void *, size_t>> maps;
+
+    ~RawStream()
+    {
+        for (auto &m : maps)
+            ::munmap(m.first, m.second);
+        if (fd >= 0)
+            ::close(fd);
+    }
+
+    bool start(int node, quint32 fourcc, int w, int h, quint32 count)
+    {
+        fd = openNode(node);
+        if (fd < 0)
+            return false;
+        v4l2_format f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        f.fmt.pix.pixelformat = fourcc;
+        f.fmt.pix.width = quint32(w);
+        f.fmt.pix.height = quint32(h);
+        if (xioctl(fd, VIDIOC_S_FMT, &f) != 0)
+            return false;
+        v4l2_requestbuffers req{};
+        req.count = count;
+        req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        req.memory = V4L2_MEMORY_MMAP;
+        if (xioctl(fd, VIDIOC_REQBUFS, &req) != 0)
+            return false;
+        for (quint32 i = 0; i < req.count; ++i) {
+            v4l2_buffer b{};
+            b.index = i;
+            b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            b.memory = V4L2_MEMORY_MMAP;
+            if (xioctl(fd, VIDIOC_QUERYBUF, &b) != 0)
+                return false;
+            void *p = ::mmap(nullptr, b.length, PROT_READ, MAP_SHARED, fd, b.m.offset);
+            if (p == MAP_FAILED)
+                return false;
+            maps.emplace_back(p, b.length);
+            if (xioctl(fd, VIDIOC_QBUF, &b) != 0)
+                return false;
+        }
+        int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        return xioctl(fd, VIDIOC_STREAMON, &type) == 0;
+    }
+
+    int dequeue(v4l2_buffer *b)
+    {
+        *b = v4l2_buffer{};
+        b->type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        b->memory = V4L2_MEMORY_MMAP;
+        return xioctl(fd, VIDIOC_DQBUF, b);
+    }
+
+    int requeue(v4l2_buffer *b) { return xioctl(fd, VIDIOC_QBUF, b); }
+
+    const uchar *data(const v4l2_buffer &b) const { return static_cast<const uchar *>(maps[b.index].first); }
+};
+
+cv::Mat grey(const cv::Mat &bgr)
+{
+    cv::Mat g;
+    cv::cvtColor(bgr, g, cv::COLOR_BGR2GRAY);
+    return g;
+}
+
+double meanAt(const cv::Mat &g, int x, int y, int r = 3)
+{
+    return cv::mean(g(cv::Rect(x - r, y - r, 2 * r + 1, 2 * r + 1)))[0];
+}
+
+bool openCapture(cv::VideoCapture &cap, int index, const char *fourcc, int w, int h)
+{
+    if (!cap.open(index, cv::CAP_V4L2))
+        return false;
+    if (fourcc && !cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc(fourcc[0], fourcc[1], fourcc[2], fourcc[3])))
+        return false;
+    return cap.set(cv::CAP_PROP_FRAME_WIDTH, w) && cap.set(cv::CAP_PROP_FRAME_HEIGHT, h);
+}
+
+}  // namespace
+
+class TstVirtualcam : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<QTemporaryDir> m_state;
+
+    QMap<QString, QString> readState(int node) const
+    {
+        QMap<QString, QString> values;
+        QFile f(m_state->filePath(QStringLiteral("video%1.state").arg(node)));
+        if (!f.open(QIODevice::ReadOnly))
+            return values;
+        const QStringList lines = QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts);
+        for (const QString &line : lines)
+            values.insert(line.section('=', 0, 0), line.section('=', 1));
+        return values;
+    }
+
+    QStringList stateKeys(int node) const
+    {
+        QStringList keys;
+        QFile f(m_state->filePath(QStringLiteral("video%1.state").arg(node)));
+        if (f.open(QIODevice::ReadOnly))
+            for (const QString &line : QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts))
+                keys << line.section('=', 0, 0);
+        return keys;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        // Read once by OpenCV when its back-end registry is first used.
+        qputenv("OPENCV_VIDEOIO_PRIORITY_LIST", "V4L2");
+    }
+
+    void init()
+    {
+        QStringList names;
+        for (char **e = environ; e && *e; ++e)
+            if (std::strncmp(*e, "VCAM_", 5) == 0)
+                names << QString::fromLocal8Bit(*e).section('=', 0, 0);
+        for (const QString &n : names)
+            qunsetenv(n.toLocal8Bit().constData());
+        m_state.reset(new QTemporaryDir);
+        QVERIFY(m_state->isValid());
+        qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
+    }
+
+    void discoveryListsConfiguredCardsFormatsAndSizes()
+    {
+        qputenv("VCAM_CAMERAS", "2");
+        qputenv("VCAM_0_CARD", "Desk Scanner A");
+        qputenv("VCAM_0_FORMATS", "YUYV,MJPG");
+        qputenv("VCAM_0_SIZES", "1920x1080,640x480");
+        qputenv("VCAM_0_SIZES_MJPG", "2592x1944,1280x720");
+        qputenv("VCAM_2_SIZES", "800x600");
+
+        const Listing a = discover(0);
+        QVERIFY(a.ok);
+        QCOMPARE(a.card, QStringLiteral("Desk Scanner A"));
+        QCOMPARE(a.driver, QStringLiteral("uvcvideo"));
+        QCOMPARE(a.bus, QStringLiteral("usb-0000:00:14.0-1"));
+        QCOMPARE(a.caps, kUsbDriverCaps);
+        QCOMPARE(a.deviceCaps, quint32(V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT));
+        QCOMPARE(a.formats, QStringList({"YUYV:YUYV 4:2:2", "MJPG:Motion-JPEG"}));
+        QCOMPARE(a.sizes.value("YUYV"), QList<QSize>({QSize(1920, 1080), QSize(640, 480)}));
+        QCOMPARE(a.sizes.value("MJPG"), QList<QSize>({QSize(2592, 1944), QSize(1280, 720)}));
+
+        const Listing metaA = discover(1);
+        QVERIFY(metaA.ok);
+        QCOMPARE(metaA.card, QStringLiteral("Desk Scanner A"));
+        QCOMPARE(metaA.bus, a.bus);
+        QVERIFY(metaA.formats.isEmpty());
+
+        const Listing b = discover(2);
+        QVERIFY(b.ok);
+        QCOMPARE(b.card, QStringLiteral("Virtual Document Camera 2"));
+        QCOMPARE(b.bus, QStringLiteral("usb-0000:00:14.0-2"));
+        QCOMPARE(b.formats, QStringList({"MJPG:Motion-JPEG", "YUYV:YUYV 4:2:2"}));
+        QCOMPARE(b.sizes.value("MJPG"), QList<QSize>({QSize(800, 600)}));
+        QCOMPARE(b.sizes.value("YUYV"), QList<QSize>({QSize(800, 600)}));
+        QVERIFY(discover(3).ok);
+
+        errno = 0;
+        QCOMPARE(openNode(4), -1);
+        QCOMPARE(errno, ENOENT);
+
+        // MJPG is flagged compressed; YUYV is not.
+        Fd fd(openNode(0));
+        v4l2_fmtdesc f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        f.index = 1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FMT, &f), 0);
+        QCOMPARE(f.pixelformat, quint32(V4L2_PIX_FMT_MJPEG));
+        QCOMPARE(f.flags, quint32(V4L2_FMT_FLAG_COMPRESSED));
+        f.index = 0;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FMT, &f), 0);
+        QCOMPARE(f.flags, 0u);
+    }
+
+    void defaultLayoutIsOneCameraFollowedByItsMetadataNode()
+    {
+        const Listing cam = discover(0);
+        QVERIFY(cam.ok);
+        QCOMPARE(cam.card, QStringLiteral("Virtual Document Camera 0"));
+        QCOMPARE(cam.formats, QStringList({"MJPG:Motion-JPEG", "YUYV:YUYV 4:2:2"}));
+        const QList<QSize> sizes{QSize(3264, 2448), QSize(1920, 1080), QSize(1280, 720), QSize(640, 480)};
+        QCOMPARE(cam.sizes.value("MJPG"), sizes);
+        QCOMPARE(cam.sizes.value("YUYV"), sizes);
+
+        Fd fd(openNode(0));
+        v4l2_frmivalenum iv{};
+        iv.pixel_format = V4L2_PIX_FMT_MJPEG;
+        iv.width = 1280;
+        iv.height = 720;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FRAMEINTERVALS, &iv), 0);
+        QCOMPARE(iv.type, quint32(V4L2_FRMIVAL_TYPE_DISCRETE));
+        QCOMPARE(iv.discrete.numerator, 1u);
+        QCOMPARE(iv.discrete.denominator, 30u);
+        iv.index = 1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FRAMEINTERVALS, &iv), -1);
+        QCOMPARE(errno, EINVAL);
+
+        QVERIFY(discover(1).ok);
+        QCOMPARE(discover(1).deviceCaps & V4L2_CAP_META_CAPTURE, quint32(V4L2_CAP_META_CAPTURE));
+        errno = 0;
+        QCOMPARE(openNode(2), -1);
+        QCOMPARE(errno, ENOENT);
+    }
+
+    void metadataNodeReportsCaptureOnlyInDriverCapabilities()
+    {
+        Fd fd(openNode(1));
+        QVERIFY(fd.fd >= 0);
+        v4l2_capability cap{};
+        QCOMPARE(xioctl(fd.fd, VIDIOC_QUERYCAP, &cap), 0);
+        QCOMPARE(cap.capabilities, kUsbDriverCaps);
+        QCOMPARE(cap.device_caps, quint32(V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT));
+        QVERIFY(!(cap.device_caps & V4L2_CAP_VIDEO_CAPTURE));
+
+        v4l2_fmtdesc f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FMT, &f), -1);
+        QCOMPARE(errno, EINVAL);
+
+        v4l2_format fmt{};
+        fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_FMT, &fmt), -1);
+        QCOMPARE(errno, EINVAL);
+        fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        fmt.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_FMT, &fmt), -1);
+        QCOMPARE(errno, EINVAL);
+
+        // Its own format is the payload header metadata.
+        f = v4l2_fmtdesc{};
+        f.type = V4L2_BUF_TYPE_META_CAPTURE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FMT, &f), 0);
+        QCOMPARE(f.pixelformat, quint32(V4L2_META_FMT_UVC));
+
+        cv::VideoCapture cap1;
+        QVERIFY(!cap1.open(1, cv::CAP_V4L2));
+    }
+
+    void outputNodeIsNotACaptureDevice()
+    {
+        qputenv("VCAM_NODES", "0:camera,1:meta,3:camera,4:output");
+        const Listing out = discover(4);
+        QVERIFY(out.ok);
+        QVERIFY(!(out.caps & V4L2_CAP_VIDEO_CAPTURE));
+        QVERIFY(!(out.deviceCaps & V4L2_CAP_VIDEO_CAPTURE));
+        QCOMPARE(out.caps, quint32(V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS));
+        QCOMPARE(out.deviceCaps & quint32(V4L2_CAP_VIDEO_OUTPUT), quint32(V4L2_CAP_VIDEO_OUTPUT));
+        QVERIFY(out.formats.isEmpty());
+
+        const Listing cam3 = discover(3);
+        QVERIFY(cam3.ok);
+        QCOMPARE(cam3.card, QStringLiteral("Virtual Document Camera 3"));
+        QCOMPARE(cam3.deviceCaps & V4L2_CAP_VIDEO_CAPTURE, quint32(V4L2_CAP_VIDEO_CAPTURE));
+        QVERIFY(!discover(2).ok);
+
+        cv::VideoCapture cap;
+        QVERIFY(!cap.open(4, cv::CAP_V4L2));
+    }
+
+    void gapInNodeLayoutFailsWithENOENT()
+    {
+        qputenv("VCAM_NODES", "0:camera,2:camera");
+        QVERIFY(discover(0).ok);
+        QVERIFY(discover(2).ok);
+        errno = 0;
+        QCOMPARE(openNode(1), -1);
+        QCOMPARE(errno, ENOENT);
+
+        qputenv("VCAM_NODES", "");
+        errno = 0;
+        QCOMPARE(openNode(0), -1);
+        QCOMPARE(errno, ENOENT);
+        errno = 0;
+        QCOMPARE(::openat(AT_FDCWD, "/dev/video2", O_RDONLY), -1);
+        QCOMPARE(errno, ENOENT);
+    }
+
+    void unknownIoctlFailsWithENOTTYAndBadIndexesWithEINVAL()
+    {
+        qputenv("VCAM_0_FORMATS", "MJPG");
+        qputenv("VCAM_0_SIZES", "640x480");
+        Fd fd(openNode(0));
+        QVERIFY(fd.fd >= 0);
+        v4l2_std_id std = 0;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_STD, &std), -1);
+        QCOMPARE(errno, ENOTTY);
+        int junk = 0;
+        QCOMPARE(xioctl(fd.fd, _IOWR('V', 250, int), &junk), -1);
+        QCOMPARE(errno, ENOTTY);
+
+        v4l2_fmtdesc f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        f.index = 1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FMT, &f), -1);
+        QCOMPARE(errno, EINVAL);
+        v4l2_frmsizeenum s{};
+        s.pixel_format = V4L2_PIX_FMT_MJPEG;
+        s.index = 1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FRAMESIZES, &s), -1);
+        QCOMPARE(errno, EINVAL);
+        s.index = 0;
+        s.pixel_format = V4L2_PIX_FMT_YUYV;  // not offered by this camera
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FRAMESIZES, &s), -1);
+        QCOMPARE(errno, EINVAL);
+
+        v4l2_input in{};
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUMINPUT, &in), 0);
+        QCOMPARE(QString::fromUtf8(reinterpret_cast<const char *>(in.name)), QStringLiteral("Camera 1"));
+        QCOMPARE(in.type, quint32(V4L2_INPUT_TYPE_CAMERA));
+        in.index = 1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUMINPUT, &in), -1);
+        QCOMPARE(errno, EINVAL);
+        int input = 7;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_INPUT, &input), 0);
+        QCOMPARE(input, 0);
+        input = 1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_INPUT, &input), -1);
+        QCOMPARE(errno, EINVAL);
+
+        // Descriptors that are not ours reach the kernel as before.
+        int pipeFds[2];
+        QCOMPARE(::pipe(pipeFds), 0);
+        v4l2_capability cap{};
+        QCOMPARE(xioctl(pipeFds[0], VIDIOC_QUERYCAP, &cap), -1);
+        QCOMPARE(errno, ENOTTY);
+        ::close(pipeFds[0]);
+        ::close(pipeFds[1]);
+    }
+
+    void failingFormatEnumerationFailsAtIndexZero()
+    {
+        qputenv("VCAM_0_ENUMFMT_FAIL", "1");
+        const Listing l = discover(0);
+        QVERIFY(l.ok);
+        QVERIFY(l.formats.isEmpty());
+        Fd fd(openNode(0));
+        v4l2_fmtdesc f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FMT, &f), -1);
+        QCOMPARE(errno, EINVAL);
+    }
+
+    void opencvStreamsMjpegAtRequestedSize()
+    {
+        qputenv("VCAM_0_SIZES", "1280x720,640x480");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+        QCOMPARE(int(cap.get(cv::CAP_PROP_FOURCC)), cv::VideoWriter::fourcc('M', 'J', 'P', 'G'));
+        cv::Mat frame;
+        for (int i = 0; i < 3; ++i) {
+            QVERIFY(cap.read(frame));
+            QCOMPARE(frame.cols, 1280);
+            QCOMPARE(frame.rows, 720);
+            QCOMPARE(frame.type(), CV_8UC3);
+        }
+        QMap<QString, QString> st = readState(0);
+        QCOMPARE(st.value("pixelformat"), QStringLiteral("MJPG"));
+        QCOMPARE(st.value("width"), QStringLiteral("1280"));
+        QCOMPARE(st.value("height"), QStringLiteral("720"));
+        QCOMPARE(st.value("streaming"), QStringLiteral("1"));
+        QCOMPARE(st.value("fps"), QStringLiteral("30"));
+        QCOMPARE(st.value("opens"), QStringLiteral("1"));
+        // The first read also takes the frame OpenCV throws away.
+        QCOMPARE(st.value("frames"), QStringLiteral("4"));
+        QCOMPARE(stateKeys(0), QStringList({"pixelformat", "width", "height", "fps", "exposure_auto",
+                                            "exposure_absolute", "exposure_absolute_requested",
+                                            "exposure_auto_requested", "focus_auto", "streaming", "frames",
+                                            "opens"}));
+        cap.release();
+        st = readState(0);
+        QCOMPARE(st.value("streaming"), QStringLiteral("0"));
+        // Written by rename: no temporary file is left behind.
+        QCOMPARE(QDir(m_state->path()).entryList(QDir::Files), QStringList({"video0.state"}));
+    }
+
+    void opencvStreamsYuyvAtRequestedSize()
+    {
+        qputenv("VCAM_0_SIZES", "640x480,320x240");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "YUYV", 320, 240));
+        QCOMPARE(int(cap.get(cv::CAP_PROP_FOURCC)), cv::VideoWriter::fourcc('Y', 'U', 'Y', 'V'));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        QCOMPARE(frame.cols, 320);
+        QCOMPARE(frame.rows, 240);
+        const cv::Mat g = grey(frame);
+        // Default scene: one sheet in the middle of a dark desk.
+        QVERIFY2(meanAt(g, 160, 120) > 225, qPrintable(QString::number(meanAt(g, 160, 120))));
+        QVERIFY(meanAt(g, 8, 8) < 70);
+        QVERIFY(meanAt(g, 311, 120) < 80);
+        const QMap<QString, QString> st = readState(0);
+        QCOMPARE(st.value("pixelformat"), QStringLiteral("YUYV"));
+        QCOMPARE(st.value("width"), QStringLiteral("320"));
+        QCOMPARE(st.value("height"), QStringLiteral("240"));
+    }
+
+    void defaultBackendOpensVirtualCameraWhenV4l2HasPriority()
+    {
+        qputenv("VCAM_0_SIZES", "640x480");
+        cv::VideoCapture cap(0, cv::CAP_ANY);
+        QVERIFY(cap.isOpened());
+        QCOMPARE(QString::fromStdString(cap.getBackendName()), QStringLiteral("V4L2"));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        QCOMPARE(frame.size(), cv::Size(640, 480));
+    }
+
+    void sheetSceneShowsBrightSheetOnDarkDesk()
+    {
+        qputenv("VCAM_0_SIZES", "640x480");
+        qputenv("VCAM_0_SCENE", "sheets:0.3,0.4,0.3,0.4,0;0.8,0.7,0.2,0.3,10");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 640, 480));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        const cv::Mat g = grey(frame);
+        QVERIFY(meanAt(g, 192, 192) > 225);   // first sheet centre
+        QVERIFY(meanAt(g, 512, 336) > 225);   // second sheet centre
+        QVERIFY(meanAt(g, 8, 8) < 70);        // desk corner
+        QVERIFY(meanAt(g, 400, 100) < 80);    // desk between the sheets
+        QVERIFY(meanAt(g, 192, 60) < 80);     // just above the first sheet (top edge at y = 96)
+        QVERIFY(meanAt(g, 192, 104) > 200);   // just inside it
+
+        qputenv("VCAM_0_SCENE", "desk");
+        cv::VideoCapture desk;
+        QVERIFY(openCapture(desk, 0, "MJPG", 640, 480));
+        QVERIFY(desk.read(frame));
+        double maxGrey = 0;
+        cv::minMaxLoc(grey(frame), nullptr, &maxGrey);
+        QVERIFY2(maxGrey < 160, qPrintable(QString::number(maxGrey)));
+    }
+
+    void rotatedSheetKeepsConfiguredAngleAndSize()
+    {
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", "sheets:0.5,0.5,0.5,0.5,30");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        cv::Mat mask;
+        cv::threshold(grey(frame), mask, 150, 255, cv::THRESH_BINARY);
+        std::vector<std::vector<cv::Point>> contours;
+        cv::findContours(mask, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+        QVERIFY(!contours.empty());
+        size_t largest = 0;
+        for (size_t i = 1; i < contours.size(); ++i)
+            if (cv::contourArea(contours[i]) > cv::contourArea(contours[largest]))
+                largest = i;
+        const cv::RotatedRect r = cv::minAreaRect(contours[largest]);
+
+        double a = std::fmod(r.angle, 90.0);
+        if (a < 0)
+            a += 90;
+        const double off = std::min(std::abs(a - 30.0), 90 - std::abs(a - 30.0));
+        QVERIFY2(off < 2.0, qPrintable(QString::number(r.angle)));
+
+        const double longSide = std::max(r.size.width, r.size.height);
+        const double shortSide = std::min(r.size.width, r.size.height);
+        QVERIFY2(std::abs(longSide - 640) < 0.03 * 640, qPrintable(QString::number(longSide)));
+        QVERIFY2(std::abs(shortSide - 360) < 0.03 * 360, qPrintable(QString::number(shortSide)));
+
+        // The long side runs 30 degrees clockwise from the x axis (y points down).
+        cv::Point2f p[4];
+        r.points(p);
+        cv::Point2f edge = p[1] - p[0];
+        if (cv::norm(p[2] - p[1]) > cv::norm(edge))
+            edge = p[2] - p[1];
+        double dir = std::atan2(edge.y, edge.x) * 180.0 / CV_PI;
+        dir = std::fmod(dir + 360.0, 180.0);
+        QVERIFY2(std::abs(dir - 30.0) < 2.0, qPrintable(QString::number(dir)));
+        QVERIFY(std::abs(r.center.x - 640) < 4 && std::abs(r.center.y - 360) < 4);
+    }
+
+    void frameCounterChangesEveryFrameAndStaysDim()
+    {
+        for (const cv::Size size : {cv::Size(320, 240), cv::Size(1280, 720)}) {
+            const QByteArray sz = QByteArray::number(size.width) + "x" + QByteArray::number(size.height);
+            qputenv("VCAM_0_SIZES", sz);
+            cv::VideoCapture cap;
+            QVERIFY(openCapture(cap, 0, "YUYV", size.width, size.height));
+            cv::Mat a, b;
+            QVERIFY(cap.read(a));
+            QVERIFY(cap.read(b));
+            // Below the default sheet, which ends at 85 % of the height.
+            const cv::Rect counter(0, int(size.height * 0.88), int(size.width * 0.3),
+                                   size.height - int(size.height * 0.88));
+            cv::Mat diff;
+            cv::absdiff(grey(a)(counter), grey(b)(counter), diff);
+            QVERIFY2(cv::countNonZero(diff > 40) >= 5, sz.constData());
+            // The rest of the picture does not change.
+            const cv::Rect middle(size.width / 4, size.height / 4, size.width / 2, size.height / 2);
+            cv::absdiff(grey(a)(middle), grey(b)(middle), diff);
+            QCOMPARE(cv::countNonZero(diff > 10), 0);
+            // Readable mid-grey digits, never a bright patch.
+            double lo = 0, hi = 0;
+            cv::minMaxLoc(grey(b)(counter), &lo, &hi);
+            QVERIFY2(hi > 100 && hi < 160, qPrintable(QString::number(hi)));
+        }
+    }
+
+    void imageSceneReproducesThePicture()
+    {
+        cv::Mat pic(600, 800, CV_8UC3);
+        for (int y = 0; y < pic.rows; ++y)
+            for (int x = 0; x < pic.cols; ++x)
+                pic.at<cv::Vec3b>(y, x) = cv::Vec3b(uchar(x * 255 / 799), uchar(y * 255 / 599), 90);
+        cv::circle(pic, cv::Point(250, 300), 120, cv::Scalar(20, 220, 240), cv::FILLED);
+        cv::rectangle(pic, cv::Rect(480, 80, 220, 160), cv::Scalar(200, 40, 30), cv::FILLED);
+        const QString path = m_state->filePath("scene.png");
+        QVERIFY(cv::imwrite(path.toStdString(), pic));
+        qputenv("VCAM_0_SIZES", "640x480");
+        qputenv("VCAM_0_SCENE", "image:" + path.toLocal8Bit());
+
+        cv::Mat expected;
+        cv::resize(pic, expected, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
+        for (const char *fcc : {"MJPG", "YUYV"}) {
+            cv::VideoCapture cap;
+            QVERIFY(openCapture(cap, 0, fcc, 640, 480));
+            cv::Mat frame;
+            QVERIFY(cap.read(frame));
+            QCOMPARE(frame.size(), cv::Size(640, 480));
+            cv::Mat diff;
+            cv::absdiff(frame, expected, diff);
+            const cv::Scalar m = cv::mean(diff);
+            const double mad = (m[0] + m[1] + m[2]) / 3;
+            QVERIFY2(mad < 6.0, qPrintable(QString("%1 %2").arg(fcc).arg(mad)));
+        }
+    }
+
+    void exposureAndFocusSetThroughOpenCvAreRecorded()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 320, 240));
+        QMap<QString, QString> st = readState(0);
+        QCOMPARE(st.value("exposure_auto"), QStringLiteral("3"));
+        QCOMPARE(st.value("exposure_absolute"), QStringLiteral("250"));
+        QCOMPARE(st.value("exposure_absolute_requested"), QString());
+        QCOMPARE(st.value("exposure_auto_requested"), QString());
+        QCOMPARE(st.value("focus_auto"), QStringLiteral("1"));
+
+        QVERIFY(cap.set(cv::CAP_PROP_AUTO_EXPOSURE, 1));
+        st = readState(0);
+        QCOMPARE(st.value("exposure_auto"), QStringLiteral("1"));
+        QCOMPARE(st.value("exposure_auto_requested"), QStringLiteral("1"));
+        QCOMPARE(cap.get(cv::CAP_PROP_AUTO_EXPOSURE), 1.0);
+
+        QVERIFY(cap.set(cv::CAP_PROP_EXPOSURE, -3));
+        st = readState(0);
+        QCOMPARE(st.value("exposure_absolute_requested"), QStringLiteral("-3"));
+        // The camera stores exposure unsigned: a negative request ends at the maximum.
+        QCOMPARE(st.value("exposure_absolute"), QStringLiteral("2047"));
+        QVERIFY(cap.set(cv::CAP_PROP_EXPOSURE, 1));
+        QCOMPARE(readState(0).value("exposure_absolute"), QStringLiteral("3"));
+        QVERIFY(cap.set(cv::CAP_PROP_EXPOSURE, 120));
+        QCOMPARE(readState(0).value("exposure_absolute"), QStringLiteral("120"));
+        QCOMPARE(cap.get(cv::CAP_PROP_EXPOSURE), 120.0);
+
+        QVERIFY(cap.set(cv::CAP_PROP_AUTOFOCUS, 0));
+        QCOMPARE(readState(0).value("focus_auto"), QStringLiteral("0"));
+        QVERIFY(cap.set(cv::CAP_PROP_AUTOFOCUS, 1));
+        QCOMPARE(readState(0).value("focus_auto"), QStringLiteral("1"));
+
+        // A mode the camera does not offer is refused but still recorded.
+        QVERIFY(!cap.set(cv::CAP_PROP_AUTO_EXPOSURE, 2));
+        st = readState(0);
+        QCOMPARE(st.value("exposure_auto_requested"), QStringLiteral("2"));
+        QCOMPARE(st.value("exposure_auto"), QStringLiteral("1"));
+
+        // Controls belong to the device: another open sees them.
+        Fd fd(openNode(0));
+        v4l2_control c{};
+        c.id = V4L2_CID_EXPOSURE_ABSOLUTE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_CTRL, &c), 0);
+        QCOMPARE(c.value, 120);
+    }
+
+    void controlsBehaveLikeTheUsbDriver()
+    {
+        Fd fd(openNode(0));
+        QVERIFY(fd.fd >= 0);
+
+        QList<quint32> ids;
+        v4l2_queryctrl q{};
+        q.id = V4L2_CTRL_FLAG_NEXT_CTRL;
+        while (xioctl(fd.fd, VIDIOC_QUERYCTRL, &q) == 0) {
+            ids << q.id;
+            q.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
+        }
+        QCOMPARE(errno, EINVAL);
+        QCOMPARE(ids, QList<quint32>({V4L2_CID_BRIGHTNESS, V4L2_CID_CONTRAST, V4L2_CID_SATURATION, V4L2_CID_GAIN,
+                                      V4L2_CID_EXPOSURE_AUTO, V4L2_CID_EXPOSURE_ABSOLUTE, V4L2_CID_FOCUS_ABSOLUTE,
+                                      V4L2_CID_FOCUS_AUTO}));
+
+        q = v4l2_queryctrl{};
+        q.id = V4L2_CID_EXPOSURE_ABSOLUTE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_QUERYCTRL, &q), 0);
+        QCOMPARE(q.type, quint32(V4L2_CTRL_TYPE_INTEGER));
+        QCOMPARE(q.minimum, 3);
+        QCOMPARE(q.maximum, 2047);
+        QCOMPARE(q.default_value, 250);
+        QCOMPARE(q.flags & V4L2_CTRL_FLAG_INACTIVE, quint32(V4L2_CTRL_FLAG_INACTIVE));  // auto mode is on
+
+        q.id = V4L2_CID_EXPOSURE_AUTO;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_QUERYCTRL, &q), 0);
+        QCOMPARE(q.type, quint32(V4L2_CTRL_TYPE_MENU));
+        QCOMPARE(q.default_value, 3);
+        q.id = V4L2_CID_FOCUS_AUTO;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_QUERYCTRL, &q), 0);
+        QCOMPARE(q.type, quint32(V4L2_CTRL_TYPE_BOOLEAN));
+        QCOMPARE(q.default_value, 1);
+        q.id = V4L2_CID_HUE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_QUERYCTRL, &q), -1);
+        QCOMPARE(errno, EINVAL);
+
+        QStringList menu;
+        for (quint32 i = 0; i < 5; ++i) {
+            v4l2_querymenu m{};
+            m.id = V4L2_CID_EXPOSURE_AUTO;
+            m.index = i;
+            menu << (xioctl(fd.fd, VIDIOC_QUERYMENU, &m) == 0 ? QString::fromUtf8(reinterpret_cast<char *>(m.name))
+                                                               : QStringLiteral("-"));
+        }
+        QCOMPARE(menu, QStringList({"-", "Manual Mode", "-", "Aperture Priority Mode", "-"}));
+
+        v4l2_control c{};
+        c.id = V4L2_CID_EXPOSURE_AUTO;
+        c.value = 0;  // inside the menu but not offered
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), -1);
+        QCOMPARE(errno, EINVAL);
+        c.value = 2;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), -1);
+        QCOMPARE(errno, EINVAL);
+        c.value = 9;  // outside the menu
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), -1);
+        QCOMPARE(errno, ERANGE);
+        c.value = 1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), 0);
+        QCOMPARE(readState(0).value("exposure_auto"), QStringLiteral("1"));
+
+        c.id = V4L2_CID_EXPOSURE_ABSOLUTE;
+        c.value = 5000;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), 0);
+        QCOMPARE(c.value, 2047);
+        QCOMPARE(readState(0).value("exposure_absolute_requested"), QStringLiteral("5000"));
+        c.id = V4L2_CID_BRIGHTNESS;  // signed on the camera: clamps to the minimum
+        c.value = -100;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), 0);
+        QCOMPARE(c.value, -64);
+        c.id = V4L2_CID_FOCUS_AUTO;
+        c.value = 5;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), 0);
+        QCOMPARE(c.value, 1);
+
+        // Extended controls: all or nothing.
+        v4l2_ext_control ctrls[2]{};
+        ctrls[0].id = V4L2_CID_EXPOSURE_ABSOLUTE;
+        ctrls[0].value = 400;
+        ctrls[1].id = V4L2_CID_EXPOSURE_AUTO;
+        ctrls[1].value = 2;
+        v4l2_ext_controls ec{};
+        ec.which = V4L2_CTRL_WHICH_CUR_VAL;
+        ec.count = 2;
+        ec.controls = ctrls;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_TRY_EXT_CTRLS, &ec), -1);
+        QCOMPARE(errno, EINVAL);
+        QCOMPARE(ec.error_idx, 1u);
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_EXT_CTRLS, &ec), -1);
+        QCOMPARE(readState(0).value("exposure_absolute"), QStringLiteral("2047"));
+        ctrls[1].value = 1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_EXT_CTRLS, &ec), 0);
+        ctrls[0].value = ctrls[1].value = -1;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_EXT_CTRLS, &ec), 0);
+        QCOMPARE(ctrls[0].value, 400);
+        QCOMPARE(ctrls[1].value, 1);
+        ec.which = V4L2_CTRL_WHICH_DEF_VAL;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_EXT_CTRLS, &ec), 0);
+        QCOMPARE(ctrls[0].value, 250);
+        QCOMPARE(ctrls[1].value, 3);
+
+        v4l2_query_ext_ctrl qe{};
+        qe.id = V4L2_CID_FOCUS_AUTO;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_QUERY_EXT_CTRL, &qe), 0);
+        QCOMPARE(qe.maximum, qint64(1));
+        QCOMPARE(qe.elems, 1u);
+    }
+
+    void unplugAfterFiveFramesRemovesTheCamera()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_UNPLUG_AFTER", "5");
+        RawStream s;
+        QVERIFY(s.start(0, V4L2_PIX_FMT_MJPEG, 320, 240, 2));
+        for (int i = 0; i < 5; ++i) {
+            v4l2_buffer b;
+            QCOMPARE(s.dequeue(&b), 0);
+            QCOMPARE(b.sequence, quint32(i));
+            QVERIFY(b.bytesused > 100);
+            QCOMPARE(int(s.data(b)[0]), 0xff);  // a JPEG starts with SOI
+            QCOMPARE(int(s.data(b)[1]), 0xd8);
+            if (i < 4)
+                QCOMPARE(s.requeue(&b), 0);
+        }
+        v4l2_buffer b;
+        QCOMPARE(s.dequeue(&b), -1);
+        QCOMPARE(errno, ENODEV);
+        v4l2_capability cap{};
+        QCOMPARE(xioctl(s.fd, VIDIOC_QUERYCAP, &cap), -1);
+        QCOMPARE(errno, ENODEV);
+        int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(s.fd, VIDIOC_STREAMON, &type), -1);
+        QCOMPARE(errno, ENODEV);
+        errno = 0;
+        QCOMPARE(openNode(0), -1);
+        QCOMPARE(errno, ENOENT);
+        errno = 0;
+        QCOMPARE(openNode(1), -1);
+        QCOMPARE(errno, ENOENT);
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("5"));
+
+        // A new configuration plugs a fresh camera in.
+        qunsetenv("VCAM_0_UNPLUG_AFTER");
+        Fd again(openNode(0));
+        QVERIFY(again.fd >= 0);
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("0"));
+    }
+
+    void unplugEndsOpenCvReadsWithoutEndingTheProcess()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_UNPLUG_AFTER", "5");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 320, 240));
+        int good = 0;
+        cv::Mat frame;
+        while (good < 10 && cap.read(frame))
+            ++good;
+        // OpenCV drops the first frame of a stream, so 4 of the 5 reach the caller.
+        QVERIFY2(good >= 4 && good <= 5, qPrintable(QString::number(good)));
+        for (int i = 0; i < 3; ++i) {
+            QVERIFY(!cap.read(frame));
+            QVERIFY(frame.empty());
+        }
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("5"));
+        cap.release();
+        cv::VideoCapture again;
+        QVERIFY(!again.open(0, cv::CAP_V4L2));
+    }
+
+    void configuredFrameRateIsReportedRecordedAndPaced()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_FPS", "5");
+        {
+            Fd fd(openNode(0));
+            v4l2_streamparm p{};
+            p.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            p.parm.capture.timeperframe = {1, 30};
+            QCOMPARE(xioctl(fd.fd, VIDIOC_S_PARM, &p), 0);
+            QCOMPARE(p.parm.capture.timeperframe.numerator, 1u);
+            QCOMPARE(p.parm.capture.timeperframe.denominator, 5u);
+            QCOMPARE(p.parm.capture.capability, quint32(V4L2_CAP_TIMEPERFRAME));
+        }
+
+        RawStream s;
+        QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 3));
+        QElapsedTimer t;
+        t.start();
+        std::vector<double> stamps;
+        for (int i = 0; i < 7; ++i) {
+            v4l2_buffer b;
+            QCOMPARE(s.dequeue(&b), 0);
+            QCOMPARE(b.bytesused, 320u * 240u * 2u);
+            QVERIFY(b.flags & V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC);
+            if (i == 0)
+                QVERIFY(t.elapsed() < 120);  // the first frame comes at once, not after 200 ms
+            stamps.push_back(b.timestamp.tv_sec + b.timestamp.tv_usec / 1e6);
+            QCOMPARE(s.requeue(&b), 0);
+        }
+        const double span = stamps.back() - stamps.front();
+        QVERIFY2(span > 6 / 5.0 - 0.02 && span < 6 / 5.0 + 0.4, qPrintable(QString::number(span)));
+        QCOMPARE(readState(0).value("fps"), QStringLiteral("5"));
+
+        // The interval cannot change under a running stream.
+        v4l2_streamparm p{};
+        p.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        p.parm.capture.timeperframe = {1, 5};
+        QCOMPARE(xioctl(s.fd, VIDIOC_S_PARM, &p), -1);
+        QCOMPARE(errno, EBUSY);
+        QCOMPARE(xioctl(s.fd, VIDIOC_G_PARM, &p), 0);
+        QCOMPARE(p.parm.capture.timeperframe.denominator, 5u);
+    }
+
+    void openCvReportsConfiguredFrameRate()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_FPS", "15");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 320, 240));
+        QCOMPARE(cap.get(cv::CAP_PROP_FPS), 15.0);
+        QVERIFY(cap.set(cv::CAP_PROP_FPS, 15));
+        QCOMPARE(readState(0).value("fps"), QStringLiteral("15"));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        QElapsedTimer t;
+        t.start();
+        for (int i = 0; i < 5; ++i)
+            QVERIFY(cap.read(frame));
+        QVERIFY2(t.elapsed() >= 5 * 1000 / 15 - 20, qPrintable(QString::number(t.elapsed())));
+    }
+
+    void unsupportedFrameSizeGetsNearestOfferedSize()
+    {
+        qputenv("VCAM_0_SIZES", "1920x1080,1280x720,640x480");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1000, 700));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        QCOMPARE(frame.size(), cv::Size(1280, 720));
+        QCOMPARE(cap.get(cv::CAP_PROP_FRAME_WIDTH), 1280.0);
+        const QMap<QString, QString> st = readState(0);
+        QCOMPARE(st.value("width"), QStringLiteral("1280"));
+        QCOMPARE(st.value("height"), QStringLiteral("720"));
+
+        Fd fd(openNode(0));
+        v4l2_format f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        f.fmt.pix.pixelformat = V4L2_PIX_FMT_YUYV;
+        f.fmt.pix.width = 700;
+        f.fmt.pix.height = 500;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_TRY_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.width, 640u);
+        QCOMPARE(f.fmt.pix.height, 480u);
+        f.fmt.pix.width = 1900;
+        f.fmt.pix.height = 1000;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_TRY_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.width, 1920u);
+        QCOMPARE(f.fmt.pix.height, 1080u);
+    }
+
+    void formatNegotiationAndBuffersFollowTheDriver()
+    {
+        qputenv("VCAM_0_FORMATS", "YUYV,MJPG");
+        qputenv("VCAM_0_SIZES", "640x480,320x240");
+        Fd fd(openNode(0));
+        v4l2_format f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.pixelformat, quint32(V4L2_PIX_FMT_YUYV));
+        QCOMPARE(f.fmt.pix.width, 640u);
+
+        // An unsupported pixel format falls back to the first configured one.
+        f.fmt.pix.pixelformat = V4L2_PIX_FMT_RGB24;
+        f.fmt.pix.width = 320;
+        f.fmt.pix.height = 240;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.pixelformat, quint32(V4L2_PIX_FMT_YUYV));
+        QCOMPARE(f.fmt.pix.bytesperline, 640u);
+        QCOMPARE(f.fmt.pix.sizeimage, 320u * 240u * 2u);
+        QCOMPARE(f.fmt.pix.field, quint32(V4L2_FIELD_NONE));
+        QCOMPARE(f.fmt.pix.colorspace, quint32(V4L2_COLORSPACE_SRGB));
+
+        f.fmt.pix.pixelformat = V4L2_PIX_FMT_MJPEG;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.pixelformat, quint32(V4L2_PIX_FMT_MJPEG));
+        QCOMPARE(f.fmt.pix.bytesperline, 0u);
+        QVERIFY(f.fmt.pix.sizeimage >= 320u * 240u);
+        const quint32 sizeimage = f.fmt.pix.sizeimage;
+
+        v4l2_requestbuffers req{};
+        req.count = 100;
+        req.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        req.memory = V4L2_MEMORY_USERPTR;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_REQBUFS, &req), -1);
+        QCOMPARE(errno, EINVAL);
+        req.memory = V4L2_MEMORY_MMAP;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_REQBUFS, &req), 0);
+        QCOMPARE(req.count, 32u);
+        const long page = sysconf(_SC_PAGESIZE);
+        const quint32 stride = quint32((sizeimage + page - 1) / page * page);
+        for (quint32 i : {0u, 1u, 31u}) {
+            v4l2_buffer b{};
+            b.index = i;
+            b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            QCOMPARE(xioctl(fd.fd, VIDIOC_QUERYBUF, &b), 0);
+            QCOMPARE(b.length, sizeimage);
+            QCOMPARE(b.m.offset, i * stride);
+        }
+
+        // The format is locked while buffers exist.
+        f.fmt.pix.width = 640;
+        f.fmt.pix.height = 480;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_FMT, &f), -1);
+        QCOMPARE(errno, EBUSY);
+        QCOMPARE(xioctl(fd.fd, VIDIOC_TRY_FMT, &f), 0);
+        // Another open file cannot take the queue.
+        {
+            Fd other(openNode(0));
+            v4l2_requestbuffers r2{};
+            r2.count = 2;
+            r2.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            r2.memory = V4L2_MEMORY_MMAP;
+            QCOMPARE(xioctl(other.fd, VIDIOC_REQBUFS, &r2), -1);
+            QCOMPARE(errno, EBUSY);
+        }
+        v4l2_buffer b{};
+        b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        b.memory = V4L2_MEMORY_MMAP;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_DQBUF, &b), -1);  // not streaming
+        QCOMPARE(errno, EINVAL);
+        req.count = 0;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_REQBUFS, &req), 0);
+        QCOMPARE(xioctl(fd.fd, VIDIOC_S_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.width, 640u);
+        QCOMPARE(readState(0).value("width"), QStringLiteral("640"));
+    }
+
+    void streamOffReturnsBuffersAndStreamOnStartsAgain()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        RawStream s;
+        QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2));
+        v4l2_buffer b;
+        QCOMPARE(s.dequeue(&b), 0);
+        QCOMPARE(s.dequeue(&b), 0);
+        QCOMPARE(s.dequeue(&b), -1);  // nothing queued any more
+        QCOMPARE(errno, EINVAL);
+        QCOMPARE(readState(0).value("streaming"), QStringLiteral("1"));
+        int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(s.fd, VIDIOC_STREAMOFF, &type), 0);
+        QCOMPARE(readState(0).value("streaming"), QStringLiteral("0"));
+        for (quint32 i = 0; i < 2; ++i) {
+            v4l2_buffer q{};
+            q.index = i;
+            q.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+            q.memory = V4L2_MEMORY_MMAP;
+            QCOMPARE(xioctl(s.fd, VIDIOC_QUERYBUF, &q), 0);
+            QVERIFY(!(q.flags & V4L2_BUF_FLAG_QUEUED));
+            QVERIFY(q.flags & V4L2_BUF_FLAG_MAPPED);
+            QCOMPARE(s.requeue(&q), 0);
+        }
+        QCOMPARE(xioctl(s.fd, VIDIOC_STREAMON, &type), 0);
+        QCOMPARE(s.dequeue(&b), 0);
+        QCOMPARE(b.sequence, 0u);  // sequence numbers restart with the stream
+        // A YUYV frame decodes to the same picture OpenCV shows: paper in the middle.
+        cv::Mat yuyv(240, 320, CV_8UC2, const_cast<uchar *>(s.data(b)));
+        cv::Mat bgr;
+        cv::cvtColor(yuyv, bgr, cv::COLOR_YUV2BGR_YUYV);
+        const cv::Vec3b centre = bgr.at<cv::Vec3b>(120, 160);
+        QVERIFY(std::abs(int(centre[0]) - 236) <= 4 && std::abs(int(centre[1]) - 240) <= 4 &&
+                std::abs(int(centre[2]) - 242) <= 4);
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("3"));
+    }
+
+    void twoCamerasStreamFromSeparateThreads()
+    {
+        qputenv("VCAM_CAMERAS", "2");
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_2_SIZES", "640x480");
+        // Open both here: the configuration is read on open.
+        cv::VideoCapture a, b;
+        QVERIFY(openCapture(a, 0, "MJPG", 320, 240));
+        QVERIFY(openCapture(b, 2, "YUYV", 640, 480));
+        std::atomic<int> goodA{0}, goodB{0};
+        auto run = [](cv::VideoCapture *cap, cv::Size want, std::atomic<int> *good) {
+            cv::Mat f;
+            for (int i = 0; i < 8; ++i)
+                if (cap->read(f) && f.size() == want)
+                    ++*good;
+        };
+        std::thread ta(run, &a, cv::Size(320, 240), &goodA);
+        std::thread tb(run, &b, cv::Size(640, 480), &goodB);
+        ta.join();
+        tb.join();
+        QCOMPARE(goodA.load(), 8);
+        QCOMPARE(goodB.load(), 8);
+        QCOMPARE(readState(0).value("pixelformat"), QStringLiteral("MJPG"));
+        QCOMPARE(readState(2).value("pixelformat"), QStringLiteral("YUYV"));
+        QCOMPARE(readState(2).value("width"), QStringLiteral("640"));
+    }
+
+    void configurationChangeResetsRuntimeState()
+    {
+        ::close(openNode(0));
+        ::close(openNode(0));
+        QCOMPARE(readState(0).value("opens"), QStringLiteral("2"));
+        qputenv("VCAM_0_CARD", "Renamed Camera");
+        QCOMPARE(discover(0).card, QStringLiteral("Renamed Camera"));
+        QCOMPARE(readState(0).value("opens"), QStringLiteral("1"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstVirtualcam)
+#include "tst_virtualcam.moc"

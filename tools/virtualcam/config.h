@@ -1,0 +1,75 @@
+// Configuration of the virtual cameras, parsed from VCAM_* environment
+// variables. Pure data and parsing; no V4L2 behaviour lives here.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vcam {
+
+struct Size {
+    int width = 0;
+    int height = 0;
+    bool operator==(const Size &o) const { return width == o.width && height == o.height; }
+};
+
+struct FormatSpec {
+    uint32_t fourcc = 0;
+    std::vector<Size> sizes;   // enumeration order
+};
+
+struct SheetSpec {
+    double cx = 0.5, cy = 0.5;  // centre, fractions of frame width / height
+    double w = 0.55, h = 0.7;   // size, fractions of frame width / height
+    double angle = 0;           // degrees, clockwise on screen
+};
+
+struct SceneSpec {
+    enum Kind { Sheets, Image, Desk };
+    Kind kind = Sheets;
+    std::vector<SheetSpec> sheets;
+    std::string imagePath;
+    std::string key;  // canonical text, identifies the scene in caches
+};
+
+enum class NodeKind { Camera, Meta, Output };
+
+struct NodeSpec {
+    int index = 0;             // N of /dev/videoN
+    NodeKind kind = NodeKind::Camera;
+    int cameraIndex = -1;      // camera node this node belongs to (itself for cameras)
+    int usbPort = 1;           // last component of bus_info
+    std::string card;
+    // Capture settings, meaningful for cameras.
+    std::vector<FormatSpec> formats;
+    int fps = 30;
+    SceneSpec scene;
+    bool enumFmtFail = false;
+    long long unplugAfter = -1;  // frames; -1 = never
+};
+
+struct Config {
+    std::map<int, NodeSpec> nodes;
+    std::string stateDir;
+    bool trace = false;
+};
+
+using Env = std::map<std::string, std::string>;
+
+// All VCAM_* variables of the process environment.
+Env readVcamEnvironment();
+
+// Builds the device layout from the variables. Never fails: malformed
+// values fall back to defaults.
+Config parseConfig(const Env &env);
+
+// Parsers, exposed for reuse.
+bool parseFourcc(const std::string &text, uint32_t *fourcc);
+std::string fourccToString(uint32_t fourcc);
+std::vector<Size> parseSizes(const std::string &text);
+SceneSpec parseScene(const std::string &text);
+SceneSpec defaultScene();
+
+}  // namespace vcam

@@ -1,0 +1,217 @@
+#include "scene.h"
+
+#include <linux/videodev2.h>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+namespace vcam {
+
+namespace {
+
+const cv::Scalar kPaper(236, 240, 242);
+const cv::Scalar kInk(62, 60, 58);
+const cv::Scalar kCounter(128, 128, 128);
+const int kFont = cv::FONT_HERSHEY_SIMPLEX;
+const int kShift = 4;  // sub-pixel bits for polygon corners
+const double kPi = 3.14159265358979323846;
+
+std::atomic<uint64_t> g_stamps{0};
+
+void fillDesk(cv::Mat &img)
+{
+    const int w = img.cols, h = img.rows;
+    for (int y = 0; y < h; ++y) {
+        cv::Vec3b *row = img.ptr<cv::Vec3b>(y);
+        const double fy = h > 1 ? double(y) / (h - 1) : 0;
+        for (int x = 0; x < w; ++x) {
+            const double fx = w > 1 ? double(x) / (w - 1) : 0;
+            const int v = static_cast<int>(std::lround(36 + 22 * (0.6 * fx + 0.4 * fy)));
+            row[x] = cv::Vec3b(static_cast<uchar>(v + 3), static_cast<uchar>(v), static_cast<uchar>(v - 2));
+        }
+    }
+}
+
+// Maps sheet-local pixel coordinates (origin at the sheet centre, axes along
+// its edges) to frame pixels. Building corners in pixels before rotating
+// keeps a rotated sheet rectangular whatever the frame's aspect ratio.
+struct SheetFrame {
+    double cx, cy, c, s;
+    cv::Point map(double u, double v) const
+    {
+        const double x = cx + u * c - v * s;
+        const double y = cy + u * s + v * c;
+        return cv::Point(static_cast<int>(std::lround(x * (1 << kShift))),
+                         static_cast<int>(std::lround(y * (1 << kShift))));
+    }
+};
+
+void fillLocalRect(cv::Mat &img, const SheetFrame &f, double u0, double v0, double u1, double v1,
+                   const cv::Scalar &color)
+{
+    cv::Point pts[4] = {f.map(u0, v0), f.map(u1, v0), f.map(u1, v1), f.map(u0, v1)};
+    cv::fillConvexPoly(img, pts, 4, color, cv::LINE_AA, kShift);
+}
+
+void drawSheet(cv::Mat &img, const SheetSpec &sheet)
+{
+    const double sw = sheet.w * img.cols;
+    const double sh = sheet.h * img.rows;
+    const double a = sheet.angle * kPi / 180.0;
+    SheetFrame f{sheet.cx * img.cols, sheet.cy * img.rows, std::cos(a), std::sin(a)};
+    fillLocalRect(img, f, -sw / 2, -sh / 2, sw / 2, sh / 2, kPaper);
+
+    // A few printed lines so the sheet reads as a document. The middle band
+    // stays blank, so the sheet centre is always paper.
+    const double left = -sw / 2 + 0.1 * sw;
+    const double usable = 0.8 * sw;
+    const double thick = std::max(1.0, 0.014 * sh);
+    const double pitch = 0.045 * sh;
+    fillLocalRect(img, f, left, -sh / 2 + 0.08 * sh, left + 0.5 * usable, -sh / 2 + 0.08 * sh + 1.8 * thick,
+                  kInk);
+    static const double lengths[] = {1.0, 0.96, 0.99, 0.93, 0.62};
+    int i = 0;
+    for (double v = -sh / 2 + 0.18 * sh; v + thick < -0.05 * sh; v += pitch, ++i)
+        fillLocalRect(img, f, left, v, left + lengths[i % 5] * usable, v + thick, kInk);
+    for (double v = 0.12 * sh; v + thick < 0.4 * sh; v += pitch, ++i)
+        fillLocalRect(img, f, left, v, left + lengths[i % 5] * usable, v + thick, kInk);
+}
+
+cv::Mat loadPicture(const std::string &path, int width, int height)
+{
+    cv::Mat pic = cv::imread(path, cv::IMREAD_COLOR);
+    if (pic.empty()) {
+        std::fprintf(stderr, "virtualcam: cannot read scene image '%s', showing an empty desk\n", path.c_str());
+        return cv::Mat();
+    }
+    cv::Mat out;
+    const bool shrink = width < pic.cols || height < pic.rows;
+    cv::resize(pic, out, cv::Size(width, height), 0, 0, shrink ? cv::INTER_AREA : cv::INTER_LINEAR);
+    return out;
+}
+
+}  // namespace
+
+cv::Mat renderScene(const SceneSpec &scene, int width, int height)
+{
+    if (scene.kind == SceneSpec::Image) {
+        cv::Mat pic = loadPicture(scene.imagePath, width, height);
+        if (!pic.empty())
+            return pic;
+    }
+    cv::Mat img(height, width, CV_8UC3);
+    fillDesk(img);
+    if (scene.kind == SceneSpec::Sheets)
+        for (const SheetSpec &s : scene.sheets)
+            drawSheet(img, s);
+    return img;
+}
+
+void bgrToYuyv(const cv::Mat &bgr, uint8_t *dst, size_t dstStride)
+{
+    CV_Assert(bgr.type() == CV_8UC3 && bgr.cols % 2 == 0);
+    for (int y = 0; y < bgr.rows; ++y) {
+        const uchar *src = bgr.ptr<uchar>(y);
+        uint8_t *out = dst + y * dstStride;
+        for (int x = 0; x < bgr.cols; x += 2, src += 6, out += 4) {
+            const int b0 = src[0], g0 = src[1], r0 = src[2];
+            const int b1 = src[3], g1 = src[4], r1 = src[5];
+            const int y0 = ((66 * r0 + 129 * g0 + 25 * b0 + 128) >> 8) + 16;
+            const int y1 = ((66 * r1 + 129 * g1 + 25 * b1 + 128) >> 8) + 16;
+            const int r = r0 + r1, g = g0 + g1, b = b0 + b1;  // chroma is shared by the pair
+            const int u = ((-38 * r - 74 * g + 112 * b + 256) >> 9) + 128;
+            const int v = ((112 * r - 94 * g - 18 * b + 256) >> 9) + 128;
+            out[0] = static_cast<uint8_t>(std::clamp(y0, 0, 255));
+            out[1] = static_cast<uint8_t>(std::clamp(u, 0, 255));
+            out[2] = static_cast<uint8_t>(std::clamp(y1, 0, 255));
+            out[3] = static_cast<uint8_t>(std::clamp(v, 0, 255));
+        }
+    }
+}
+
+void FrameSource::prepare(const SceneSpec &scene, int width, int height, uint32_t fourcc)
+{
+    if (!static_.empty() && key_ == scene.key && width_ == width && height_ == height && fourcc_ == fourcc)
+        return;
+    key_ = scene.key;
+    width_ = width;
+    height_ = height;
+    fourcc_ = fourcc;
+    stamp_ = ++g_stamps;
+    static_ = renderScene(scene, width, height);
+
+    // Counter: mid-grey digits near the bottom-left corner, about 3.5 % of
+    // the frame height tall (at least 9 px so it stays readable).
+    const double textHeight = std::max(9.0, 0.035 * height);
+    int base = 0;
+    const cv::Size unit = cv::getTextSize("0", kFont, 1.0, 1, &base);
+    fontScale_ = textHeight / unit.height;
+    thickness_ = std::max(1, static_cast<int>(std::lround(fontScale_ * 1.4)));
+    const cv::Size box = cv::getTextSize("00000000", kFont, fontScale_, thickness_, &base);
+    const int x0 = std::max(2, static_cast<int>(std::lround(0.02 * width)));
+    const int baseline = height - std::max(2, static_cast<int>(std::lround(0.03 * height)));
+    origin_ = cv::Point(x0, baseline);
+    const int pad = thickness_ + 1;
+    cv::Rect r(x0 - pad, baseline - box.height - pad, box.width + 2 * pad, box.height + base + 2 * pad);
+    r &= cv::Rect(0, 0, width, height);
+    // Even column bounds keep 4:2:2 pairs whole when patching.
+    const int left = r.x & ~1;
+    int right = std::min(width, (r.x + r.width + 1) & ~1);
+    counter_ = cv::Rect(left, r.y, right - left, r.height);
+
+    if (fourcc == V4L2_PIX_FMT_YUYV) {
+        yuyv_.resize(static_cast<size_t>(width) * height * 2);
+        bgrToYuyv(static_, yuyv_.data(), static_cast<size_t>(width) * 2);
+        work_.release();
+    } else {
+        yuyv_.clear();
+        yuyv_.shrink_to_fit();
+        work_ = static_.clone();
+    }
+}
+
+void FrameSource::drawCounter(cv::Mat &img, cv::Point origin, uint32_t number) const
+{
+    const std::string text = std::to_string(number % 100000000u);
+    cv::putText(img, text, origin, kFont, fontScale_, kCounter, thickness_, cv::LINE_AA);
+}
+
+size_t FrameSource::render(uint32_t number, uint8_t *dst, size_t capacity, uint64_t *slotStamp)
+{
+    if (static_.empty())
+        return 0;
+    if (fourcc_ == V4L2_PIX_FMT_YUYV) {
+        const size_t stride = static_cast<size_t>(width_) * 2;
+        const size_t need = stride * height_;
+        if (capacity < need)
+            return 0;
+        if (*slotStamp != stamp_) {
+            std::memcpy(dst, yuyv_.data(), need);
+            *slotStamp = stamp_;
+        }
+        cv::Mat patch = static_(counter_).clone();
+        drawCounter(patch, origin_ - counter_.tl(), number);
+        bgrToYuyv(patch, dst + counter_.y * stride + counter_.x * 2, stride);
+        return need;
+    }
+
+    static_(counter_).copyTo(work_(counter_));
+    drawCounter(work_, origin_, number);
+    *slotStamp = 0;
+    for (int quality : {90, 75, 50, 25}) {
+        cv::imencode(".jpg", work_, jpeg_, {cv::IMWRITE_JPEG_QUALITY, quality});
+        if (jpeg_.size() <= capacity) {
+            std::memcpy(dst, jpeg_.data(), jpeg_.size());
+            return jpeg_.size();
+        }
+    }
+    return 0;
+}
+
+}  // namespace vcam

@@ -1,0 +1,55 @@
+// The picture a virtual camera shows, and its encoding into frames.
+#pragma once
+
+#include "config.h"
+
+#include <opencv2/core.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vcam {
+
+// The static scene (desk, sheets or picture) at one frame size, BGR.
+cv::Mat renderScene(const SceneSpec &scene, int width, int height);
+
+// Packs BGR pixels into YUYV 4:2:2 (BT.601, limited range, which is what
+// USB cameras send and what OpenCV's YUYV decoder expects). The width
+// must be even; dstStride is in bytes.
+void bgrToYuyv(const cv::Mat &bgr, uint8_t *dst, size_t dstStride);
+
+// Produces numbered frames of one scene in one size and pixel format. The
+// scene is drawn and converted once; each frame only redraws the counter.
+class FrameSource {
+public:
+    void prepare(const SceneSpec &scene, int width, int height, uint32_t fourcc);
+
+    // Writes frame `number` into dst and returns the bytes used (0 if the
+    // frame cannot fit). *slotStamp remembers what the destination already
+    // holds, so unchanged pixels are not copied again.
+    size_t render(uint32_t number, uint8_t *dst, size_t capacity, uint64_t *slotStamp);
+
+    // Where the counter is drawn (for tests and documentation).
+    cv::Rect counterRect() const { return counter_; }
+
+private:
+    void drawCounter(cv::Mat &img, cv::Point origin, uint32_t number) const;
+
+    std::string key_;
+    int width_ = 0;
+    int height_ = 0;
+    uint32_t fourcc_ = 0;
+    uint64_t stamp_ = 0;
+    cv::Mat static_;
+    cv::Mat work_;
+    std::vector<uint8_t> yuyv_;
+    std::vector<uchar> jpeg_;
+    cv::Rect counter_;
+    cv::Point origin_;
+    double fontScale_ = 1;
+    int thickness_ = 1;
+};
+
+}  // namespace vcam
