@@ -374,6 +374,21 @@ uint32_t controlFlags(Device &d, const ControlDef &c)
     return 0;
 }
 
+// Fills the fields VIDIOC_QUERYCTRL and VIDIOC_QUERY_EXT_CTRL share.
+template <typename Query>
+void describeControl(Query *q, Device &d, const ControlDef &c)
+{
+    std::memset(q, 0, sizeof(*q));
+    q->id = c.id;
+    q->type = c.type;
+    copyName(q->name, c.name);
+    q->minimum = c.minimum;
+    q->maximum = c.maximum;
+    q->step = static_cast<decltype(q->step)>(c.step);
+    q->default_value = c.def;
+    q->flags = controlFlags(d, c);
+}
+
 const ControlDef *lookupForQuery(uint32_t rawId)
 {
     const uint32_t nextFlags = V4L2_CTRL_FLAG_NEXT_CTRL | V4L2_CTRL_FLAG_NEXT_COMPOUND;
@@ -682,15 +697,7 @@ int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, u
         const ControlDef *c = lookupForQuery(q->id);
         if (!c)
             return -EINVAL;
-        std::memset(q, 0, sizeof(*q));
-        q->id = c->id;
-        q->type = c->type;
-        copyName(q->name, c->name);
-        q->minimum = c->minimum;
-        q->maximum = c->maximum;
-        q->step = c->step;
-        q->default_value = c->def;
-        q->flags = controlFlags(d, *c);
+        describeControl(q, d, *c);
         return 0;
     }
     case VIDIOC_QUERY_EXT_CTRL: {
@@ -698,15 +705,7 @@ int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, u
         const ControlDef *c = lookupForQuery(q->id);
         if (!c)
             return -EINVAL;
-        std::memset(q, 0, sizeof(*q));
-        q->id = c->id;
-        q->type = c->type;
-        copyName(q->name, c->name);
-        q->minimum = c->minimum;
-        q->maximum = c->maximum;
-        q->step = static_cast<uint64_t>(c->step);
-        q->default_value = c->def;
-        q->flags = controlFlags(d, *c);
+        describeControl(q, d, *c);
         q->elem_size = sizeof(int32_t);
         q->elems = 1;
         return 0;
