@@ -1,0 +1,498 @@
+#include "imageprocessing.h"
+
+#include "cache.h"
+#include "safeindex.h"
+
+#include <QDebug>
+#include <QTransform>
+#include <QVector>
+#include <QCoreApplication>
+
+#include <opencv2/imgproc.hpp>
+
+#include <utility>
+
+namespace {
+
+// Pixel formats the settings can ask the camera for, by image_fourcc code.
+const char *const fourccCodes[] = {"MJPG", "PIM1", "MP42", "DIV3", "DIVX", "U263", "I263", "FLV1"};
+
+// Largest frame the preview path accepts; larger requests are capped to it.
+constexpr int maxPreviewWidth = 3264;
+constexpr int maxPreviewHeight = 2448;
+
+// Exposure value that means "let the camera decide".
+constexpr int automaticExposure = -100;
+
+// OpenCV's Video4Linux2 back end hands CAP_PROP_AUTO_EXPOSURE to the camera's
+// exposure menu as it stands: 1 is manual, 3 is automatic (aperture
+// priority). Other back ends take 1 for automatic and 0 for manual.
+struct ExposureModes
+{
+    double automatic;
+    double manual;
+};
+
+ExposureModes exposureModesFor(const cv::VideoCapture &cap)
+{
+    if (cap.getBackendName() == "V4L2")
+        return {3, 1};
+    return {1, 0};
+}
+
+QVector<QRgb> greyTable()
+{
+    QVector<QRgb> table(256);
+    for (int i = 0; i < 256; ++i)
+        table[i] = qRgb(i, i, i);
+    return table;
+}
+
+} // namespace
+
+ImageProcessing::ImageProcessing(QObject *parent)
+    : QThread(parent),
+      writer(nullptr),
+      isWork(false),
+      isRead(false),
+      driveId(0),
+      frameWidth(0),
+      frameHeight(0),
+      angle(0),
+      isChangeCamera(false),
+      isSetVideoPParameter(false),
+      isTakePhoto(false),
+      cameraCurrentExposure(0),
+      correction_type(0),
+      shooting_type(0),
+      isTakePhotoChildCamera(false),
+      isShow1(false),
+      isShow2(false),
+      isSaveTiff(false),
+      isCameraVideo(false),
+      cameraVideoPath("")
+{
+}
+
+ImageProcessing::~ImageProcessing()
+{
+    QThread::msleep(100);
+    // A loop still running here may be blocked delivering a frame to the GUI
+    // thread, which is this one: let that frame through so the loop can see
+    // it has to stop, instead of destroying a running thread.
+    isWork = false;
+    isRead = false;
+    while (isRunning()) {
+        QCoreApplication::processEvents();
+        wait(10);
+    }
+    delete writer;
+}
+
+void ImageProcessing::begin()
+{
+    isWork = true;
+    isRead = false;
+    start();
+}
+
+void ImageProcessing::end()
+{
+    isWork = false;
+    isRead = false;
+    quit();
+    wait(1000);
+}
+
+void ImageProcessing::readFarme(QImage image)
+{
+    mutex.lock();
+    srcImage = image;
+    mutex.unlock();
+    isRead = true;
+}
+
+void ImageProcessing::run()
+{
+    while (isWork) {
+        if (isSetVideoPParameter) {
+            isSetVideoPParameter = false;
+            closeCamara(false);
+            openCamara();
+        }
+        if (!isRead) {
+            msleep(33);
+            continue;
+        }
+        try {
+            if (!readFrame()) {
+                // A camera that delivers nothing (unplugged, or failed to
+                // open) is retried at a calm pace rather than in a busy loop.
+                msleep(10);
+                continue;
+            }
+            processFrame();
+        } catch (const QString &error) {
+            qDebug() << error;
+        }
+    }
+}
+
+// Reads the next frame into a buffer of the loop's own and only then makes
+// it the current frame, so currentFrame() never sees a frame half written.
+bool ImageProcessing::readFrame()
+{
+    {
+        std::lock_guard<std::mutex> lock(capMutex);
+        cap >> readBuffer;
+    }
+    if (readBuffer.empty())
+        return false;
+    std::lock_guard<std::mutex> lock(frameMutex);
+    std::swap(frame, readBuffer);
+    return true;
+}
+
+void ImageProcessing::processFrame()
+{
+    cv::Mat copy = frame.clone();
+    cv::Mat out;
+    handleMat(copy, out, true);
+    QImage image = MatQImage(out);
+    image = handleQImage(image);
+    emit sendFarmeSignal(image);
+}
+
+cv::Mat ImageProcessing::currentFrame()
+{
+    std::lock_guard<std::mutex> lock(frameMutex);
+    return frame.clone();
+}
+
+void ImageProcessing::setChildImages(const QImage &first, const QImage &second)
+{
+    std::lock_guard<std::mutex> lock(childMutex);
+    child1 = first;
+    child2 = second;
+}
+
+void ImageProcessing::openCamara()
+{
+    const CameraInfo *camera = cameraAt(driveId);
+    if (!camera) {
+        isRead = true;
+        return;
+    }
+    const int index = camera->index;
+
+    // Opened and released once before the real open.
+    const bool wasOpen = cv::VideoCapture(index, 0).isOpened();
+    if (wasOpen)
+        cv::VideoCapture(index, 0).release();
+
+    if (frameWidth > maxPreviewWidth) {
+        frameWidth = maxPreviewWidth;
+        frameHeight = maxPreviewHeight;
+    }
+
+    {
+        std::lock_guard<std::mutex> lock(capMutex);
+        cap.open(index, 0);
+        videoParameterSettings();
+    }
+    isRead = true;
+}
+
+void ImageProcessing::closeCamara(bool)
+{
+    isRead = false;
+    QThread::msleep(500);
+    {
+        std::lock_guard<std::mutex> lock(capMutex);
+        cap.release();
+    }
+    emit closeCameraSignal();
+}
+
+// Called with capMutex held.
+void ImageProcessing::videoParameterSettings()
+{
+    const int code = Cache::config->image_fourcc;
+    if (code >= 0 && code < int(sizeof(fourccCodes) / sizeof(fourccCodes[0]))) {
+        const char *c = fourccCodes[code];
+        cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc(c[0], c[1], c[2], c[3]));
+    }
+
+    qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
+             << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
+    qDebug() << Q_FUNC_INFO << "set fps" << cap.set(cv::CAP_PROP_FPS, 100);
+    // A camera that lists no sizes keeps its own.
+    if (frameWidth > 0 && frameHeight > 0) {
+        qDebug() << Q_FUNC_INFO << "set width" << cap.set(cv::CAP_PROP_FRAME_WIDTH, frameWidth);
+        qDebug() << Q_FUNC_INFO << "set height" << cap.set(cv::CAP_PROP_FRAME_HEIGHT, frameHeight);
+    }
+    qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
+             << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
+}
+
+void ImageProcessing::setCameraExposure(int value)
+{
+    std::lock_guard<std::mutex> lock(capMutex);
+    const ExposureModes modes = exposureModesFor(cap);
+    if (value == automaticExposure) {
+        cap.set(cv::CAP_PROP_AUTO_EXPOSURE, modes.automatic);
+        cap.set(cv::CAP_PROP_AUTOFOCUS, 1);
+        cap.set(cv::CAP_PROP_SETTINGS, 0);
+    } else {
+        cap.set(cv::CAP_PROP_AUTO_EXPOSURE, modes.manual);
+        cap.set(cv::CAP_PROP_EXPOSURE, value);
+    }
+    cameraCurrentExposure = value;
+}
+
+void ImageProcessing::setCameraResolution(QSize size)
+{
+    frameWidth = size.width();
+    frameHeight = size.height();
+    isSetVideoPParameter = true;
+}
+
+void ImageProcessing::reConfigVideoSetting()
+{
+    const QSize size = currentCaptureSize();
+    if (size.isValid())
+        setFrameWidthAndHeight(size.width(), size.height());
+    isSetVideoPParameter = true;
+}
+
+void ImageProcessing::setFrameWidth(int width)
+{
+    frameWidth = width;
+}
+
+void ImageProcessing::setFrameHeight(int height)
+{
+    frameHeight = height;
+}
+
+void ImageProcessing::setFrameWidthAndHeight(int width, int height)
+{
+    frameWidth = width;
+    frameHeight = height;
+}
+
+QImage ImageProcessing::MatQImage(const cv::Mat &mat)
+{
+    switch (mat.type()) {
+    case CV_8UC1: {
+        static const QVector<QRgb> table = greyTable();
+        QImage image(mat.cols, mat.rows, QImage::Format_Indexed8);
+        image.setColorTable(table);
+        for (int row = 0; row < mat.rows; ++row)
+            memcpy(image.scanLine(row), mat.ptr(row), size_t(mat.cols));
+        return image;
+    }
+    case CV_8UC3: {
+        // Straight from BGR into an RGB image of its own: the same pixels as
+        // wrapping the matrix and swapping red and blue, in one pass.
+        QImage image(mat.cols, mat.rows, QImage::Format_RGB888);
+        cv::Mat rgb(mat.rows, mat.cols, CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
+        cv::cvtColor(mat, rgb, cv::COLOR_BGR2RGB);
+        return image;
+    }
+    case CV_8UC4: {
+        const QImage view(mat.data, mat.cols, mat.rows, int(mat.step), QImage::Format_ARGB32);
+        return view.copy();
+    }
+    default:
+        return QImage();
+    }
+}
+
+cv::Mat ImageProcessing::QImageToMat(QImage image)
+{
+    cv::Mat mat;
+    switch (image.format()) {
+    case QImage::Format_Indexed8: {
+        const cv::Mat view(image.height(), image.width(), CV_8UC1,
+                           const_cast<uchar *>(image.constBits()), size_t(image.bytesPerLine()));
+        // A copy: the image passed in goes away when this returns.
+        mat = view.clone();
+        break;
+    }
+    case QImage::Format_RGB32:
+    case QImage::Format_ARGB32:
+    case QImage::Format_ARGB32_Premultiplied: {
+        const cv::Mat view(image.height(), image.width(), CV_8UC4,
+                           const_cast<uchar *>(image.constBits()), size_t(image.bytesPerLine()));
+        cv::cvtColor(view, mat, cv::COLOR_BGRA2BGR);
+        break;
+    }
+    case QImage::Format_RGB888: {
+        const cv::Mat view(image.height(), image.width(), CV_8UC3,
+                           const_cast<uchar *>(image.constBits()), size_t(image.bytesPerLine()));
+        cv::cvtColor(view, mat, cv::COLOR_RGB2BGR);
+        break;
+    }
+    default:
+        break;
+    }
+    return mat;
+}
+
+std::vector<cv::RotatedRect> ImageProcessing::handleMat(const cv::Mat &src, cv::Mat &out, bool draw)
+{
+    std::vector<cv::RotatedRect> list;
+    const int correction = correction_type;
+    if (correction != 0) {
+        cv::Mat copy = src.clone();
+        list = findSquares(copy);
+    }
+
+    switch (shooting_type.load()) {
+    case 2: {
+        cv::Mat grey, bin;
+        cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
+        cv::adaptiveThreshold(grey, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 25, 20);
+        cv::cvtColor(bin, out, cv::COLOR_GRAY2BGR);
+        break;
+    }
+    case 3: {
+        cv::Mat grey, bin, binBgr;
+        cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
+        cv::adaptiveThreshold(grey, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 25, 20);
+        cv::cvtColor(bin, binBgr, cv::COLOR_GRAY2BGR);
+        cv::add(src, binBgr, out);
+        break;
+    }
+    case 1:
+        cv::cvtColor(src, out, cv::COLOR_BGR2GRAY);
+        break;
+    default:
+        out = src;
+        break;
+    }
+
+    if (!draw || list.empty())
+        return list;
+
+    const cv::Scalar colour = correction == 1 ? cv::Scalar(0, 255, 0) : cv::Scalar(0, 0, 255);
+    for (const cv::RotatedRect &r : list) {
+        if (r.size.width * r.size.height <= minimumSheetArea)
+            continue;
+        cv::Point2f p[4];
+        r.points(p);
+        for (int i = 0; i < 4; ++i)
+            cv::line(out, p[i], p[(i + 1) % 4], colour, 10, 8, 0);
+    }
+    return list;
+}
+
+QImage ImageProcessing::handleQImage(QImage image)
+{
+    const int quarterTurns = angle;
+    if (quarterTurns < 1 || quarterTurns > 3)
+        return image;
+    QTransform matrix;
+    matrix.rotate(90 * quarterTurns);
+    return image.transformed(matrix, Qt::SmoothTransformation);
+}
+
+void ImageProcessing::setAngle(int direction)
+{
+    int value = angle;
+    if (direction == 0)
+        value += 2;
+    else if (direction == 1 || direction == -1)
+        value += direction;
+    else
+        return;
+
+    if (value == 4)
+        value = 0;
+    else if (value == 5)
+        value = 1;
+    else if (value == -1)
+        value = 3;
+    angle = value;
+}
+
+void ImageProcessing::setCameraCorrection(int code)
+{
+    correction_type = code;
+}
+
+void ImageProcessing::setCameraShootType(int code)
+{
+    shooting_type = code;
+}
+
+std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
+{
+    cv::Mat grey, bin;
+    cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
+    cv::threshold(grey, bin, 127, 255, cv::THRESH_BINARY);
+
+    std::vector<std::vector<cv::Point>> contours;
+    std::vector<cv::Vec4i> hierarchy;
+    cv::findContours(bin, contours, hierarchy, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE,
+                     cv::Point(0, 0));
+
+    cv::RotatedRect best(cv::Point2f(0, 0), cv::Size2f(0, 0), 0);
+    int maxArea = 0;
+    std::vector<cv::RotatedRect> all;
+    for (const std::vector<cv::Point> &contour : contours) {
+        const cv::RotatedRect r = cv::minAreaRect(contour);
+        const float a = r.size.width * r.size.height;
+        if (a > minimumSheetArea) {
+            // Compared with the truncated area of the best so far: of two
+            // equal areas the first found stays.
+            if (a > float(maxArea)) {
+                best = r;
+                maxArea = int(a);
+            }
+            all.push_back(r);
+        }
+    }
+
+    switch (correction_type.load()) {
+    case 1:
+        return {best};
+    case 2:
+        return all;
+    default:
+        return {};
+    }
+}
+
+void ImageProcessing::uprightAngleAndSize(const cv::RotatedRect &r, float &angle, cv::Size &size)
+{
+    angle = r.angle;
+    size = cv::Size(r.size);
+    // minAreaRect reports angles in (-90, 0] in some OpenCV versions and in
+    // (0, 90] in others. Either way a sheet is turned by the smallest angle,
+    // with its sides exchanged when that angle is the other way round.
+    if (angle < -45) {
+        angle += 90;
+        std::swap(size.width, size.height);
+    } else if (angle > 45) {
+        angle -= 90;
+        std::swap(size.width, size.height);
+    }
+}
+
+cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r)
+{
+    float turn = 0;
+    cv::Size size;
+    uprightAngleAndSize(r, turn, size);
+    if (size.width <= 0 || size.height <= 0 || img.empty())
+        return cv::Mat();
+
+    const cv::Mat m = cv::getRotationMatrix2D(r.center, turn, 1.0);
+    cv::Mat rotated;
+    cv::warpAffine(img, rotated, m, img.size(), cv::INTER_CUBIC, cv::BORDER_CONSTANT, cv::Scalar());
+    cv::Mat cropped;
+    cv::getRectSubPix(rotated, size, r.center, cropped, -1);
+    return cropped;
+}

@@ -1,0 +1,120 @@
+#ifndef IMAGEPROCESSING_H
+#define IMAGEPROCESSING_H
+
+#include <QImage>
+#include <QList>
+#include <QMutex>
+#include <QSize>
+#include <QString>
+#include <QThread>
+
+#include <opencv2/core.hpp>
+#include <opencv2/videoio.hpp>
+
+#include <atomic>
+#include <mutex>
+#include <vector>
+
+// The worker behind one live preview: it owns a camera, reads its frames in
+// run(), processes each one (colour mode, document outlines, rotation) and
+// hands the result to the view. The GUI thread steers it through the request
+// flags and mode codes below; they are atomics, so a request written by the
+// GUI thread is seen whole by the loop on its next pass.
+class ImageProcessing : public QThread
+{
+    Q_OBJECT
+
+public:
+    explicit ImageProcessing(QObject *parent = nullptr);
+    ~ImageProcessing() override;
+
+    QMutex mutex; // guards srcImage
+    QImage srcImage;
+    cv::VideoWriter *writer;
+    cv::VideoCapture cap;
+    cv::Mat frame; // written by the loop only; other threads use currentFrame()
+    std::atomic<bool> isWork;
+    std::atomic<bool> isRead;
+    std::atomic<int> driveId;
+    std::atomic<int> frameWidth;
+    std::atomic<int> frameHeight;
+    std::atomic<int> angle;
+    std::atomic<bool> isChangeCamera;
+    std::atomic<bool> isSetVideoPParameter;
+    std::atomic<bool> isTakePhoto;
+    std::atomic<int> cameraCurrentExposure;
+    std::atomic<int> correction_type;
+    std::atomic<int> shooting_type;
+    std::atomic<bool> isTakePhotoChildCamera;
+    QImage child1; // with child2, guarded by childMutex
+    QImage child2;
+    std::atomic<bool> isShow1;
+    std::atomic<bool> isShow2;
+    std::atomic<bool> isSaveTiff;
+    std::atomic<bool> isCameraVideo;
+    QString cameraVideoPath;
+
+    void openCamara();
+    void closeCamara(bool);
+    void videoParameterSettings();
+    void setCameraExposure(int value);
+    void setCameraResolution(QSize size);
+    void reConfigVideoSetting();
+    void setFrameWidth(int width);
+    void setFrameHeight(int height);
+    void setFrameWidthAndHeight(int width, int height);
+
+    static QImage MatQImage(const cv::Mat &mat);
+    static cv::Mat QImageToMat(QImage image);
+
+    // Frame processing: colour mode and, on the preview, document outlines.
+    std::vector<cv::RotatedRect> handleMat(const cv::Mat &src, cv::Mat &out, bool draw);
+    QImage handleQImage(QImage image);
+    void setAngle(int direction);
+    void setCameraCorrection(int code);
+    void setCameraShootType(int code);
+
+    // Document detection.
+    std::vector<cv::RotatedRect> findSquares(const cv::Mat &src);
+
+    // The upright cut-out of one detected sheet: img turned about the
+    // sheet's centre by the smallest angle that makes the sheet straight,
+    // then the sheet's rectangle taken out. Empty for a sheet of no size.
+    static cv::Mat deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r);
+    // The turn and the upright size deskewCutOut uses for r.
+    static void uprightAngleAndSize(const cv::RotatedRect &r, float &angle, cv::Size &size);
+
+    // A deep copy of the last frame read, safe to call from any thread.
+    cv::Mat currentFrame();
+    // Sets both secondary pictures at once, safe against the loop reading them.
+    void setChildImages(const QImage &first, const QImage &second);
+
+    // Smallest area, in square pixels, of a sheet worth finding or outlining.
+    static constexpr float minimumSheetArea = 73500.0f;
+
+signals:
+    void sendFarmeSignal(QImage image);
+    void sendTakePhotoImageSignal(QList<QString> files, int kind);
+    void sendTakePhotoImageSignal(std::vector<QImage> images, QList<QString> files, int kind);
+    void openCameraSignal();
+    void closeCameraSignal();
+
+public slots:
+    void readFarme(QImage image);
+    void begin();
+    void end();
+
+protected:
+    void run() override;
+
+private:
+    bool readFrame();
+    void processFrame();
+
+    std::mutex capMutex;   // cap is opened by the GUI thread, read by the loop
+    std::mutex frameMutex; // frame swaps against currentFrame()
+    std::mutex childMutex; // child1/child2
+    cv::Mat readBuffer;    // the loop's next frame; swapped with frame
+};
+
+#endif // IMAGEPROCESSING_H
