@@ -2,8 +2,10 @@
 
 #include "cache.h"
 #include "safeindex.h"
+#include "threads/pixelops.h"
 
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QTransform>
 #include <QVector>
 #include <QCoreApplication>
@@ -40,11 +42,15 @@ ExposureModes exposureModesFor(const cv::VideoCapture &cap)
     return {1, 0};
 }
 
-QVector<QRgb> greyTable()
+// Colour table of the grey preview and photo images: entry i is grey i.
+const QVector<QRgb> &greyTable()
 {
-    QVector<QRgb> table(256);
-    for (int i = 0; i < 256; ++i)
-        table[i] = qRgb(i, i, i);
+    static const QVector<QRgb> table = [] {
+        QVector<QRgb> entries(256);
+        for (int i = 0; i < 256; ++i)
+            entries[i] = qRgb(i, i, i);
+        return entries;
+    }();
     return table;
 }
 
@@ -77,15 +83,10 @@ ImageProcessing::ImageProcessing(QObject *parent)
 ImageProcessing::~ImageProcessing()
 {
     QThread::msleep(100);
-    // A loop still running here may be blocked delivering a frame to the GUI
-    // thread, which is this one: let that frame through so the loop can see
-    // it has to stop, instead of destroying a running thread.
+    // Never destroy a running loop: stop it and wait as long as it takes.
     isWork = false;
     isRead = false;
-    while (isRunning()) {
-        QCoreApplication::processEvents();
-        wait(10);
-    }
+    waitForLoop(-1);
     delete writer;
 }
 
@@ -101,7 +102,23 @@ void ImageProcessing::end()
     isWork = false;
     isRead = false;
     quit();
-    wait(1000);
+    waitForLoop(1000);
+}
+
+// Waits up to timeoutMs (forever when negative) for the loop to finish. The
+// loop hands its frames over with a blocking queued signal, so it may be
+// waiting for this very thread to take a frame while this thread waits for
+// it: such deliveries are let through meanwhile, so the loop sees the stop
+// at once and every frame it made arrives before the wait ends.
+void ImageProcessing::waitForLoop(int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!wait(10)) {
+        if (timeoutMs >= 0 && clock.elapsed() >= timeoutMs)
+            return;
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::MetaCall);
+    }
 }
 
 void ImageProcessing::readFarme(QImage image)
@@ -131,7 +148,7 @@ void ImageProcessing::run()
                 msleep(10);
                 continue;
             }
-            processFrame();
+            emit sendFarmeSignal(previewImage(frame));
         } catch (const QString &error) {
             qDebug() << error;
         }
@@ -151,16 +168,6 @@ bool ImageProcessing::readFrame()
     std::lock_guard<std::mutex> lock(frameMutex);
     std::swap(frame, readBuffer);
     return true;
-}
-
-void ImageProcessing::processFrame()
-{
-    cv::Mat copy = frame.clone();
-    cv::Mat out;
-    handleMat(copy, out, true);
-    QImage image = MatQImage(out);
-    image = handleQImage(image);
-    emit sendFarmeSignal(image);
 }
 
 cv::Mat ImageProcessing::currentFrame()
@@ -285,9 +292,8 @@ QImage ImageProcessing::MatQImage(const cv::Mat &mat)
 {
     switch (mat.type()) {
     case CV_8UC1: {
-        static const QVector<QRgb> table = greyTable();
         QImage image(mat.cols, mat.rows, QImage::Format_Indexed8);
-        image.setColorTable(table);
+        image.setColorTable(greyTable());
         for (int row = 0; row < mat.rows; ++row)
             memcpy(image.scanLine(row), mat.ptr(row), size_t(mat.cols));
         return image;
@@ -342,31 +348,42 @@ cv::Mat ImageProcessing::QImageToMat(QImage image)
 
 std::vector<cv::RotatedRect> ImageProcessing::handleMat(const cv::Mat &src, cv::Mat &out, bool draw)
 {
-    std::vector<cv::RotatedRect> list;
-    const int correction = correction_type;
-    if (correction != 0) {
-        cv::Mat copy = src.clone();
-        list = findSquares(copy);
-    }
+    return processMat(src, out, draw, correction_type, shooting_type);
+}
 
-    switch (shooting_type.load()) {
-    case 2: {
-        cv::Mat grey, bin;
-        cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
-        cv::adaptiveThreshold(grey, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 25, 20);
-        cv::cvtColor(bin, out, cv::COLOR_GRAY2BGR);
+// The modes are taken once per frame, so that the copy decided on in
+// previewImage() and the processing agree even when the GUI thread changes a
+// mode meanwhile.
+std::vector<cv::RotatedRect> ImageProcessing::processMat(const cv::Mat &src, cv::Mat &out,
+                                                         bool draw, int correction, int shooting)
+{
+    // Detection and the grey, black-and-white and background modes all start
+    // from the same grey picture of the unprocessed frame: made once.
+    const bool colourOnly = shooting < 1 || shooting > 3;
+    if (correction != 0 || !colourOnly)
+        cv::cvtColor(src, workGrey, cv::COLOR_BGR2GRAY);
+
+    std::vector<cv::RotatedRect> list;
+    if (correction != 0)
+        list = findSquaresInGrey(workGrey, correction);
+
+    // out may still share the pixels of an earlier source; it is written
+    // below only when it holds a buffer nobody else does.
+    if (!colourOnly && out.u && out.u->refcount > 1)
+        out.release();
+
+    switch (shooting) {
+    case 2:
+        adaptiveThresholdMean(workGrey, workBin, 25, 20);
+        cv::cvtColor(workBin, out, cv::COLOR_GRAY2BGR);
         break;
-    }
-    case 3: {
-        cv::Mat grey, bin, binBgr;
-        cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
-        cv::adaptiveThreshold(grey, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 25, 20);
-        cv::cvtColor(bin, binBgr, cv::COLOR_GRAY2BGR);
-        cv::add(src, binBgr, out);
+    case 3:
+        adaptiveThresholdMean(workGrey, workBin, 25, 20);
+        cv::cvtColor(workBin, workBinBgr, cv::COLOR_GRAY2BGR);
+        cv::add(src, workBinBgr, out);
         break;
-    }
     case 1:
-        cv::cvtColor(src, out, cv::COLOR_BGR2GRAY);
+        workGrey.copyTo(out);
         break;
     default:
         out = src;
@@ -388,11 +405,103 @@ std::vector<cv::RotatedRect> ImageProcessing::handleMat(const cv::Mat &src, cv::
     return list;
 }
 
+QImage ImageProcessing::previewImage(const cv::Mat &raw)
+{
+    const int correction = correction_type;
+    const int shooting = shooting_type;
+    const int quarterTurns = angle;
+    // In colour mode the outlines are drawn on the source pixels themselves,
+    // which must not be the raw frame: photos and recordings use it.
+    const bool drawsOnSource = correction != 0 && (shooting < 1 || shooting > 3);
+    const cv::Mat *src = &raw;
+    if (drawsOnSource) {
+        raw.copyTo(workCopy);
+        src = &workCopy;
+    }
+    processMat(*src, previewOut, true, correction, shooting);
+    if (quarterTurns >= 1 && quarterTurns <= 3)
+        return turnedPreviewImage(previewOut, quarterTurns);
+    return toPreviewImage(previewOut);
+}
+
+// A preview image of the given size and format whose buffer nobody else
+// holds: one of the last few handed out, once the view has let go of it.
+// Written through the returned reference before any copy of it is made, so
+// that writing does not detach (copy) it.
+QImage &ImageProcessing::previewBuffer(int width, int height, QImage::Format format)
+{
+    for (QImage &image : previewImages) {
+        if (image.isDetached() && image.width() == width && image.height() == height
+            && image.format() == format)
+            return image;
+    }
+    for (QImage &image : previewImages) {
+        if (image.isNull() || image.isDetached()) {
+            image = QImage(width, height, format);
+            return image;
+        }
+    }
+    // Every buffer is still held somewhere: a fresh one, not kept.
+    spareImage = QImage(width, height, format);
+    return spareImage;
+}
+
+// MatQImage's pixels, written into a reused buffer.
+QImage ImageProcessing::toPreviewImage(const cv::Mat &mat)
+{
+    switch (mat.type()) {
+    case CV_8UC1: {
+        QImage &image = previewBuffer(mat.cols, mat.rows, QImage::Format_Indexed8);
+        image.setColorTable(greyTable());
+        cv::Mat view(mat.rows, mat.cols, CV_8UC1, image.bits(), size_t(image.bytesPerLine()));
+        mat.copyTo(view);
+        return image;
+    }
+    case CV_8UC3: {
+        QImage &image = previewBuffer(mat.cols, mat.rows, QImage::Format_RGB888);
+        cv::Mat view(mat.rows, mat.cols, CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
+        cv::cvtColor(mat, view, cv::COLOR_BGR2RGB);
+        return image;
+    }
+    default:
+        return MatQImage(mat);
+    }
+}
+
+// MatQImage followed by handleQImage's turn, in one pass into a reused
+// buffer: a turn only moves pixels, so it may as well move them straight
+// from the matrix, swapping blue and red on the way.
+QImage ImageProcessing::turnedPreviewImage(const cv::Mat &mat, int quarterTurns)
+{
+    QImage::Format format;
+    if (mat.type() == CV_8UC3)
+        format = QImage::Format_RGB888;
+    else if (mat.type() == CV_8UC1)
+        format = QImage::Format_Indexed8;
+    else
+        return handleQImage(MatQImage(mat));
+
+    const bool sideways = quarterTurns != 2;
+    QImage &turned = previewBuffer(sideways ? mat.rows : mat.cols, sideways ? mat.cols : mat.rows,
+                                   format);
+    const Plane src{mat.data, qsizetype(mat.step), mat.cols, mat.rows};
+    const Plane dst{turned.bits(), turned.bytesPerLine(), turned.width(), turned.height()};
+    turnPixels(src, int(mat.elemSize()), true, quarterTurns, dst);
+    if (format == QImage::Format_Indexed8)
+        turned.setColorTable(greyTable());
+    return turned;
+}
+
 QImage ImageProcessing::handleQImage(QImage image)
 {
     const int quarterTurns = angle;
-    if (quarterTurns < 1 || quarterTurns > 3)
+    if (quarterTurns < 1 || quarterTurns > 3 || image.isNull())
         return image;
+    const bool sideways = quarterTurns != 2;
+    QImage turned(sideways ? image.height() : image.width(),
+                  sideways ? image.width() : image.height(), image.format());
+    if (turnQuarters(image, quarterTurns, turned))
+        return turned;
     QTransform matrix;
     matrix.rotate(90 * quarterTurns);
     return image.transformed(matrix, Qt::SmoothTransformation);
@@ -429,13 +538,18 @@ void ImageProcessing::setCameraShootType(int code)
 
 std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
 {
-    cv::Mat grey, bin;
+    cv::Mat grey;
     cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
-    cv::threshold(grey, bin, 127, 255, cv::THRESH_BINARY);
+    return findSquaresInGrey(grey, correction_type);
+}
+
+std::vector<cv::RotatedRect> ImageProcessing::findSquaresInGrey(const cv::Mat &grey, int correction)
+{
+    cv::threshold(grey, workSheets, 127, 255, cv::THRESH_BINARY);
 
     std::vector<std::vector<cv::Point>> contours;
     std::vector<cv::Vec4i> hierarchy;
-    cv::findContours(bin, contours, hierarchy, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE,
+    cv::findContours(workSheets, contours, hierarchy, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE,
                      cv::Point(0, 0));
 
     cv::RotatedRect best(cv::Point2f(0, 0), cv::Size2f(0, 0), 0);
@@ -445,8 +559,9 @@ std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
         const cv::RotatedRect r = cv::minAreaRect(contour);
         const float a = r.size.width * r.size.height;
         if (a > minimumSheetArea) {
-            // Compared with the truncated area of the best so far: of two
-            // equal areas the first found stays.
+            // Compared with the best area so far truncated to whole pixels:
+            // of two equal whole areas the first found stays, while a later
+            // area above the truncated one wins even when a fraction smaller.
             if (a > float(maxArea)) {
                 best = r;
                 maxArea = int(a);
@@ -455,7 +570,7 @@ std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
         }
     }
 
-    switch (correction_type.load()) {
+    switch (correction) {
     case 1:
         return {best};
     case 2:

@@ -74,6 +74,10 @@ public:
     void setCameraCorrection(int code);
     void setCameraShootType(int code);
 
+    // One preview picture from a raw frame: processing with outlines, then
+    // conversion and rotation. What the loop emits for every frame.
+    QImage previewImage(const cv::Mat &raw);
+
     // Document detection.
     std::vector<cv::RotatedRect> findSquares(const cv::Mat &src);
 
@@ -108,13 +112,31 @@ protected:
     void run() override;
 
 private:
+    void waitForLoop(int timeoutMs);
     bool readFrame();
-    void processFrame();
+    std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
+                                            int correction, int shooting);
+    std::vector<cv::RotatedRect> findSquaresInGrey(const cv::Mat &grey, int correction);
+    QImage &previewBuffer(int width, int height, QImage::Format format);
+    QImage toPreviewImage(const cv::Mat &mat);
+    QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
 
     std::mutex capMutex;   // cap is opened by the GUI thread, read by the loop
     std::mutex frameMutex; // frame swaps against currentFrame()
     std::mutex childMutex; // child1/child2
     cv::Mat readBuffer;    // the loop's next frame; swapped with frame
+
+    // Per-frame working buffers of the thread that processes frames, kept
+    // from one frame to the next: allocating them anew costs page faults on
+    // every frame at high resolution.
+    cv::Mat workCopy;
+    cv::Mat workGrey;
+    cv::Mat workBin;
+    cv::Mat workBinBgr;
+    cv::Mat workSheets;
+    cv::Mat previewOut;
+    QImage previewImages[4]; // handed out again once nobody else holds them
+    QImage spareImage;
 };
 
 #endif // IMAGEPROCESSING_H

@@ -1,0 +1,102 @@
+// The per-frame preview path (processing, outlines, conversion, rotation) by
+// mode and size, each beside a copy of the same frame in the same run.
+//
+//   build/bench/bench_preview --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include "threads/imageprocessing.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QGuiApplication>
+
+#include <opencv2/imgproc.hpp>
+
+namespace {
+
+cv::Size sizeFor(int64_t index)
+{
+    return index == 0 ? cv::Size(1920, 1080) : cv::Size(3264, 2448);
+}
+
+// A dark desk with two printed sheets, one of them tilted.
+cv::Mat deskFrame(cv::Size size)
+{
+    cv::Mat frame(size, CV_8UC3, cv::Scalar(45, 40, 40));
+    const float s = size.width / 1920.0f;
+    const cv::RotatedRect sheets[] = {
+        {cv::Point2f(620 * s, 540 * s), cv::Size2f(700 * s, 900 * s), 0},
+        {cv::Point2f(1400 * s, 520 * s), cv::Size2f(600 * s, 800 * s), 12},
+    };
+    for (const cv::RotatedRect &sheet : sheets) {
+        cv::Point2f p[4];
+        sheet.points(p);
+        std::vector<cv::Point> corners(p, p + 4);
+        cv::fillConvexPoly(frame, corners, cv::Scalar(238, 240, 240), cv::LINE_AA);
+        for (int line = 0; line < 14; ++line) {
+            const cv::Point2f a = p[1] + (p[2] - p[1]) * 0.1f + (p[0] - p[1]) * (0.1f + line * 0.055f);
+            const cv::Point2f b = a + (p[2] - p[1]) * 0.75f;
+            cv::line(frame, a, b, cv::Scalar(60, 60, 60), std::max(2, int(6 * s)), cv::LINE_AA);
+        }
+    }
+    return frame;
+}
+
+struct Mode
+{
+    const char *name;
+    int shooting;
+    int correction;
+    int quarterTurns;
+};
+
+const Mode modes[] = {
+    {"colour", 0, 0, 0},
+    {"colour+single", 0, 1, 0},
+    {"blackwhite+multiple", 2, 2, 0},
+    {"background+single", 3, 1, 0},
+    {"colour+quarter", 0, 0, 1},
+};
+
+void BM_Preview(benchmark::State &state)
+{
+    const Mode &mode = modes[state.range(0)];
+    const cv::Mat frame = deskFrame(sizeFor(state.range(1)));
+    ImageProcessing engine;
+    engine.setCameraShootType(mode.shooting);
+    engine.setCameraCorrection(mode.correction);
+    for (int i = 0; i < mode.quarterTurns; ++i)
+        engine.setAngle(1);
+    for (auto _ : state) {
+        QImage image = engine.previewImage(frame);
+        benchmark::DoNotOptimize(image.constBits());
+    }
+    state.SetLabel(std::string(mode.name) + " " + std::to_string(frame.cols) + "x"
+                   + std::to_string(frame.rows));
+}
+
+void BM_FloorClone(benchmark::State &state)
+{
+    const cv::Mat frame = deskFrame(sizeFor(state.range(0)));
+    for (auto _ : state) {
+        cv::Mat copy = frame.clone();
+        benchmark::DoNotOptimize(copy.data);
+    }
+    state.SetLabel("clone " + std::to_string(frame.cols) + "x" + std::to_string(frame.rows));
+}
+
+} // namespace
+
+BENCHMARK(BM_FloorClone)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Preview)
+    ->ArgsProduct({{0, 1, 2, 3, 4}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+int main(int argc, char **argv)
+{
+    // Rotation and image conversion want a GUI application object.
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QGuiApplication app(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

@@ -1,0 +1,39 @@
+#ifndef PIXELOPS_H
+#define PIXELOPS_H
+
+#include <QImage>
+
+#include <opencv2/core.hpp>
+
+// Whole-image operations of the frame path, written to use both cores and
+// the cache well while giving exactly the pixels of the plain calls.
+
+// cv::adaptiveThreshold(grey, bin, 255, ADAPTIVE_THRESH_MEAN_C, THRESH_BINARY,
+// blockSize, c), computed in horizontal stripes in parallel. Each stripe reads
+// the rows its neighbourhoods reach, so the result is the same to the bit.
+void adaptiveThresholdMean(const cv::Mat &grey, cv::Mat &bin, int blockSize, double c);
+
+// Rows of pixels somewhere in memory: an image's or a matrix's. Only the
+// destination of an operation is written.
+struct Plane
+{
+    uchar *bits;
+    qsizetype stride;
+    int width;
+    int height;
+};
+
+// The pixels of src (1, 3 or 4 bytes each) turned clockwise by quarterTurns
+// (1, 2 or 3) into dst, which has the turned size; with swapRedBlue, 3-byte
+// pixels also change from BGR to RGB order on the way. False, and dst
+// untouched, for other pixel sizes or turns.
+bool turnPixels(const Plane &src, int bytesPerPixel, bool swapRedBlue, int quarterTurns,
+                const Plane &dst);
+
+// image turned clockwise by quarterTurns (1, 2 or 3) quarter turns into dst,
+// which must already have the turned size and the image's format. Equal to
+// QImage::transformed() with that rotation for 8, 24 and 32 bit formats;
+// returns false (dst untouched) for other formats.
+bool turnQuarters(const QImage &image, int quarterTurns, QImage &dst);
+
+#endif // PIXELOPS_H
