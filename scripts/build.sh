@@ -1,9 +1,15 @@
 #!/bin/bash
-# build.sh <build folder> [extra cmake arguments...]: configures once and builds.
+# build.sh <build folder> [cmake arguments...] [-- targets...]
+# Configures once and builds everything, or only the targets after "--".
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 dir=$1; shift
+args=()
+while [ $# -gt 0 ] && [ "$1" != "--" ]; do args+=("$1"); shift; done
+[ "${1:-}" = "--" ] && shift
+targets=()
+[ $# -gt 0 ] && targets=(--target "$@")
 if [ ! -f "$dir/CMakeCache.txt" ]; then
-  cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" >/dev/null
 fi
-cmake --build "$dir" -j2 -- --no-print-directory >/dev/null
+cmake --build "$dir" -j2 "${targets[@]}" -- --no-print-directory >/dev/null

@@ -1,7 +1,8 @@
 #!/bin/bash
 # Installs what is needed, builds the program twice (plain, and with
 # AddressSanitizer + UndefinedBehaviorSanitizer) and runs the whole suite in
-# both builds.
+# both builds; then builds the capture engine's tests with ThreadSanitizer
+# and runs those.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -17,4 +18,10 @@ for variant in build build-asan; do
   echo "== $variant: testing"
   (cd "$variant" && ctest --output-on-failure -j2) || status=1
 done
+
+engine_tests=(tst_imageprocessing tst_capturethread)
+echo "== build-tsan: building the capture engine's tests"
+bash scripts/build.sh build-tsan -DBRIVORA_TSAN=ON -- "${engine_tests[@]}"
+echo "== build-tsan: testing"
+(cd build-tsan && ctest --output-on-failure -R "^($(IFS='|'; echo "${engine_tests[*]}"))\$") || status=1
 exit $status

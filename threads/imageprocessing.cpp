@@ -3,6 +3,7 @@
 #include "cache.h"
 #include "safeindex.h"
 #include "threads/pixelops.h"
+#include "threads/racecheck.h"
 
 #include <QDebug>
 #include <QElapsedTimer>
@@ -119,6 +120,7 @@ void ImageProcessing::waitForLoop(int timeoutMs)
             return;
         QCoreApplication::sendPostedEvents(nullptr, QEvent::MetaCall);
     }
+    RACECHECK_HAPPENS_AFTER(this);
 }
 
 void ImageProcessing::readFarme(QImage image)
@@ -153,6 +155,8 @@ void ImageProcessing::run()
             qDebug() << error;
         }
     }
+    // Everything the loop did comes before whatever follows a finished wait().
+    RACECHECK_HAPPENS_BEFORE(this);
 }
 
 // Reads the next frame into a buffer of the loop's own and only then makes
@@ -374,13 +378,12 @@ std::vector<cv::RotatedRect> ImageProcessing::processMat(const cv::Mat &src, cv:
 
     switch (shooting) {
     case 2:
-        adaptiveThresholdMean(workGrey, workBin, 25, 20);
+        adaptiveThresholdMean(workGrey, workBin, 25, 20, workMeans);
         cv::cvtColor(workBin, out, cv::COLOR_GRAY2BGR);
         break;
     case 3:
-        adaptiveThresholdMean(workGrey, workBin, 25, 20);
-        cv::cvtColor(workBin, workBinBgr, cv::COLOR_GRAY2BGR);
-        cv::add(src, workBinBgr, out);
+        adaptiveThresholdMean(workGrey, workBin, 25, 20, workMeans);
+        whitenWhereMarked(src, workBin, out);
         break;
     case 1:
         workGrey.copyTo(out);
@@ -393,16 +396,28 @@ std::vector<cv::RotatedRect> ImageProcessing::processMat(const cv::Mat &src, cv:
     if (!draw || list.empty())
         return list;
 
-    const cv::Scalar colour = correction == 1 ? cv::Scalar(0, 255, 0) : cv::Scalar(0, 0, 255);
-    for (const cv::RotatedRect &r : list) {
+    drawOutlines(out, list, outlineColour(correction));
+    return list;
+}
+
+// Green around the one sheet of single correction, red around each of
+// several; in blue-green-red order.
+cv::Scalar ImageProcessing::outlineColour(int correction)
+{
+    return correction == 1 ? cv::Scalar(0, 255, 0) : cv::Scalar(0, 0, 255);
+}
+
+void ImageProcessing::drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
+                                   const cv::Scalar &colour)
+{
+    for (const cv::RotatedRect &r : sheets) {
         if (r.size.width * r.size.height <= minimumSheetArea)
             continue;
         cv::Point2f p[4];
         r.points(p);
         for (int i = 0; i < 4; ++i)
-            cv::line(out, p[i], p[(i + 1) % 4], colour, 10, 8, 0);
+            cv::line(img, p[i], p[(i + 1) % 4], colour, 10, 8, 0);
     }
-    return list;
 }
 
 QImage ImageProcessing::previewImage(const cv::Mat &raw)
@@ -410,18 +425,33 @@ QImage ImageProcessing::previewImage(const cv::Mat &raw)
     const int correction = correction_type;
     const int shooting = shooting_type;
     const int quarterTurns = angle;
-    // In colour mode the outlines are drawn on the source pixels themselves,
-    // which must not be the raw frame: photos and recordings use it.
+    const bool turned = quarterTurns >= 1 && quarterTurns <= 3;
+    // In colour mode the outlines would be drawn on the source pixels
+    // themselves, which must not be the raw frame: photos and recordings use
+    // it. Unturned, they are drawn on the preview image instead, in its own
+    // channel order, giving the same pixels without copying the frame.
     const bool drawsOnSource = correction != 0 && (shooting < 1 || shooting > 3);
+    if (drawsOnSource && !turned) {
+        const std::vector<cv::RotatedRect> sheets =
+            processMat(raw, previewOut, false, correction, shooting);
+        QImage &image = convertForPreview(previewOut);
+        cv::Mat view(image.height(), image.width(), CV_8UC3, image.bits(),
+                     size_t(image.bytesPerLine()));
+        const cv::Scalar bgr = outlineColour(correction);
+        drawOutlines(view, sheets, cv::Scalar(bgr[2], bgr[1], bgr[0]));
+        return image;
+    }
     const cv::Mat *src = &raw;
     if (drawsOnSource) {
         raw.copyTo(workCopy);
         src = &workCopy;
     }
     processMat(*src, previewOut, true, correction, shooting);
-    if (quarterTurns >= 1 && quarterTurns <= 3)
+    if (turned)
         return turnedPreviewImage(previewOut, quarterTurns);
-    return toPreviewImage(previewOut);
+    if (previewOut.type() == CV_8UC1 || previewOut.type() == CV_8UC3)
+        return convertForPreview(previewOut);
+    return MatQImage(previewOut);
 }
 
 // A preview image of the given size and format whose buffer nobody else
@@ -446,26 +476,21 @@ QImage &ImageProcessing::previewBuffer(int width, int height, QImage::Format for
     return spareImage;
 }
 
-// MatQImage's pixels, written into a reused buffer.
-QImage ImageProcessing::toPreviewImage(const cv::Mat &mat)
+// MatQImage's pixels for a 1- or 3-channel matrix, written into a reused
+// buffer, which may still be drawn on through the reference.
+QImage &ImageProcessing::convertForPreview(const cv::Mat &mat)
 {
-    switch (mat.type()) {
-    case CV_8UC1: {
+    if (mat.type() == CV_8UC1) {
         QImage &image = previewBuffer(mat.cols, mat.rows, QImage::Format_Indexed8);
         image.setColorTable(greyTable());
         cv::Mat view(mat.rows, mat.cols, CV_8UC1, image.bits(), size_t(image.bytesPerLine()));
         mat.copyTo(view);
         return image;
     }
-    case CV_8UC3: {
-        QImage &image = previewBuffer(mat.cols, mat.rows, QImage::Format_RGB888);
-        cv::Mat view(mat.rows, mat.cols, CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
-        cv::cvtColor(mat, view, cv::COLOR_BGR2RGB);
-        return image;
-    }
-    default:
-        return MatQImage(mat);
-    }
+    QImage &image = previewBuffer(mat.cols, mat.rows, QImage::Format_RGB888);
+    cv::Mat view(mat.rows, mat.cols, CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
+    cv::cvtColor(mat, view, cv::COLOR_BGR2RGB);
+    return image;
 }
 
 // MatQImage followed by handleQImage's turn, in one pass into a reused
@@ -545,12 +570,8 @@ std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
 
 std::vector<cv::RotatedRect> ImageProcessing::findSquaresInGrey(const cv::Mat &grey, int correction)
 {
-    cv::threshold(grey, workSheets, 127, 255, cv::THRESH_BINARY);
-
     std::vector<std::vector<cv::Point>> contours;
-    std::vector<cv::Vec4i> hierarchy;
-    cv::findContours(workSheets, contours, hierarchy, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE,
-                     cv::Point(0, 0));
+    findBrightOutlines(grey, 127, workSheets, contours);
 
     cv::RotatedRect best(cv::Point2f(0, 0), cv::Size2f(0, 0), 0);
     int maxArea = 0;

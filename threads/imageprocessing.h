@@ -113,12 +113,15 @@ protected:
 
 private:
     void waitForLoop(int timeoutMs);
+    static cv::Scalar outlineColour(int correction);
+    static void drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
+                             const cv::Scalar &colour);
     bool readFrame();
     std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
                                             int correction, int shooting);
     std::vector<cv::RotatedRect> findSquaresInGrey(const cv::Mat &grey, int correction);
     QImage &previewBuffer(int width, int height, QImage::Format format);
-    QImage toPreviewImage(const cv::Mat &mat);
+    QImage &convertForPreview(const cv::Mat &mat);
     QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
 
     std::mutex capMutex;   // cap is opened by the GUI thread, read by the loop
@@ -132,8 +135,8 @@ private:
     cv::Mat workCopy;
     cv::Mat workGrey;
     cv::Mat workBin;
-    cv::Mat workBinBgr;
-    cv::Mat workSheets;
+    std::vector<cv::Mat> workMeans;
+    cv::Mat workSheets; // thresholded frame inside a frame of zeros
     cv::Mat previewOut;
     QImage previewImages[4]; // handed out again once nobody else holds them
     QImage spareImage;

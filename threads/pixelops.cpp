@@ -2,32 +2,122 @@
 
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
+#include <opencv2/imgproc/imgproc_c.h>
 
 #include <algorithm>
 #include <cstring>
 
-void adaptiveThresholdMean(const cv::Mat &grey, cv::Mat &bin, int blockSize, double c)
+#if defined(__SANITIZE_THREAD__)
+// OpenCV's parallel loops run on a thread pool the thread sanitizer cannot
+// see into; in such builds everything runs on the calling thread.
+static const bool sequentialOpenCv = [] {
+    cv::setNumThreads(0);
+    return true;
+}();
+#endif
+
+// The cut rows of the stripes a picture is divided into for both cores.
+static int stripeCount(int rows, int reach)
+{
+    return std::max(1, std::min(cv::getNumThreads() * 2, rows / std::max(1, 8 * reach)));
+}
+
+void adaptiveThresholdMean(const cv::Mat &grey, cv::Mat &bin, int blockSize, double c,
+                           std::vector<cv::Mat> &stripeMeans)
 {
     bin.create(grey.size(), CV_8UC1);
     const int rows = grey.rows;
+    const int cols = grey.cols;
     const int reach = blockSize / 2;
-    const int stripes = std::max(1, std::min(cv::getNumThreads() * 2, rows / (4 * blockSize)));
+    const int stripes = stripeCount(rows, reach);
+    stripeMeans.resize(size_t(stripes));
+    // A pixel is white when it is brighter than its neighbourhood's mean less
+    // c, that is when grey - mean > -ceil(c), as cv::adaptiveThreshold has it.
+    const int delta = cvCeil(c);
     cv::parallel_for_(cv::Range(0, stripes), [&](const cv::Range &range) {
         for (int s = range.start; s < range.end; ++s) {
             const int top = rows * s / stripes;
             const int bottom = rows * (s + 1) / stripes;
             const int readTop = std::max(0, top - reach);
             const int readBottom = std::min(rows, bottom + reach);
-            // The stripe with its margin, thresholded as an image of its own;
-            // only rows whose neighbourhood lies inside it are kept. At the
-            // real image edges the margin is the edge itself, as for the
-            // whole image.
-            cv::Mat part;
-            cv::adaptiveThreshold(grey.rowRange(readTop, readBottom), part, 255,
-                                  cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, blockSize, c);
-            part.rowRange(top - readTop, bottom - readTop).copyTo(bin.rowRange(top, bottom));
+            // The stripe's means, from the stripe and its margin taken as an
+            // image of its own: rows whose neighbourhood lies inside it get
+            // the mean of the whole picture, and at the real picture edges
+            // the margin is the edge itself.
+            cv::Mat &mean = stripeMeans[size_t(s)];
+            cv::boxFilter(grey.rowRange(readTop, readBottom), mean, CV_8U,
+                          cv::Size(blockSize, blockSize), cv::Point(-1, -1), true,
+                          cv::BORDER_REPLICATE | cv::BORDER_ISOLATED);
+            cv::Mat means = mean.rowRange(top - readTop, bottom - readTop);
+            const cv::Mat greys = grey.rowRange(top, bottom);
+            cv::Mat out = bin.rowRange(top, bottom);
+            if (delta > 0) {
+                // grey - mean > -delta  <=>  mean - grey < delta, and for a
+                // positive delta the difference may as well stop at 0: all
+                // in 8 bits, where the library's vector code does it.
+                cv::subtract(means, greys, means);
+                cv::compare(means, delta, out, cv::CMP_LT);
+            } else {
+                for (int y = 0; y < out.rows; ++y) {
+                    const uchar *g = greys.ptr(y);
+                    const uchar *m = means.ptr(y);
+                    uchar *o = out.ptr(y);
+                    for (int x = 0; x < cols; ++x)
+                        o[x] = int(g[x]) - int(m[x]) > -delta ? 255 : 0;
+                }
+            }
         }
     });
+}
+
+void whitenWhereMarked(const cv::Mat &src, const cv::Mat &bin, cv::Mat &out)
+{
+    out.create(src.size(), CV_8UC3);
+    constexpr int chunk = 16;
+    const int chunks = (src.rows + chunk - 1) / chunk;
+    cv::parallel_for_(cv::Range(0, chunks), [&](const cv::Range &range) {
+        cv::Mat marks; // the marks of a few rows, three channels each
+        for (int c = range.start; c < range.end; ++c) {
+            const int top = c * chunk;
+            const int bottom = std::min(src.rows, top + chunk);
+            cv::cvtColor(bin.rowRange(top, bottom), marks, cv::COLOR_GRAY2BGR);
+            // Adding 0 or 255 with saturation is an or with 0 or 255.
+            cv::Mat rows = out.rowRange(top, bottom);
+            cv::bitwise_or(src.rowRange(top, bottom), marks, rows);
+        }
+    });
+}
+
+void findBrightOutlines(const cv::Mat &grey, double level, cv::Mat &padded,
+                        std::vector<std::vector<cv::Point>> &contours)
+{
+    const int rows = grey.rows;
+    const int cols = grey.cols;
+    padded.create(rows + 2, cols + 2, CV_8UC1);
+    padded.row(0).setTo(0);
+    padded.row(rows + 1).setTo(0);
+    padded.col(0).setTo(0);
+    padded.col(cols + 1).setTo(0);
+    cv::Mat inside = padded(cv::Rect(1, 1, cols, rows));
+    cv::threshold(grey, inside, level, 255, cv::THRESH_BINARY);
+
+    // The search cv::findContours runs on its own zero-framed copy, with the
+    // same offset back to the picture's coordinates.
+    cv::MemStorage storage(cvCreateMemStorage());
+    CvMat image = cvMat(padded);
+    CvSeq *first = nullptr;
+    cvFindContours(&image, storage, &first, sizeof(CvContour), CV_RETR_EXTERNAL,
+                   CV_CHAIN_APPROX_SIMPLE, cvPoint(-1, -1));
+
+    contours.clear();
+    cv::Seq<CvSeq *> all(cvTreeToNodeSeq(first, sizeof(CvSeq), storage));
+    for (cv::SeqIterator<CvSeq *> it = all.begin(); it != all.end(); ++it) {
+        CvSeq *contour = *it;
+        std::vector<cv::Point> points(size_t(contour->total));
+        if (!points.empty())
+            cvCvtSeqToArray(contour, points.data());
+        contours.push_back(std::move(points));
+    }
 }
 
 namespace {

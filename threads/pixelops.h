@@ -5,13 +5,31 @@
 
 #include <opencv2/core.hpp>
 
+#include <vector>
+
 // Whole-image operations of the frame path, written to use both cores and
 // the cache well while giving exactly the pixels of the plain calls.
 
 // cv::adaptiveThreshold(grey, bin, 255, ADAPTIVE_THRESH_MEAN_C, THRESH_BINARY,
-// blockSize, c), computed in horizontal stripes in parallel. Each stripe reads
-// the rows its neighbourhoods reach, so the result is the same to the bit.
-void adaptiveThresholdMean(const cv::Mat &grey, cv::Mat &bin, int blockSize, double c);
+// blockSize, c), computed in horizontal stripes on both cores. Each stripe
+// reads the rows its neighbourhoods reach, so the result is the same to the
+// bit. means holds the stripes' working buffers from call to call.
+void adaptiveThresholdMean(const cv::Mat &grey, cv::Mat &bin, int blockSize, double c,
+                           std::vector<cv::Mat> &means);
+
+// cv::add(src, binBgr, out) where binBgr is the 0-or-255 picture bin
+// turned into three channels: every marked pixel white, the others as in
+// src. One pass, on both cores.
+void whitenWhereMarked(const cv::Mat &src, const cv::Mat &bin, cv::Mat &out);
+
+// The outer contours of the pixels of grey brighter than level, as
+// cv::threshold(grey, bin, level, 255, THRESH_BINARY) followed by
+// cv::findContours(bin, contours, RETR_EXTERNAL, CHAIN_APPROX_SIMPLE) give
+// them, in the same order. The thresholded picture goes straight into a
+// buffer with the zero frame the contour search needs (kept in padded from
+// call to call), instead of being copied into one.
+void findBrightOutlines(const cv::Mat &grey, double level, cv::Mat &padded,
+                        std::vector<std::vector<cv::Point>> &contours);
 
 // Rows of pixels somewhere in memory: an image's or a matrix's. Only the
 // destination of an operation is written.
