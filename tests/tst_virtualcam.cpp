@@ -7,6 +7,8 @@
 #include <QSize>
 #include <QStringList>
 #include <QTemporaryDir>
+#include "testsupport.h"
+
 #include <QtTest>
 
 #include <opencv2/core.hpp>
@@ -210,14 +212,7 @@ private:
 
     QMap<QString, QString> readState(int node) const
     {
-        QMap<QString, QString> values;
-        QFile f(m_state->filePath(QStringLiteral("video%1.state").arg(node)));
-        if (!f.open(QIODevice::ReadOnly))
-            return values;
-        const QStringList lines = QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts);
-        for (const QString &line : lines)
-            values.insert(line.section('=', 0, 0), line.section('=', 1));
-        return values;
+        return readVirtualCameraState(m_state->path(), node);
     }
 
     QStringList stateKeys(int node) const

@@ -37,6 +37,18 @@ QProcessEnvironment cleanEnvironment()
     return env;
 }
 
+QMap<QString, QString> readVirtualCameraState(const QString &dir, int node)
+{
+    QMap<QString, QString> values;
+    QFile file(QDir(dir).filePath(QString("video%1.state").arg(node)));
+    if (!file.open(QIODevice::ReadOnly))
+        return values;
+    const QStringList lines = QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
+    for (const QString &line : lines)
+        values.insert(line.section('=', 0, 0), line.section('=', 1));
+    return values;
+}
+
 void clearVirtualCameraEnvironment()
 {
     for (const QString &key : QProcessEnvironment::systemEnvironment().keys()) {

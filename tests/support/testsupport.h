@@ -47,6 +47,10 @@ ProgramRun runProgram(const QString &workDir, const QString &home,
 // The environment of this process without any VCAM_* variable.
 QProcessEnvironment cleanEnvironment();
 
+// What the virtual camera recorded about node N in the state folder dir:
+// the key=value lines of dir/video<N>.state; empty when there is none yet.
+QMap<QString, QString> readVirtualCameraState(const QString &dir, int node);
+
 // Removes every VCAM_* variable from this process's environment.
 void clearVirtualCameraEnvironment();
 
