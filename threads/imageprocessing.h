@@ -68,6 +68,8 @@ public:
     static cv::Mat QImageToMat(QImage image);
 
     // Frame processing: colour mode and, on the preview, document outlines.
+    // These use the loop's working buffers: call them from one thread at a
+    // time (the loop's own, or any other while the loop is not reading).
     std::vector<cv::RotatedRect> handleMat(const cv::Mat &src, cv::Mat &out, bool draw);
     QImage handleQImage(QImage image);
     void setAngle(int direction);
