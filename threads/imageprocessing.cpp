@@ -1,12 +1,16 @@
 #include "imageprocessing.h"
 
 #include "cache.h"
+#include "photooutput.h"
 #include "safeindex.h"
 #include "threads/pixelops.h"
 #include "threads/racecheck.h"
 
 #include <QDebug>
 #include <QElapsedTimer>
+#include <QFileInfo>
+#include <QImageWriter>
+#include <QPainter>
 #include <QTransform>
 #include <QVector>
 #include <QCoreApplication>
@@ -134,6 +138,10 @@ void ImageProcessing::readFarme(QImage image)
 void ImageProcessing::run()
 {
     while (isWork) {
+        if (isTakePhoto) {
+            isTakePhoto = false;
+            takePhoto();
+        }
         if (isSetVideoPParameter) {
             isSetVideoPParameter = false;
             closeCamara(false);
@@ -185,6 +193,135 @@ void ImageProcessing::setChildImages(const QImage &first, const QImage &second)
     std::lock_guard<std::mutex> lock(childMutex);
     child1 = first;
     child2 = second;
+}
+
+void ImageProcessing::setTakePhotoCammond(QImage first, QImage second, bool show1, bool show2)
+{
+    {
+        std::lock_guard<std::mutex> lock(childMutex);
+        child1 = first;
+        child2 = second;
+        isShow1 = show1;
+        isShow2 = show2;
+    }
+    // Raised last: the loop finds everything else in place.
+    isTakePhoto = true;
+}
+
+void ImageProcessing::setTakePhotoChildCamera(bool on)
+{
+    isTakePhotoChildCamera = on;
+}
+
+void ImageProcessing::setSaveImageToTiff(bool on)
+{
+    isSaveTiff = on;
+}
+
+void ImageProcessing::takePhoto()
+{
+    QList<QString> files;
+    if (frame.empty()) {
+        // Asked before the camera delivered anything: nothing to save.
+        qDebug() << Q_FUNC_INFO << "no camera frame yet, no photo taken";
+        emit sendTakePhotoImageSignal(files, 0);
+        return;
+    }
+
+    QImage first, second;
+    bool show1, show2;
+    {
+        std::lock_guard<std::mutex> lock(childMutex);
+        first = child1;
+        second = child2;
+        show1 = isShow1;
+        show2 = isShow2;
+    }
+    const bool insets = isTakePhotoChildCamera;
+    const int correction = correction_type;
+
+    const cv::Mat raw = frame.clone();
+    cv::Mat processed;
+    const std::vector<cv::RotatedRect> rects = processMat(raw, processed, false, correction, shooting_type);
+
+    const QList<QImage> images =
+        photoImages(processed, rects, correction, first, second, show1, show2, insets);
+
+    const QString format = isSaveTiff ? QString("tiff") : Cache::config->image_codec;
+    for (const QImage &image : images) {
+        QImage copy = image;
+        paintPhoto(copy, first, second, show1, show2, insets);
+        const QString fileName = nextOutputFileName(format);
+        QImageWriter writer(fileName, format.toUtf8());
+        writer.setQuality(Cache::config->image_quality);
+        // The name is reported whatever happens; a failure is logged so that
+        // a photo lost to a full disk or a removed folder leaves a trace.
+        if (copy.isNull())
+            qDebug() << Q_FUNC_INFO << "nothing to save as" << fileName << "(empty picture)";
+        else if (!writer.write(copy))
+            qDebug() << Q_FUNC_INFO << "could not write" << fileName << ":" << writer.errorString();
+        files.append(fileName);
+    }
+    emit sendTakePhotoImageSignal(files, 0);
+}
+
+// The pictures a photo consists of, in the order they are saved.
+QList<QImage> ImageProcessing::photoImages(const cv::Mat &processed,
+                                           const std::vector<cv::RotatedRect> &rects, int correction,
+                                           const QImage &first, const QImage &second, bool show1,
+                                           bool show2, bool insets)
+{
+    QList<QImage> images;
+    if (correction == 0) {
+        QImage main = MatQImage(processed);
+        const QSize outSize = outputSizeAt(Cache::config->image_out_resolution);
+        // Without a list of output sizes the photo keeps the camera's size.
+        if (outSize.isValid())
+            main = main.scaled(outSize, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+        images.append(handleQImage(main));
+    } else if (correction == 1 || correction == 2) {
+        for (const cv::RotatedRect &r : rects)
+            images.append(handleQImage(MatQImage(deskewCutOut(processed, r))));
+    }
+    if ((show1 || show2) && !insets) {
+        if (show1)
+            images.append(first);
+        if (show2)
+            images.append(second);
+    }
+    return images;
+}
+
+// Watermark and picture-in-picture insets, drawn on one picture of a photo.
+void ImageProcessing::paintPhoto(QImage &image, const QImage &first, const QImage &second,
+                                 bool show1, bool show2, bool insets)
+{
+    const QString text = watermarkText();
+    const bool anyInset = insets && ((show1 && !first.isNull()) || (show2 && !second.isNull()));
+    if (image.isNull() || (text.isEmpty() && !anyInset))
+        return;
+    // A grey photo has a colour table, on which nothing can be painted: it
+    // takes its watermark and insets as a colour picture of the same greys.
+    if (image.format() == QImage::Format_Indexed8)
+        image = image.convertToFormat(QImage::Format_RGB888);
+
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing, true);
+    p.setCompositionMode(QPainter::CompositionMode_SourceOver);
+    if (!text.isEmpty())
+        drawWatermark(image, p, text);
+    if (insets) {
+        p.setOpacity(1.0);
+        // Both insets sit at the top-left corner, the second over the first.
+        for (const auto &[inset, shown] : {std::make_pair(first, show1), std::make_pair(second, show2)}) {
+            if (!shown || inset.isNull())
+                continue;
+            const int w = int(Cache::config->painting_percentage / 100.0 * image.width());
+            const int h = int(double(w) / inset.width() * inset.height());
+            p.drawImage(QRect(0, 0, w, h), inset);
+        }
+    }
+    p.end();
 }
 
 void ImageProcessing::openCamara()

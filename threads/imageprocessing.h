@@ -64,6 +64,13 @@ public:
     void setFrameHeight(int height);
     void setFrameWidthAndHeight(int width, int height);
 
+    // Photo taking: the GUI thread hands over the secondary pictures and
+    // raises the request; the loop takes the photo on its next pass.
+    void setTakePhotoCammond(QImage child1, QImage child2, bool isShow1, bool isShow2);
+    void setTakePhotoChildCamera(bool on);
+    void setSaveImageToTiff(bool on);
+    void takePhoto();
+
     static QImage MatQImage(const cv::Mat &mat);
     static cv::Mat QImageToMat(QImage image);
 
@@ -115,6 +122,11 @@ protected:
 
 private:
     void waitForLoop(int timeoutMs);
+    QList<QImage> photoImages(const cv::Mat &processed, const std::vector<cv::RotatedRect> &rects,
+                              int correction, const QImage &first, const QImage &second,
+                              bool show1, bool show2, bool insets);
+    void paintPhoto(QImage &image, const QImage &first, const QImage &second, bool show1,
+                    bool show2, bool insets);
     static cv::Scalar outlineColour(int correction);
     static void drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
                              const cv::Scalar &colour);

@@ -1,0 +1,27 @@
+#ifndef PHOTOOUTPUT_H
+#define PHOTOOUTPUT_H
+
+#include <QString>
+
+class QImage;
+class QPainter;
+
+// How every file the program makes from pictures is named, and the
+// watermark every saved photo carries: one rule each, shared by photos,
+// joined images and PDF/TIFF files.
+
+// The next output file name in the output folder for a file of the given
+// format (also its extension): numbered "<prefix>_<n>.<format>", counting
+// save_number up, or by the local time "yyyy_MM_dd HH_mm_ss.zzz.<format>".
+QString nextOutputFileName(const QString &format);
+
+// The watermark text the settings ask for: the local time when time
+// stamping is on, else the configured text; empty for no watermark.
+QString watermarkText();
+
+// Draws text as the watermark on img through its open painter p: centred
+// and moved by the position settings, in the configured colour, font and
+// transparency. Leaves p's opacity at the watermark's.
+void drawWatermark(QImage &img, QPainter &p, const QString &text);
+
+#endif // PHOTOOUTPUT_H
