@@ -138,6 +138,8 @@ void ImageProcessing::readFarme(QImage image)
 void ImageProcessing::run()
 {
     while (isWork) {
+        if (isCameraVideo)
+            recordVideo();
         if (isTakePhoto) {
             isTakePhoto = false;
             takePhoto();
@@ -193,6 +195,42 @@ void ImageProcessing::setChildImages(const QImage &first, const QImage &second)
     std::lock_guard<std::mutex> lock(childMutex);
     child1 = first;
     child2 = second;
+}
+
+void ImageProcessing::SetRecordVideo(bool on, QString path)
+{
+    if (on) {
+        // A writer left from an earlier recording is closed, not leaked.
+        delete writer;
+        writer = new cv::VideoWriter;
+        const int fourcc = cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
+        recordSize = frame.size();
+        writer->open(path.toUtf8().toStdString(), fourcc, 25.0, recordSize, true);
+        qDebug() << Q_FUNC_INFO << "fourcc" << fourcc;
+    } else if (writer) {
+        writer->release();
+    }
+    isCameraVideo = on;
+    cameraVideoPath = path;
+}
+
+void ImageProcessing::recordVideo()
+{
+    if (!writer || !writer->isOpened())
+        return;
+    mutex.lock();
+    const QImage shown = srcImage.copy();
+    mutex.unlock();
+    cv::Mat picture = QImageToMat(shown);
+    {
+        std::lock_guard<std::mutex> lock(frameMutex);
+        frame = picture;
+    }
+    // The file's frame size is fixed when it opens; a picture of another size
+    // (turned a quarter, say) would corrupt it and is left out.
+    if (picture.empty() || picture.size() != recordSize || picture.type() != CV_8UC3)
+        return;
+    writer->write(picture.clone());
 }
 
 void ImageProcessing::setTakePhotoCammond(QImage first, QImage second, bool show1, bool show2)

@@ -71,6 +71,11 @@ public:
     void setSaveImageToTiff(bool on);
     void takePhoto();
 
+    // The thread-side recorder: while on, every pass of the loop writes the
+    // last displayed picture to an MJPG AVI file at 25 frames per second.
+    void SetRecordVideo(bool on, QString path);
+    void recordVideo();
+
     static QImage MatQImage(const cv::Mat &mat);
     static cv::Mat QImageToMat(QImage image);
 
@@ -142,6 +147,7 @@ private:
     std::mutex frameMutex; // frame swaps against currentFrame()
     std::mutex childMutex; // child1/child2
     cv::Mat readBuffer;    // the loop's next frame; swapped with frame
+    cv::Size recordSize;   // frame size of the thread-side recording
 
     // Per-frame working buffers of the thread that processes frames, kept
     // from one frame to the next: allocating them anew costs page faults on
