@@ -24,6 +24,10 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
     ui->picLogo_2->setPixmap(QPixmap(Cache::config->exe_path + "/Resources/brivora.png"));
     showCameras();
     showChosenSettings();
+    // The live picture of the camera the settings choose (the first one when
+    // the stored choice does not exist).
+    if (!Cache::cameras->isEmpty())
+        ui->video->init(validCameraIndex(Cache::config->camera_index));
 }
 
 MainWindowQCamera::~MainWindowQCamera()

@@ -9,8 +9,9 @@ class MainWindowQCamera;
 }
 QT_END_NAMESPACE
 
-// The operator's main window. For now it shows what start-up found: the
-// cameras, the camera the settings choose and the sizes they lead to.
+// The operator's main window. For now it shows the live picture of the
+// chosen camera and what start-up found: the cameras, the camera the settings
+// choose and the sizes they lead to.
 class MainWindowQCamera : public QMainWindow
 {
     Q_OBJECT

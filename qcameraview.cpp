@@ -1,0 +1,402 @@
+#include "qcameraview.h"
+#include "ui_qcameraview.h"
+
+#include "cache.h"
+#include "safeindex.h"
+#include "threads/framewriter.h"
+#include "threads/imageprocessing.h"
+
+#include <QDateTime>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QStyleOption>
+#include <QTimer>
+#include <QWheelEvent>
+
+#include <opencv2/videoio.hpp>
+
+namespace {
+
+constexpr qreal zoomStep = 0.2;
+constexpr int recordTickMs = 33;
+constexpr double recordFileRate = 10.0;
+
+} // namespace
+
+QCameraView::QCameraView(QWidget *parent)
+    : QWidget(parent),
+      isOpenTip(false),
+      id(0),
+      m_ZoomValue(1.0),
+      m_XPtInterval(0),
+      m_YPtInterval(0),
+      m_Pressed(false),
+      isCameraVideo(false),
+      isWriteVideo(false),
+      ui(new Ui::QCameraView),
+      m_imageProcessing(new ImageProcessing),
+      timerWriter(new QTimer(this)),
+      fps_count(1)
+{
+    ui->setupUi(this);
+    m_imageProcessing->begin();
+
+    connect(this, SIGNAL(readFarme(QImage)), m_imageProcessing, SLOT(readFarme(QImage)));
+    connect(m_imageProcessing, SIGNAL(sendFarmeSignal(QImage)), this, SLOT(updateImage(QImage)),
+            Qt::BlockingQueuedConnection);
+    connect(m_imageProcessing, SIGNAL(sendTakePhotoImageSignal(QList<QString>, int)), this,
+            SLOT(takePhotoImage(QList<QString>, int)), Qt::BlockingQueuedConnection);
+    connect(m_imageProcessing, SIGNAL(openCameraSignal()), this, SLOT(openCameraSlot()));
+    connect(m_imageProcessing, SIGNAL(closeCameraSignal()), this, SLOT(closeCameraSlot()));
+    connect(timerWriter, SIGNAL(timeout()), this, SLOT(onWriterTimer()));
+}
+
+QCameraView::~QCameraView()
+{
+    timerWriter->stop();
+    // A recording still running is finished, so that its queued frames are
+    // written before the writer goes with the capture thread object.
+    if (frameWriter)
+        frameWriter->finish();
+    m_imageProcessing->end();
+    delete ui;
+    // Deleted only now that its loop has stopped (its destructor waits for
+    // the loop in any case).
+    delete m_imageProcessing;
+}
+
+// The capture size the settings choose for this view's camera; invalid when
+// the camera lists no sizes (it then keeps its own).
+QSize QCameraView::chosenCaptureSize() const
+{
+    const CameraInfo *camera = cameraAt(id);
+    if (!camera)
+        return QSize();
+    return sizeAtOrFirst(camera->supportedResolutions, Cache::config->image_resolution);
+}
+
+void QCameraView::init(int cameraId)
+{
+    id = cameraId;
+    m_imageProcessing->driveId = cameraId;
+    const QSize size = chosenCaptureSize();
+    if (size.isValid())
+        m_imageProcessing->setFrameWidthAndHeight(size.width(), size.height());
+    openCamara();
+}
+
+void QCameraView::openCamara()
+{
+    m_imageProcessing->openCamara();
+    isOpenTip = true;
+}
+
+void QCameraView::closeCamara()
+{
+    m_imageProcessing->closeCamara(true);
+    emit closeCameraSignal();
+}
+
+void QCameraView::changeCamera(int cameraId, int width, int height)
+{
+    closeCamara();
+    id = cameraId;
+    m_imageProcessing->driveId = cameraId;
+    if (width != 0)
+        m_imageProcessing->setFrameWidth(width);
+    if (height != 0)
+        m_imageProcessing->setFrameHeight(height);
+    openCamara();
+}
+
+void QCameraView::reConfigVideoSetting()
+{
+    emit closeCameraSignal();
+    isOpenTip = true;
+    m_imageProcessing->reConfigVideoSetting();
+}
+
+void QCameraView::changeCameraResolution(bool pip, bool isMain)
+{
+    const QSize base = chosenCaptureSize();
+    if (!base.isValid())
+        return;
+    if (!pip) {
+        setCameraResolution(base);
+        return;
+    }
+    const QSize limit = outputSizeAt(isMain ? Cache::config->painting_main_resolution
+                                            : Cache::config->painting_other_resolution);
+    // With pictures in pictures the cameras share the machine: none captures
+    // wider than its limit.
+    if (limit.isValid() && base.width() > limit.width())
+        setCameraResolution(limit);
+    else
+        setCameraResolution(base);
+}
+
+void QCameraView::setCameraResolution(QSize size)
+{
+    m_imageProcessing->setCameraResolution(size);
+}
+
+void QCameraView::markOpen()
+{
+    if (isOpenTip) {
+        isOpenTip = false;
+        emit openCameraSignal();
+    }
+}
+
+void QCameraView::updateImage(QImage image)
+{
+    markOpen();
+    m_Image = image;
+    update();
+}
+
+bool QCameraView::inPlainPreview() const
+{
+    return m_imageProcessing->correction_type == 0 && m_imageProcessing->shooting_type == 0
+           && m_imageProcessing->angle == 0;
+}
+
+void QCameraView::setImage(QImage image)
+{
+    markOpen();
+    if (inPlainPreview()) {
+        m_imageProcessing->isRead = false;
+        updateImage(image);
+    } else {
+        emit readFarme(image);
+        m_imageProcessing->isRead = true;
+    }
+}
+
+void QCameraView::setMat(cv::Mat mat)
+{
+    emit readMat(mat);
+}
+
+void QCameraView::setTakePhotoCammond(QImage child1, QImage child2, bool show1, bool show2)
+{
+    if (inPlainPreview()) {
+        m_imageProcessing->mutex.lock();
+        m_imageProcessing->srcImage = m_Image;
+        m_imageProcessing->mutex.unlock();
+    }
+    // Hands over the pictures and raises the request last.
+    m_imageProcessing->setTakePhotoCammond(child1, child2, show1, show2);
+}
+
+void QCameraView::takePhotoImage(QList<QString> files, int kind)
+{
+    emit sendTakePhotoImageSignal(files, kind);
+}
+
+void QCameraView::setCameraExposure(int value)
+{
+    m_imageProcessing->setCameraExposure(value);
+}
+
+void QCameraView::setAngle(int direction)
+{
+    m_imageProcessing->setAngle(direction);
+}
+
+void QCameraView::setCameraCorrection(int code)
+{
+    m_imageProcessing->setCameraCorrection(code);
+}
+
+void QCameraView::setCameraShootType(int code)
+{
+    m_imageProcessing->setCameraShootType(code);
+}
+
+void QCameraView::setTakePhotoChildCamera(bool on)
+{
+    m_imageProcessing->setTakePhotoChildCamera(on);
+}
+
+void QCameraView::setSaveImageToTiff(bool on)
+{
+    m_imageProcessing->setSaveImageToTiff(on);
+}
+
+void QCameraView::videoSettingOpenWindow()
+{
+}
+
+void QCameraView::videoParameterSettings()
+{
+}
+
+void QCameraView::openCameraSlot()
+{
+}
+
+void QCameraView::closeCameraSlot()
+{
+}
+
+void QCameraView::onZoomInImage()
+{
+    m_ZoomValue += zoomStep;
+    update();
+}
+
+void QCameraView::onZoomOutImage()
+{
+    m_ZoomValue -= zoomStep;
+    if (m_ZoomValue <= 0) {
+        m_ZoomValue += zoomStep;
+        return;
+    }
+    update();
+}
+
+void QCameraView::onPresetImage()
+{
+    m_ZoomValue = 1.0;
+    m_XPtInterval = 0;
+    m_YPtInterval = 0;
+    update();
+}
+
+void QCameraView::paintEvent(QPaintEvent *event)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing, true);
+    QStyleOption option;
+    option.initFrom(this);
+    style()->drawPrimitive(QStyle::PE_Widget, &option, &painter, this);
+
+    if (m_Image.isNull()) {
+        QWidget::paintEvent(event);
+        return;
+    }
+
+    // Fit without ever enlarging the picture beyond its own size.
+    const double aspect = double(m_Image.width()) / m_Image.height();
+    int w = qMin(m_Image.width(), width());
+    int h = int(w / aspect);
+    h = qMin(h, height());
+    w = int(h * aspect);
+
+    painter.translate(width() / 2 + m_XPtInterval, height() / 2 + m_YPtInterval);
+    if (m_ZoomValue <= 1.0) {
+        const QImage fitted =
+            m_Image.scaled(QSize(w, h), Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+        painter.drawImage(QRect(-w / 2, -h / 2, w, h), fitted);
+        // Zooming out below the fit never shows, and a pan is undone.
+        m_ZoomValue = 1.0;
+        m_XPtInterval = 0;
+        m_YPtInterval = 0;
+    } else {
+        painter.scale(m_ZoomValue, m_ZoomValue);
+        painter.drawImage(QRect(-w / 2, -h / 2, w, h), m_Image);
+    }
+}
+
+void QCameraView::wheelEvent(QWheelEvent *event)
+{
+    if (event->angleDelta().y() < 1)
+        onZoomOutImage();
+    else
+        onZoomInImage();
+    update();
+}
+
+void QCameraView::mousePressEvent(QMouseEvent *event)
+{
+    m_OldPos = event->pos();
+    m_Pressed = true;
+}
+
+void QCameraView::mouseMoveEvent(QMouseEvent *event)
+{
+    if (!m_Pressed) {
+        QWidget::mouseMoveEvent(event);
+        return;
+    }
+    setCursor(Qt::SizeAllCursor);
+    const QPoint pos = event->pos();
+    m_XPtInterval += pos.x() - m_OldPos.x();
+    m_YPtInterval += pos.y() - m_OldPos.y();
+    m_OldPos = pos;
+    update();
+}
+
+void QCameraView::mouseReleaseEvent(QMouseEvent *)
+{
+    m_Pressed = false;
+    setCursor(Qt::ArrowCursor);
+}
+
+void QCameraView::recordBegin()
+{
+    if (isOpenTip)
+        return; // the camera is still opening: nothing to record yet
+
+    const QString now = QDateTime::currentDateTime().toString("yyyy_MM_dd_HH_mm_ss.zzz");
+    m_cameraRecorderPath =
+        QString("%1/%2.%3").arg(Cache::config->user_documentsLocation).arg(now).arg("avi");
+
+    // The writer of an earlier recording is closed and deleted, not leaked.
+    if (frameWriter)
+        frameWriter->finish();
+    frameWriter.reset();
+    delete m_imageProcessing->writer;
+    m_imageProcessing->writer = new cv::VideoWriter;
+
+    recordSize = m_imageProcessing->currentFrame().size();
+    m_imageProcessing->writer->open(m_cameraRecorderPath.toUtf8().toStdString(),
+                                    cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), recordFileRate,
+                                    recordSize, true);
+    frameWriter = std::make_unique<FrameWriter>(m_imageProcessing->writer);
+
+    isCameraVideo = true;
+    fps_count = 1;
+    timerWriter->start(recordTickMs);
+    isWriteVideo = true;
+}
+
+// Every tick takes a copy of the camera's latest raw frame and hands it to
+// the encoder thread; a frame the encoder has no room for is dropped and not
+// counted, so the window never waits for the encoder.
+void QCameraView::onWriterTimer()
+{
+    cv::VideoWriter *writer = m_imageProcessing->writer;
+    if (!isCameraVideo || !writer || !writer->isOpened() || m_Image.isNull())
+        return;
+    mutex.lock();
+    cv::Mat copy = m_imageProcessing->currentFrame();
+    mutex.unlock();
+    if (copy.empty())
+        return;
+    // A frame of another size (the camera re-opened meanwhile) would spoil
+    // the file.
+    if (copy.size() != recordSize)
+        return;
+    if (isWriteVideo && !(frameWriter && frameWriter->offer(copy)))
+        return;
+    fps_count += 1;
+}
+
+void QCameraView::recordEnd()
+{
+    cv::VideoWriter *writer = m_imageProcessing->writer;
+    if (writer)
+        writer->set(cv::CAP_PROP_FRAME_COUNT, fps_count);
+    isWriteVideo = false;
+    timerWriter->stop();
+    isCameraVideo = false;
+    // Every queued frame is written before the file is closed and reported.
+    if (frameWriter)
+        frameWriter->finish();
+    frameWriter.reset();
+    if (writer)
+        writer->release();
+    emit sendTakePhotoImageSignal(QList<QString>{m_cameraRecorderPath}, 0);
+}

@@ -1,0 +1,108 @@
+#ifndef QCAMERAVIEW_H
+#define QCAMERAVIEW_H
+
+#include <QImage>
+#include <QList>
+#include <QMutex>
+#include <QPoint>
+#include <QString>
+#include <QWidget>
+
+#include <opencv2/core.hpp>
+
+#include <memory>
+
+class FrameWriter;
+class ImageProcessing;
+class QTimer;
+
+QT_BEGIN_NAMESPACE
+namespace Ui {
+class QCameraView;
+}
+QT_END_NAMESPACE
+
+// The live preview: owns one capture thread, shows its frames scaled to fit,
+// zooms with the wheel, pans with the mouse, records video and passes the
+// main window's camera commands on to its thread.
+class QCameraView : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit QCameraView(QWidget *parent = nullptr);
+    ~QCameraView() override;
+
+    QImage m_Image;
+    QMutex mutex;
+    bool isOpenTip;
+    int id;
+    QImage m_temp_Image;
+    qreal m_ZoomValue;
+    int m_XPtInterval;
+    int m_YPtInterval;
+    QPoint m_OldPos;
+    bool m_Pressed;
+    QString m_cameraRecorderPath;
+    bool isCameraVideo;
+    bool isWriteVideo;
+    Ui::QCameraView *ui;
+    ImageProcessing *m_imageProcessing;
+    QTimer *timerWriter;
+    int fps_count;
+
+    void init(int id);
+    void openCamara();
+    void closeCamara();
+    void changeCamera(int id, int width, int height);
+    void reConfigVideoSetting();
+    void changeCameraResolution(bool pip, bool isMain);
+    void setCameraResolution(QSize size);
+    void setImage(QImage image);
+    void setMat(cv::Mat mat);
+    void setTakePhotoCammond(QImage child1, QImage child2, bool show1, bool show2);
+    void setCameraExposure(int value);
+    void setAngle(int direction);
+    void setCameraCorrection(int code);
+    void setCameraShootType(int code);
+    void setTakePhotoChildCamera(bool on);
+    void setSaveImageToTiff(bool on);
+    void videoSettingOpenWindow();
+    void videoParameterSettings();
+    void recordBegin();
+    void recordEnd();
+
+signals:
+    void sendTakePhotoImageSignal(QList<QString> files, int kind);
+    void readFarme(QImage image);
+    void readMat(cv::Mat mat);
+    void openCameraSignal();
+    void closeCameraSignal();
+
+public slots:
+    void updateImage(QImage image);
+    void takePhotoImage(QList<QString> files, int kind);
+    void onZoomInImage();
+    void onZoomOutImage();
+    void onPresetImage();
+    void openCameraSlot();
+    void closeCameraSlot();
+    void onWriterTimer();
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+    void wheelEvent(QWheelEvent *event) override;
+    void mousePressEvent(QMouseEvent *event) override;
+    void mouseMoveEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+
+private:
+    bool inPlainPreview() const;
+    void markOpen();
+    QSize chosenCaptureSize() const;
+
+    std::unique_ptr<FrameWriter> frameWriter; // encodes the recording's frames
+    cv::Size recordSize;                      // frame size of the recording's file
+};
+
+#endif // QCAMERAVIEW_H
