@@ -13,6 +13,7 @@
 #include <QTimer>
 #include <QWheelEvent>
 
+#include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 namespace {
@@ -286,9 +287,7 @@ void QCameraView::paintEvent(QPaintEvent *event)
 
     painter.translate(width() / 2 + m_XPtInterval, height() / 2 + m_YPtInterval);
     if (m_ZoomValue <= 1.0) {
-        const QImage fitted =
-            m_Image.scaled(QSize(w, h), Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
-        painter.drawImage(QRect(-w / 2, -h / 2, w, h), fitted);
+        painter.drawImage(QRect(-w / 2, -h / 2, w, h), fittedImage(QSize(w, h)));
         // Zooming out below the fit never shows, and a pan is undone.
         m_ZoomValue = 1.0;
         m_XPtInterval = 0;
@@ -297,6 +296,49 @@ void QCameraView::paintEvent(QPaintEvent *event)
         painter.scale(m_ZoomValue, m_ZoomValue);
         painter.drawImage(QRect(-w / 2, -h / 2, w, h), m_Image);
     }
+}
+
+// The picture scaled down to the fitted size, made once per new picture and
+// size rather than on every paint. A large camera frame is averaged down by
+// OpenCV, which looks the same as Qt's smooth scaling for less; other
+// formats and smaller reductions go through Qt.
+QImage QCameraView::fittedImage(QSize size)
+{
+    if (m_temp_Image.size() == size && fittedKey == m_Image.cacheKey())
+        return m_temp_Image;
+    // Worth it from a quarter of the size down; above that Qt's own smooth
+    // scaling, which uses both cores, is as quick.
+    const bool shrinking = 4 * size.width() <= m_Image.width() && 4 * size.height() <= m_Image.height();
+    const int channels = m_Image.format() == QImage::Format_RGB888    ? 3
+                         : m_Image.format() == QImage::Format_Indexed8 ? 1
+                                                                       : 0;
+    if (shrinking && channels != 0 && !size.isEmpty()) {
+        QImage fitted(size, m_Image.format());
+        if (channels == 1)
+            fitted.setColorTable(m_Image.colorTable());
+        const int type = channels == 3 ? CV_8UC3 : CV_8UC1;
+        const cv::Mat from(m_Image.height(), m_Image.width(), type,
+                           const_cast<uchar *>(m_Image.constBits()), size_t(m_Image.bytesPerLine()));
+        cv::Mat to(size.height(), size.width(), type, fitted.bits(), size_t(fitted.bytesPerLine()));
+        // Halving averages 2x2 blocks with OpenCV's vector code; the halving
+        // goes on while the picture stays at least twice the fitted size, and
+        // the last step, less than a halving and on a small picture, averages
+        // the rest.
+        cv::Mat source = from;
+        int step = 0;
+        while (source.cols >= 2 * to.cols && source.rows >= 2 * to.rows) {
+            cv::Mat &half = halves[step++ % 2];
+            const cv::Mat even = source(cv::Rect(0, 0, source.cols / 2 * 2, source.rows / 2 * 2));
+            cv::resize(even, half, cv::Size(even.cols / 2, even.rows / 2), 0, 0, cv::INTER_AREA);
+            source = half;
+        }
+        cv::resize(source, to, to.size(), 0, 0, cv::INTER_AREA);
+        m_temp_Image = fitted;
+    } else {
+        m_temp_Image = m_Image.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+    }
+    fittedKey = m_Image.cacheKey();
+    return m_temp_Image;
 }
 
 void QCameraView::wheelEvent(QWheelEvent *event)

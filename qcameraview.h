@@ -100,9 +100,12 @@ private:
     bool inPlainPreview() const;
     void markOpen();
     QSize chosenCaptureSize() const;
+    QImage fittedImage(QSize size);
 
     std::unique_ptr<FrameWriter> frameWriter; // encodes the recording's frames
     cv::Size recordSize;                      // frame size of the recording's file
+    cv::Mat halves[2];                        // steps of fitting a large picture
+    qint64 fittedKey = 0;                     // m_Image that m_temp_Image was fitted from
 };
 
 #endif // QCAMERAVIEW_H

@@ -1,0 +1,84 @@
+// What showing one new camera picture costs the GUI thread: the preview
+// widget (760x560) taking the picture and painting it fitted, beside a copy
+// of the same frame and beside Qt's own smooth scaling of it.
+//
+//   build/bench/bench_paint --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include "qcameraview.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QApplication>
+#include <QImage>
+
+#include <opencv2/core.hpp>
+
+namespace {
+
+QSize sizeFor(int64_t index)
+{
+    return index == 0 ? QSize(1920, 1080) : QSize(3264, 2448);
+}
+
+QImage cameraPicture(QSize size)
+{
+    QImage image(size, QImage::Format_RGB888);
+    cv::Mat view(size.height(), size.width(), CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
+    cv::randu(view, 0, 255);
+    return image;
+}
+
+void BM_ShowNewFrame(benchmark::State &state)
+{
+    const QSize size = sizeFor(state.range(0));
+    // Two pictures taken in turns: each paint sees a new frame.
+    const QImage pictures[2] = {cameraPicture(size), cameraPicture(size)};
+    QCameraView view;
+    view.resize(760, 560);
+    QImage target(760, 560, QImage::Format_ARGB32_Premultiplied);
+    int next = 0;
+    for (auto _ : state) {
+        view.updateImage(pictures[next]);
+        next = 1 - next;
+        view.render(&target);
+        benchmark::DoNotOptimize(target.constBits());
+    }
+    state.SetLabel(QString("widget %1x%2").arg(size.width()).arg(size.height()).toStdString());
+}
+
+void BM_QtSmoothScale(benchmark::State &state)
+{
+    const QSize size = sizeFor(state.range(0));
+    const QImage picture = cameraPicture(size);
+    const QSize fitted = picture.size().scaled(760, 560, Qt::KeepAspectRatio);
+    for (auto _ : state) {
+        QImage scaled = picture.scaled(fitted, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+        benchmark::DoNotOptimize(scaled.constBits());
+    }
+    state.SetLabel(QString("qt smooth %1x%2").arg(size.width()).arg(size.height()).toStdString());
+}
+
+void BM_FloorClone(benchmark::State &state)
+{
+    const QSize size = sizeFor(state.range(0));
+    const cv::Mat frame(size.height(), size.width(), CV_8UC3, cv::Scalar(40, 40, 45));
+    for (auto _ : state) {
+        cv::Mat copy = frame.clone();
+        benchmark::DoNotOptimize(copy.data);
+    }
+    state.SetLabel(QString("clone %1x%2").arg(size.width()).arg(size.height()).toStdString());
+}
+
+} // namespace
+
+BENCHMARK(BM_FloorClone)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_QtSmoothScale)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShowNewFrame)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+int main(int argc, char **argv)
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
