@@ -719,7 +719,14 @@ private slots:
         QVERIFY(r.opened);
         QCOMPARE(r.size, QSize(1920, 1080));
         QVERIFY(r.frames > 0);
-        QVERIFY2(maxGap <= 100, qPrintable(QString("longest gap %1 ms").arg(maxGap)));
+        // The window must never stall for more than 100 ms; sanitizer builds
+        // run everything several times slower, so there the bound is looser.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        const qint64 allowedGap = 250;
+#else
+        const qint64 allowedGap = 100;
+#endif
+        QVERIFY2(maxGap <= allowedGap, qPrintable(QString("longest gap %1 ms").arg(maxGap)));
     }
 };
 
