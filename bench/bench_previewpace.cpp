@@ -1,0 +1,118 @@
+// Does the preview keep the camera's pace? Frames the preview widget shows
+// per second, by shooting type with single correction, beside a plain
+// OpenCV read loop on the same virtual camera in the same run.
+//
+//   LD_PRELOAD=build/tools/virtualcam/libvirtualcam.so build/bench/bench_previewpace
+//
+// Each case watches for a few seconds; the counters are frames per second.
+#include "cache.h"
+#include "camerainfo.h"
+#include "qcameraview.h"
+#include "startup.h"
+#include "threads/imageprocessing.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QApplication>
+#include <QElapsedTimer>
+
+#include <opencv2/videoio.hpp>
+
+namespace {
+
+constexpr int watchMs = 4000;
+
+struct Camera
+{
+    const char *size;
+    const char *fps;
+    int width;
+    int height;
+};
+
+const Camera cameras[] = {{"1920x1080", "30", 1920, 1080}, {"3264x2448", "15", 3264, 2448}};
+
+void useCamera(const Camera &camera)
+{
+    qputenv("VCAM_NODES", "0:camera");
+    qputenv("VCAM_0_FORMATS", "MJPG");
+    qputenv("VCAM_0_SIZES", camera.size);
+    qputenv("VCAM_0_FPS", camera.fps);
+    qputenv("VCAM_0_SCENE", "sheets:0.5,0.5,0.5,0.7,8");
+    *Cache::cameras = CameraInfo::discover();
+    Cache::config->camera_index = 0;
+    Cache::config->image_resolution = 0;
+    Cache::config->image_fourcc = 0;
+}
+
+void BM_PlainReadLoop(benchmark::State &state)
+{
+    const Camera &camera = cameras[state.range(0)];
+    useCamera(camera);
+    for (auto _ : state) {
+        cv::VideoCapture cap(0, cv::CAP_V4L2);
+        cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'));
+        cap.set(cv::CAP_PROP_FRAME_WIDTH, camera.width);
+        cap.set(cv::CAP_PROP_FRAME_HEIGHT, camera.height);
+        cv::Mat frame;
+        cap.read(frame);
+        int frames = 0;
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < watchMs) {
+            if (cap.read(frame))
+                ++frames;
+        }
+        state.counters["fps"] = frames * 1000.0 / clock.elapsed();
+    }
+    state.SetLabel(std::string("plain read ") + camera.size);
+}
+
+void BM_PreviewShown(benchmark::State &state)
+{
+    const Camera &camera = cameras[state.range(0)];
+    const int shooting = int(state.range(1));
+    useCamera(camera);
+    for (auto _ : state) {
+        QCameraView view;
+        view.resize(760, 560);
+        view.show();
+        view.setCameraCorrection(1);
+        view.setCameraShootType(shooting);
+        int frames = 0;
+        QObject::connect(view.m_imageProcessing, &ImageProcessing::sendFarmeSignal, &view,
+                         [&frames] { ++frames; }, Qt::DirectConnection);
+        view.init(0);
+        QElapsedTimer warmup;
+        warmup.start();
+        while (warmup.elapsed() < 1000)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        frames = 0;
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < watchMs)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        state.counters["fps"] = frames * 1000.0 / clock.elapsed();
+    }
+    static const char *types[] = {"colour", "grey", "black and white", "background removed"};
+    state.SetLabel(std::string("preview ") + camera.size + " " + types[shooting] + " single correction");
+}
+
+} // namespace
+
+BENCHMARK(BM_PlainReadLoop)->DenseRange(0, 1)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PreviewShown)
+    ->ArgsProduct({{0, 1}, {0, 1, 2, 3}})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+int main(int argc, char **argv)
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    preferVideo4Linux2Capture();
+    QApplication app(argc, argv);
+    appendOutputSizes(Cache::config->resolutions);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
