@@ -8,7 +8,6 @@
 
 #include <QDebug>
 #include <QElapsedTimer>
-#include <QFileInfo>
 #include <QImageWriter>
 #include <QPainter>
 #include <QTransform>
@@ -57,6 +56,23 @@ const QVector<QRgb> &greyTable()
         return entries;
     }();
     return table;
+}
+
+// MatQImage's pixels for a 1-channel (grey) or 3-channel (BGR) matrix,
+// written into an image of the matrix's size in Format_Indexed8 or
+// Format_RGB888.
+void copyIntoImage(const cv::Mat &mat, QImage &image)
+{
+    if (mat.type() == CV_8UC1) {
+        image.setColorTable(greyTable());
+        cv::Mat view(mat.rows, mat.cols, CV_8UC1, image.bits(), size_t(image.bytesPerLine()));
+        mat.copyTo(view);
+        return;
+    }
+    // Straight from BGR into RGB: the same pixels as wrapping the matrix and
+    // swapping red and blue, in one pass.
+    cv::Mat view(mat.rows, mat.cols, CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
+    cv::cvtColor(mat, view, cv::COLOR_BGR2RGB);
 }
 
 } // namespace
@@ -190,13 +206,6 @@ cv::Mat ImageProcessing::currentFrame()
     return frame.clone();
 }
 
-void ImageProcessing::setChildImages(const QImage &first, const QImage &second)
-{
-    std::lock_guard<std::mutex> lock(childMutex);
-    child1 = first;
-    child2 = second;
-}
-
 void ImageProcessing::SetRecordVideo(bool on, QString path)
 {
     if (on) {
@@ -278,9 +287,11 @@ void ImageProcessing::takePhoto()
     const bool insets = isTakePhotoChildCamera;
     const int correction = correction_type;
 
-    const cv::Mat raw = frame.clone();
+    // Processing without outlines only reads the frame, and only this thread
+    // writes it: no copy is needed.
     cv::Mat processed;
-    const std::vector<cv::RotatedRect> rects = processMat(raw, processed, false, correction, shooting_type);
+    const std::vector<cv::RotatedRect> rects =
+        processMat(frame, processed, false, correction, shooting_type);
 
     const QList<QImage> images =
         photoImages(processed, rects, correction, first, second, show1, show2, insets);
@@ -438,8 +449,7 @@ void ImageProcessing::setCameraExposure(int value)
 
 void ImageProcessing::setCameraResolution(QSize size)
 {
-    frameWidth = size.width();
-    frameHeight = size.height();
+    setFrameWidthAndHeight(size.width(), size.height());
     isSetVideoPParameter = true;
 }
 
@@ -470,19 +480,11 @@ void ImageProcessing::setFrameWidthAndHeight(int width, int height)
 QImage ImageProcessing::MatQImage(const cv::Mat &mat)
 {
     switch (mat.type()) {
-    case CV_8UC1: {
-        QImage image(mat.cols, mat.rows, QImage::Format_Indexed8);
-        image.setColorTable(greyTable());
-        for (int row = 0; row < mat.rows; ++row)
-            memcpy(image.scanLine(row), mat.ptr(row), size_t(mat.cols));
-        return image;
-    }
+    case CV_8UC1:
     case CV_8UC3: {
-        // Straight from BGR into an RGB image of its own: the same pixels as
-        // wrapping the matrix and swapping red and blue, in one pass.
-        QImage image(mat.cols, mat.rows, QImage::Format_RGB888);
-        cv::Mat rgb(mat.rows, mat.cols, CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
-        cv::cvtColor(mat, rgb, cv::COLOR_BGR2RGB);
+        QImage image(mat.cols, mat.rows,
+                     mat.type() == CV_8UC1 ? QImage::Format_Indexed8 : QImage::Format_RGB888);
+        copyIntoImage(mat, image);
         return image;
     }
     case CV_8UC4: {
@@ -655,16 +657,10 @@ QImage &ImageProcessing::previewBuffer(int width, int height, QImage::Format for
 // buffer, which may still be drawn on through the reference.
 QImage &ImageProcessing::convertForPreview(const cv::Mat &mat)
 {
-    if (mat.type() == CV_8UC1) {
-        QImage &image = previewBuffer(mat.cols, mat.rows, QImage::Format_Indexed8);
-        image.setColorTable(greyTable());
-        cv::Mat view(mat.rows, mat.cols, CV_8UC1, image.bits(), size_t(image.bytesPerLine()));
-        mat.copyTo(view);
-        return image;
-    }
-    QImage &image = previewBuffer(mat.cols, mat.rows, QImage::Format_RGB888);
-    cv::Mat view(mat.rows, mat.cols, CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
-    cv::cvtColor(mat, view, cv::COLOR_BGR2RGB);
+    QImage &image = previewBuffer(mat.cols, mat.rows,
+                                  mat.type() == CV_8UC1 ? QImage::Format_Indexed8
+                                                        : QImage::Format_RGB888);
+    copyIntoImage(mat, image);
     return image;
 }
 

@@ -104,8 +104,6 @@ public:
 
     // A deep copy of the last frame read, safe to call from any thread.
     cv::Mat currentFrame();
-    // Sets both secondary pictures at once, safe against the loop reading them.
-    void setChildImages(const QImage &first, const QImage &second);
 
     // Smallest area, in square pixels, of a sheet worth finding or outlining.
     static constexpr float minimumSheetArea = 73500.0f;
