@@ -67,21 +67,11 @@ QCameraView::~QCameraView()
     delete m_imageProcessing;
 }
 
-// The capture size the settings choose for this view's camera; invalid when
-// the camera lists no sizes (it then keeps its own).
-QSize QCameraView::chosenCaptureSize() const
-{
-    const CameraInfo *camera = cameraAt(id);
-    if (!camera)
-        return QSize();
-    return sizeAtOrFirst(camera->supportedResolutions, Cache::config->image_resolution);
-}
-
 void QCameraView::init(int cameraId)
 {
     id = cameraId;
     m_imageProcessing->driveId = cameraId;
-    const QSize size = chosenCaptureSize();
+    const QSize size = captureSizeOf(id);
     if (size.isValid())
         m_imageProcessing->setFrameWidthAndHeight(size.width(), size.height());
     openCamara();
@@ -120,7 +110,7 @@ void QCameraView::reConfigVideoSetting()
 
 void QCameraView::changeCameraResolution(bool pip, bool isMain)
 {
-    const QSize base = chosenCaptureSize();
+    const QSize base = captureSizeOf(id);
     if (!base.isValid())
         return;
     if (!pip) {

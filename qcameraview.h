@@ -99,7 +99,6 @@ protected:
 private:
     bool inPlainPreview() const;
     void markOpen();
-    QSize chosenCaptureSize() const;
     QImage fittedImage(QSize size);
 
     std::unique_ptr<FrameWriter> frameWriter; // encodes the recording's frames

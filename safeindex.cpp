@@ -25,12 +25,17 @@ QSize sizeAtOrFirst(const QList<QSize> &sizes, int index)
     return sizes.first();
 }
 
-QSize currentCaptureSize()
+QSize captureSizeOf(int cameraIndex)
 {
-    const CameraInfo *camera = cameraAt(Cache::config->camera_index);
+    const CameraInfo *camera = cameraAt(cameraIndex);
     if (!camera)
         return QSize();
     return sizeAtOrFirst(camera->supportedResolutions, Cache::config->image_resolution);
+}
+
+QSize currentCaptureSize()
+{
+    return captureSizeOf(Cache::config->camera_index);
 }
 
 QSize outputSizeAt(int index)

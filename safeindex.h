@@ -23,8 +23,11 @@ const CameraInfo *cameraAt(int index);
 // QSize when the list is empty, meaning "keep the camera's own size".
 QSize sizeAtOrFirst(const QList<QSize> &sizes, int index);
 
-// The capture size chosen by image_resolution for the camera chosen by
-// camera_index, with both fallbacks applied.
+// The capture size chosen by image_resolution for the camera at cameraIndex,
+// with both fallbacks applied.
+QSize captureSizeOf(int cameraIndex);
+
+// The same for the camera chosen by camera_index.
 QSize currentCaptureSize();
 
 // An entry of Config::resolutions chosen by one of its index settings.
