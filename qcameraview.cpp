@@ -144,6 +144,13 @@ void QCameraView::updateImage(QImage image)
 {
     markOpen();
     m_Image = image;
+    // The capture thread has usually scaled this picture to its shown size
+    // already; taking that copy spares the GUI thread the scaling.
+    const QImage shown = m_imageProcessing->fittedPreview(image);
+    if (!shown.isNull()) {
+        m_temp_Image = shown;
+        fittedKey = image.cacheKey();
+    }
     update();
 }
 
@@ -270,11 +277,9 @@ void QCameraView::paintEvent(QPaintEvent *event)
     }
 
     // Fit without ever enlarging the picture beyond its own size.
-    const double aspect = double(m_Image.width()) / m_Image.height();
-    int w = qMin(m_Image.width(), width());
-    int h = int(w / aspect);
-    h = qMin(h, height());
-    w = int(h * aspect);
+    const QSize shown = fittedSize(m_Image.size(), size());
+    const int w = shown.width();
+    const int h = shown.height();
 
     painter.translate(width() / 2 + m_XPtInterval, height() / 2 + m_YPtInterval);
     if (m_ZoomValue <= 1.0) {
@@ -290,60 +295,20 @@ void QCameraView::paintEvent(QPaintEvent *event)
 }
 
 // The picture scaled down to the fitted size, made once per new picture and
-// size rather than on every paint. A large camera frame is averaged down by
-// OpenCV, which looks the same as Qt's smooth scaling for less; other
-// formats and smaller reductions go through Qt.
+// size rather than on every paint (usually already by the capture thread).
 QImage QCameraView::fittedImage(QSize size)
 {
-    if (m_temp_Image.size() == size && fittedKey == m_Image.cacheKey())
-        return m_temp_Image;
-    // Worth it from a quarter of the size down; above that Qt's own smooth
-    // scaling, which uses both cores, is as quick.
-    const bool shrinking = 4 * size.width() <= m_Image.width() && 4 * size.height() <= m_Image.height();
-    const int channels = m_Image.format() == QImage::Format_RGB888    ? 3
-                         : m_Image.format() == QImage::Format_Indexed8 ? 1
-                                                                       : 0;
-    if (shrinking && channels != 0 && !size.isEmpty()) {
-        QImage fitted(size, m_Image.format());
-        if (channels == 1)
-            fitted.setColorTable(m_Image.colorTable());
-        const int type = channels == 3 ? CV_8UC3 : CV_8UC1;
-        const cv::Mat from(m_Image.height(), m_Image.width(), type,
-                           const_cast<uchar *>(m_Image.constBits()), size_t(m_Image.bytesPerLine()));
-        cv::Mat to(size.height(), size.width(), type, fitted.bits(), size_t(fitted.bytesPerLine()));
-        // Halving averages 2x2 blocks with OpenCV's vector code; the halving
-        // goes on while the picture stays at least twice the fitted size, and
-        // the last step, less than a halving, interpolates between
-        // neighbours (OpenCV's averaging at such ratios costs several times
-        // more for no visible difference).
-        cv::Mat source = from;
-        int step = 0;
-        while (source.cols >= 2 * to.cols && source.rows >= 2 * to.rows) {
-            cv::Mat &half = halves[step++ % 2];
-            const cv::Mat even = source(cv::Rect(0, 0, source.cols / 2 * 2, source.rows / 2 * 2));
-            half.create(even.rows / 2, even.cols / 2, even.type());
-            // Every output row averages its own two input rows: bands of rows
-            // are halved on both cores independently.
-            cv::parallel_for_(cv::Range(0, 8), [&](const cv::Range &range) {
-                for (int band = range.start; band < range.end; ++band) {
-                    const int top = half.rows * band / 8;
-                    const int bottom = half.rows * (band + 1) / 8;
-                    if (bottom <= top)
-                        continue;
-                    cv::Mat rows = half.rowRange(top, bottom);
-                    cv::resize(even.rowRange(2 * top, 2 * bottom), rows, rows.size(), 0, 0,
-                               cv::INTER_AREA);
-                }
-            });
-            source = half;
-        }
-        cv::resize(source, to, to.size(), 0, 0, cv::INTER_LINEAR);
-        m_temp_Image = fitted;
-    } else {
-        m_temp_Image = m_Image.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+    if (m_temp_Image.size() != size || fittedKey != m_Image.cacheKey()) {
+        m_temp_Image = fitter.fit(m_Image, size);
+        fittedKey = m_Image.cacheKey();
     }
-    fittedKey = m_Image.cacheKey();
     return m_temp_Image;
+}
+
+void QCameraView::resizeEvent(QResizeEvent *event)
+{
+    m_imageProcessing->setPreviewArea(size());
+    QWidget::resizeEvent(event);
 }
 
 void QCameraView::wheelEvent(QWheelEvent *event)

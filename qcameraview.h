@@ -10,6 +10,8 @@
 
 #include <opencv2/core.hpp>
 
+#include "threads/previewfit.h"
+
 #include <memory>
 
 class FrameWriter;
@@ -95,6 +97,7 @@ protected:
     void mousePressEvent(QMouseEvent *event) override;
     void mouseMoveEvent(QMouseEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
 
 private:
     bool inPlainPreview() const;
@@ -103,7 +106,7 @@ private:
 
     std::unique_ptr<FrameWriter> frameWriter; // encodes the recording's frames
     cv::Size recordSize;                      // frame size of the recording's file
-    cv::Mat halves[2];                        // steps of fitting a large picture
+    PreviewFitter fitter;                     // fits pictures the capture thread did not
     qint64 fittedKey = 0;                     // m_Image that m_temp_Image was fitted from
 };
 

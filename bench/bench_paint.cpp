@@ -1,9 +1,11 @@
 // What showing one new camera picture costs the GUI thread: the preview
 // widget (760x560) taking the picture and painting it fitted, beside a copy
-// of the same frame and beside Qt's own smooth scaling of it.
+// of the same frame and beside Qt's own smooth scaling of it; and the same
+// when the capture thread has scaled the picture to its shown size already.
 //
 //   build/bench/bench_paint --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include "qcameraview.h"
+#include "threads/imageprocessing.h"
 
 #include <benchmark/benchmark.h>
 
@@ -45,6 +47,60 @@ void BM_ShowNewFrame(benchmark::State &state)
     state.SetLabel(QString("widget %1x%2").arg(size.width()).arg(size.height()).toStdString());
 }
 
+// The same, as it happens while the camera runs: the capture thread has
+// already scaled each picture to its shown size (outside the timing: that
+// is the capture thread's cost, measured by BM_FitInCaptureThread).
+void BM_ShowNewFrameFittedByCaptureThread(benchmark::State &state)
+{
+    const QSize size = sizeFor(state.range(0));
+    const QImage pictures[2] = {cameraPicture(size), cameraPicture(size)};
+    QCameraView view;
+    view.resize(760, 560);
+    view.m_imageProcessing->setPreviewArea(view.size());
+    QImage target(760, 560, QImage::Format_ARGB32_Premultiplied);
+    int next = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        view.m_imageProcessing->fitForPreview(pictures[next]);
+        state.ResumeTiming();
+        view.updateImage(pictures[next]);
+        next = 1 - next;
+        view.render(&target);
+        benchmark::DoNotOptimize(target.constBits());
+    }
+    state.SetLabel(QString("widget, fitted by capture %1x%2").arg(size.width()).arg(size.height()).toStdString());
+}
+
+void BM_FitInCaptureThread(benchmark::State &state)
+{
+    const QSize size = sizeFor(state.range(0));
+    const QImage pictures[2] = {cameraPicture(size), cameraPicture(size)};
+    ImageProcessing engine;
+    engine.setPreviewArea(QSize(760, 560));
+    int next = 0;
+    for (auto _ : state) {
+        engine.fitForPreview(pictures[next]);
+        next = 1 - next;
+    }
+    state.SetLabel(QString("capture thread fit %1x%2").arg(size.width()).arg(size.height()).toStdString());
+}
+
+// The same picture painted again: what the paint costs without fitting.
+void BM_RepaintSameFrame(benchmark::State &state)
+{
+    const QSize size = sizeFor(state.range(0));
+    QCameraView view;
+    view.resize(760, 560);
+    view.updateImage(cameraPicture(size));
+    QImage target(760, 560, QImage::Format_ARGB32_Premultiplied);
+    view.render(&target);
+    for (auto _ : state) {
+        view.render(&target);
+        benchmark::DoNotOptimize(target.constBits());
+    }
+    state.SetLabel(QString("repaint %1x%2").arg(size.width()).arg(size.height()).toStdString());
+}
+
 void BM_QtSmoothScale(benchmark::State &state)
 {
     const QSize size = sizeFor(state.range(0));
@@ -72,7 +128,10 @@ void BM_FloorClone(benchmark::State &state)
 
 BENCHMARK(BM_FloorClone)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_QtSmoothScale)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_RepaintSameFrame)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ShowNewFrame)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShowNewFrameFittedByCaptureThread)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FitInCaptureThread)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 int main(int argc, char **argv)
 {

@@ -176,7 +176,9 @@ void ImageProcessing::run()
                 msleep(10);
                 continue;
             }
-            emit sendFarmeSignal(previewImage(frame));
+            const QImage preview = previewImage(frame);
+            fitForPreview(preview);
+            emit sendFarmeSignal(preview);
         } catch (const QString &error) {
             qDebug() << error;
         }
@@ -802,4 +804,32 @@ cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect 
     cv::Mat cropped;
     cv::getRectSubPix(rotated, size, r.center, cropped, -1);
     return cropped;
+}
+
+void ImageProcessing::setPreviewArea(QSize area)
+{
+    previewAreaWidth = area.width();
+    previewAreaHeight = area.height();
+}
+
+void ImageProcessing::fitForPreview(const QImage &picture)
+{
+    const QSize area(previewAreaWidth, previewAreaHeight);
+    const QSize size = fittedSize(picture.size(), area);
+    // Pictures four times the shown size and more come from cameras whose
+    // decoding already keeps this thread busy; the GUI thread averages those
+    // down itself on the other core, at about the cost of copying them.
+    const bool large = 4 * size.width() <= picture.width() && 4 * size.height() <= picture.height();
+    QImage shown = size.isEmpty() || large ? QImage() : previewFitter.fit(picture, size);
+    std::lock_guard<std::mutex> lock(fittedMutex);
+    fitted = shown;
+    fittedKey = picture.cacheKey();
+}
+
+QImage ImageProcessing::fittedPreview(const QImage &picture)
+{
+    std::lock_guard<std::mutex> lock(fittedMutex);
+    if (fitted.isNull() || fittedKey != picture.cacheKey())
+        return QImage();
+    return fitted;
 }

@@ -8,6 +8,8 @@
 #include <QString>
 #include <QThread>
 
+#include "previewfit.h"
+
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
 
@@ -105,6 +107,16 @@ public:
     // A deep copy of the last frame read, safe to call from any thread.
     cv::Mat currentFrame();
 
+    // The area the preview is shown in (GUI thread): the loop scales each
+    // preview picture down to its shown size before handing it over, so the
+    // GUI thread only copies it to the screen. An empty area turns that off.
+    void setPreviewArea(QSize area);
+    // The loop's shown-size copy of picture, or a null image when it made
+    // none for that very picture (or for another area).
+    QImage fittedPreview(const QImage &picture);
+    // Makes that copy (the loop, just before handing picture over).
+    void fitForPreview(const QImage &picture);
+
     // Smallest area, in square pixels, of a sheet worth finding or outlining.
     static constexpr float minimumSheetArea = 73500.0f;
 
@@ -158,6 +170,13 @@ private:
     cv::Mat previewOut;
     QImage previewImages[4]; // handed out again once nobody else holds them
     QImage spareImage;
+
+    std::atomic<int> previewAreaWidth{0};
+    std::atomic<int> previewAreaHeight{0};
+    PreviewFitter previewFitter; // used by the loop only
+    std::mutex fittedMutex;      // fitted and fittedKey
+    QImage fitted;               // the last preview picture at its shown size
+    qint64 fittedKey = 0;        // cacheKey() of the picture it was made from
 };
 
 #endif // IMAGEPROCESSING_H

@@ -1,0 +1,90 @@
+#include "previewfit.h"
+
+#include <opencv2/core/utility.hpp>
+#include <opencv2/imgproc.hpp>
+
+QSize fittedSize(QSize picture, QSize area)
+{
+    if (picture.isEmpty())
+        return QSize();
+    const double aspect = double(picture.width()) / picture.height();
+    int w = qMin(picture.width(), area.width());
+    int h = int(w / aspect);
+    h = qMin(h, area.height());
+    w = int(h * aspect);
+    return QSize(w, h);
+}
+
+// A picture at least twice the fitted size is averaged down by OpenCV, which
+// looks the same as Qt's smooth scaling for a fraction of the cost; other
+// formats and smaller reductions go through Qt.
+QImage PreviewFitter::fit(const QImage &picture, QSize size)
+{
+    if (size.isEmpty() || picture.isNull())
+        return QImage();
+    if (size == picture.size())
+        return picture;
+    const bool halving = 2 * size.width() <= picture.width() && 2 * size.height() <= picture.height();
+    const int channels = picture.format() == QImage::Format_RGB888    ? 3
+                         : picture.format() == QImage::Format_Indexed8 ? 1
+                                                                        : 0;
+    if (halving && channels != 0)
+        return averagedDown(picture, size, channels);
+    return picture.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+}
+
+QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channels)
+{
+    const int type = channels == 3 ? CV_8UC3 : CV_8UC1;
+    const cv::Mat from(picture.height(), picture.width(), type,
+                       const_cast<uchar *>(picture.constBits()), size_t(picture.bytesPerLine()));
+    // Halving averages 2x2 blocks with OpenCV's vector code; the halving goes
+    // on while the picture stays at least twice the fitted size; the last
+    // step is less than a halving (OpenCV's own averaging at such ratios
+    // costs several times more).
+    cv::Mat source = from;
+    int step = 0;
+    while (source.cols >= 2 * size.width() && source.rows >= 2 * size.height()) {
+        cv::Mat &half = halves[step++ % 2];
+        const cv::Mat even = source(cv::Rect(0, 0, source.cols / 2 * 2, source.rows / 2 * 2));
+        half.create(even.rows / 2, even.cols / 2, even.type());
+        // Every output row averages its own two input rows: bands of rows
+        // are halved on both cores independently.
+        cv::parallel_for_(cv::Range(0, 8), [&](const cv::Range &range) {
+            for (int band = range.start; band < range.end; ++band) {
+                const int top = half.rows * band / 8;
+                const int bottom = half.rows * (band + 1) / 8;
+                if (bottom <= top)
+                    continue;
+                cv::Mat rows = half.rowRange(top, bottom);
+                cv::resize(even.rowRange(2 * top, 2 * bottom), rows, rows.size(), 0, 0, cv::INTER_AREA);
+            }
+        });
+        source = half;
+    }
+    // A last step of more than a few percent interpolating between
+    // neighbours would skip thin lines; Qt's smooth scaling of the (now
+    // small) picture averages them.
+    if (5 * source.cols > 6 * size.width() || 5 * source.rows > 6 * size.height()) {
+        const QImage::Format format = channels == 3 ? QImage::Format_RGB888 : QImage::Format_Indexed8;
+        QImage halved(source.data, source.cols, source.rows, int(source.step), format);
+        if (channels == 1)
+            halved.setColorTable(picture.colorTable());
+        QImage fitted = halved.scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+        return channels == 3 ? fitted.convertToFormat(QImage::Format_RGB32) : fitted;
+    }
+    if (channels == 1) {
+        QImage fitted(size, QImage::Format_Indexed8);
+        fitted.setColorTable(picture.colorTable());
+        cv::Mat to(size.height(), size.width(), CV_8UC1, fitted.bits(), size_t(fitted.bytesPerLine()));
+        cv::resize(source, to, to.size(), 0, 0, cv::INTER_LINEAR);
+        return fitted;
+    }
+    // Colour ends as 32-bit pixels, which a paint copies as they are instead
+    // of converting every pixel each time.
+    cv::resize(source, lastStep, cv::Size(size.width(), size.height()), 0, 0, cv::INTER_LINEAR);
+    QImage fitted(size, QImage::Format_RGB32);
+    cv::Mat to(size.height(), size.width(), CV_8UC4, fitted.bits(), size_t(fitted.bytesPerLine()));
+    cv::cvtColor(lastStep, to, cv::COLOR_RGB2BGRA);
+    return fitted;
+}

@@ -1,0 +1,28 @@
+#ifndef PREVIEWFIT_H
+#define PREVIEWFIT_H
+
+#include <QImage>
+#include <QSize>
+
+#include <opencv2/core.hpp>
+
+// The size a picture is shown at in an area: as large as fits, keeping its
+// proportions, never larger than the picture itself.
+QSize fittedSize(QSize picture, QSize area);
+
+// Scales preview pictures down to the size they are shown at, looking like
+// Qt's smooth scaling. Keeps its working buffers between pictures; one
+// fitter serves one thread.
+class PreviewFitter
+{
+public:
+    QImage fit(const QImage &picture, QSize size);
+
+private:
+    QImage averagedDown(const QImage &picture, QSize size, int channels);
+
+    cv::Mat halves[2]; // successive halvings of the picture
+    cv::Mat lastStep;  // the interpolated last step of a colour picture
+};
+
+#endif // PREVIEWFIT_H
