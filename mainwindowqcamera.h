@@ -1,7 +1,17 @@
 #ifndef MAINWINDOWQCAMERA_H
 #define MAINWINDOWQCAMERA_H
 
+#include <QList>
 #include <QMainWindow>
+#include <QString>
+
+class CameraViewDialog;
+class ImageMergingDialog;
+class ImageSavePDFOrTiffDialog;
+class QButtonGroup;
+class QLabel;
+class QTimer;
+class SettingDialog;
 
 QT_BEGIN_NAMESPACE
 namespace Ui {
@@ -9,9 +19,9 @@ class MainWindowQCamera;
 }
 QT_END_NAMESPACE
 
-// The operator's main window. For now it shows the live picture of the
-// chosen camera and what start-up found: the cameras, the camera the settings
-// choose and the sizes they lead to.
+// The operator's main window: the live preview of the main camera, the
+// controls that change what it shows and how photos are made, the three ways
+// of shooting, and the strip of the newest files.
 class MainWindowQCamera : public QMainWindow
 {
     Q_OBJECT
@@ -21,10 +31,70 @@ public:
     ~MainWindowQCamera() override;
 
     Ui::MainWindowQCamera *ui;
+    SettingDialog *settingsDialog;
+    CameraViewDialog *cameraView1;
+    CameraViewDialog *cameraView2;
+    ImageMergingDialog *imageMerging;
+    ImageSavePDFOrTiffDialog *imageSavePDFOrTiff;
+    QButtonGroup *buttonGroupCorrection;
+    QButtonGroup *buttonGroupShooting;
+    QTimer *timerShooting;
+    int currentPicIndex;
+    int picCount;
+    QList<QString> file_paths;
+    bool isReady;
+    bool isTimeShooting;
+    bool isVideoShooting;
+
+    void takePhoto();
+    bool checkShootingVideo();
+    bool checkShootingTime();
+
+public slots:
+    // Shooting
+    void onShootingTimer();
+    void on_btnShooting_clicked();
+    void on_btnShootingTime_clicked();
+    void on_btnShootingVideo_clicked();
+
+    // Camera and options
+    void on_btnleft_2_clicked();
+    void on_btnupdown_2_clicked();
+    void on_btnright_2_clicked();
+    void on_btnToggleDevice_2_clicked();
+    void buttonGroupCorrectionClicked(int id);
+    void buttonGroupShootingTypeClicked(int id);
+    void on_btnSecCamCon_2_clicked();
+    void on_btnSecCam1Con_2_clicked();
+    void changePaintingResolution(bool opened);
+    void on_chMergeImage_2_stateChanged(int state);
+    void on_cbAutoExp_2_stateChanged(int state);
+    void on_tbExposure_2_valueChanged(int value);
+    void on_btnOpenUserWorkDir_2_clicked();
+    void on_btnSelectWorkDir_2_clicked();
+    void on_cbSaveTiffImage_2_stateChanged(int state);
+    void on_check_image_merging_2_stateChanged(int state);
+    void on_pushButton_clicked();
+    void on_btnSavePdfTiff_clicked();
+    void on_btnSetting_2_clicked();
+    void videoSetting();
+    void reConfigVideoSetting();
+    void openCamera();
+    void closeCamera();
+    void on_btnIDCard_clicked();
+
+    // Result strip
+    void takePhotoImage(QList<QString> files, int kind);
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
-    void showCameras();
-    void showChosenSettings();
+    void warn(const QString &text);
+    QLabel *thumbnailSlot(int number) const;
+    void toggleSecondaryWindow(CameraViewDialog *window, int camerasNeeded);
+    void setBigButtonStyle();
 };
 
 #endif // MAINWINDOWQCAMERA_H
