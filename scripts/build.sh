@@ -9,7 +9,7 @@ while [ $# -gt 0 ] && [ "$1" != "--" ]; do args+=("$1"); shift; done
 [ "${1:-}" = "--" ] && shift
 targets=()
 [ $# -gt 0 ] && targets=(--target "$@")
-if [ ! -f "$dir/CMakeCache.txt" ]; then
-  cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" >/dev/null
-fi
+# Configured every time: a target added since the folder was made is then
+# known before it is asked for.
+cmake -S "$top" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" >/dev/null
 cmake --build "$dir" -j2 "${targets[@]}" -- --no-print-directory >/dev/null
