@@ -235,29 +235,17 @@ void ImageSavePDFOrTiffDialog::writeTiff(const QString &fileName, const QList<QS
 
 void ImageSavePDFOrTiffDialog::on_btnSavePDF_clicked()
 {
-    if (saving)
-        return;
-    if (image_list.isEmpty()) {
-        QMessageBox::warning(this, "警告", "没有图像", QMessageBox::Ok);
-        return;
-    }
-
-    const QString fileName = nextOutputFileName("pdf");
-    // The list as it is now: a photo arriving while the pages are written
-    // does not change this file.
-    const QList<QString> pages = image_list;
-    saving = true;
-    std::unique_ptr<QProgressDialog> progress(
-        startProgress(pages.size(), QString("正在生成PDF，共%1页").arg(pages.size())));
-    writePdf(fileName, pages, progress.get());
-    progress.reset();
-    saving = false;
-
-    emit saveImageMergingSignals(QList<QString>() << fileName, 1);
-    on_btnClose_clicked();
+    save("pdf", "PDF", &ImageSavePDFOrTiffDialog::writePdf);
 }
 
 void ImageSavePDFOrTiffDialog::on_btnSaveTiff_clicked()
+{
+    save("tiff", "TIFF", &ImageSavePDFOrTiffDialog::writeTiff);
+}
+
+// Writes every collected photo into one new file of the given format,
+// reports it, then empties and closes the dialog.
+void ImageSavePDFOrTiffDialog::save(const QString &format, const QString &kindName, Writer write)
 {
     if (saving)
         return;
@@ -266,12 +254,14 @@ void ImageSavePDFOrTiffDialog::on_btnSaveTiff_clicked()
         return;
     }
 
-    const QString fileName = nextOutputFileName("tiff");
+    const QString fileName = nextOutputFileName(format);
+    // The list as it is now: a photo arriving while the pages are written
+    // does not change this file.
     const QList<QString> pages = image_list;
     saving = true;
     std::unique_ptr<QProgressDialog> progress(
-        startProgress(pages.size(), QString("正在生成TIFF，共%1页").arg(pages.size())));
-    writeTiff(fileName, pages, progress.get());
+        startProgress(pages.size(), QString("正在生成%1，共%2页").arg(kindName).arg(pages.size())));
+    (this->*write)(fileName, pages, progress.get());
     progress.reset();
     saving = false;
 

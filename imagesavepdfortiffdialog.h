@@ -47,6 +47,9 @@ private:
     QLabel *thumbnail(int number) const;
     void removeThumbnail(QLabel *label);
     QProgressDialog *startProgress(int pages, const QString &text);
+    using Writer = void (ImageSavePDFOrTiffDialog::*)(const QString &, const QList<QString> &,
+                                                      QProgressDialog *);
+    void save(const QString &format, const QString &kindName, Writer write);
     void writePdf(const QString &fileName, const QList<QString> &pages, QProgressDialog *progress);
     void writeTiff(const QString &fileName, const QList<QString> &pages, QProgressDialog *progress);
 

@@ -437,34 +437,33 @@ void MainWindowQCamera::on_check_image_merging_2_stateChanged(int state)
     }
 }
 
-// The two composition dialogs exclude each other: opening one closes the
-// other first.
 void MainWindowQCamera::on_pushButton_clicked()
 {
     if (checkShootingVideo() || checkShootingTime())
         return;
-    if (imageMerging->isVisible()) {
-        imageMerging->close();
-        return;
-    }
-    if (imageSavePDFOrTiff->isVisible())
-        imageSavePDFOrTiff->close();
-    imageMerging->init();
-    imageMerging->show();
+    toggleCompositionDialog(imageMerging, imageSavePDFOrTiff, [this] { imageMerging->init(); });
 }
 
 void MainWindowQCamera::on_btnSavePdfTiff_clicked()
 {
     if (checkShootingVideo() || checkShootingTime())
         return;
-    if (imageSavePDFOrTiff->isVisible()) {
-        imageSavePDFOrTiff->close();
+    toggleCompositionDialog(imageSavePDFOrTiff, imageMerging, [this] { imageSavePDFOrTiff->init(); });
+}
+
+// The two composition dialogs exclude each other: opening one closes the
+// other first.
+void MainWindowQCamera::toggleCompositionDialog(QDialog *dialog, QDialog *other,
+                                                const std::function<void()> &init)
+{
+    if (dialog->isVisible()) {
+        dialog->close();
         return;
     }
-    if (imageMerging->isVisible())
-        imageMerging->close();
-    imageSavePDFOrTiff->init();
-    imageSavePDFOrTiff->show();
+    if (other->isVisible())
+        other->close();
+    init();
+    dialog->show();
 }
 
 void MainWindowQCamera::on_btnSetting_2_clicked()

@@ -5,10 +5,13 @@
 #include <QMainWindow>
 #include <QString>
 
+#include <functional>
+
 class CameraViewDialog;
 class ImageMergingDialog;
 class ImageSavePDFOrTiffDialog;
 class QButtonGroup;
+class QDialog;
 class QLabel;
 class QTimer;
 class SettingDialog;
@@ -94,6 +97,7 @@ private:
     void warn(const QString &text);
     QLabel *thumbnailSlot(int number) const;
     void toggleSecondaryWindow(CameraViewDialog *window, int camerasNeeded);
+    void toggleCompositionDialog(QDialog *dialog, QDialog *other, const std::function<void()> &init);
     void setBigButtonStyle();
 };
 

@@ -31,6 +31,27 @@ QString watermarkText()
     return Cache::config->watermark_text;
 }
 
+QColor watermarkColour()
+{
+    const QString name = "#" + Cache::config->watermark_color;
+    return QColor::isValidColor(name) ? QColor(name) : QColor();
+}
+
+QFont watermarkFont()
+{
+    const Config *config = Cache::config;
+    QFont font;
+    font.setFamily(config->watermark_font_family);
+    // A point size below 1 is refused by QFont with a warning; the font
+    // then keeps its default size, as it would anyway.
+    if (config->watermark_font_size > 0)
+        font.setPointSize(config->watermark_font_size);
+    font.setStyleName(config->watermark_font_styleName);
+    font.setUnderline(config->watermark_font_underline);
+    font.setStrikeOut(config->watermark_font_strikeOut);
+    return font;
+}
+
 void drawWatermark(QImage &img, QPainter &p, const QString &text)
 {
     const Config *config = Cache::config;
@@ -43,20 +64,10 @@ void drawWatermark(QImage &img, QPainter &p, const QString &text)
     q.setCompositionMode(QPainter::CompositionMode_DestinationOver);
 
     QPen pen = p.pen();
-    QColor colour;
-    colour.setNamedColor("#" + config->watermark_color);
-    pen.setColor(colour);
+    pen.setColor(watermarkColour());
     q.setPen(pen);
 
-    QFont font;
-    font.setFamily(config->watermark_font_family);
-    // A point size below 1 is refused by QFont with a warning; the font
-    // then keeps its default size, as it would anyway.
-    if (config->watermark_font_size > 0)
-        font.setPointSize(config->watermark_font_size);
-    font.setStyleName(config->watermark_font_styleName);
-    font.setUnderline(config->watermark_font_underline);
-    font.setStrikeOut(config->watermark_font_strikeOut);
+    const QFont font = watermarkFont();
     q.setFont(font);
 
     const QRect box = QFontMetrics(font).boundingRect(text);

@@ -3,6 +3,8 @@
 
 #include <QString>
 
+class QColor;
+class QFont;
 class QImage;
 class QPainter;
 
@@ -18,6 +20,11 @@ QString nextOutputFileName(const QString &format);
 // The watermark text the settings ask for: the local time when time
 // stamping is on, else the configured text; empty for no watermark.
 QString watermarkText();
+
+// The watermark's colour and font as the settings give them; a stored colour
+// that is not a colour name gives an invalid colour.
+QColor watermarkColour();
+QFont watermarkFont();
 
 // Draws text as the watermark on img through its open painter p: centred
 // and moved by the position settings, in the configured colour, font and

@@ -3,6 +3,7 @@
 
 #include "cache.h"
 #include "camerainfo.h"
+#include "photooutput.h"
 #include "safeindex.h"
 
 #include <QButtonGroup>
@@ -126,20 +127,11 @@ void SettingDialog::init()
     ui->painting_mian_resolutionBox->setCurrentIndex(config->painting_main_resolution);
     ui->painting_other_resolutionBox->setCurrentIndex(config->painting_other_resolution);
 
-    // A stored colour that is not a colour name gives an invalid sample
-    // colour, as a cancelled colour choice does.
-    const QString colorName = "#" + config->watermark_color;
-    setSampleColor(QColor::isValidColor(colorName) ? QColor(colorName) : QColor());
-
-    QFont font;
-    font.setFamily(config->watermark_font_family);
-    // Qt refuses sizes below 1 anyway; skipping them spares its warning.
-    if (config->watermark_font_size > 0)
-        font.setPointSize(config->watermark_font_size);
-    font.setStyleName(config->watermark_font_styleName);
-    font.setUnderline(config->watermark_font_underline);
-    font.setStrikeOut(config->watermark_font_strikeOut);
-    ui->lbWatermarkDemo->setFont(font);
+    // The sample shows the watermark as photos get it; a stored colour that
+    // is not a colour name gives an invalid colour, as a cancelled colour
+    // choice does.
+    setSampleColor(watermarkColour());
+    ui->lbWatermarkDemo->setFont(watermarkFont());
 }
 
 void SettingDialog::setSampleColor(const QColor &color)
