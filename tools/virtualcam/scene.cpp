@@ -135,10 +135,24 @@ void bgrToYuyv(const cv::Mat &bgr, uint8_t *dst, size_t dstStride)
     }
 }
 
+FrameSource::~FrameSource()
+{
+    dropAhead();
+}
+
+// Waits for a frame being encoded ahead and forgets it: its scene, size or
+// number is no longer wanted.
+void FrameSource::dropAhead()
+{
+    if (ahead_.valid())
+        ahead_.get();
+}
+
 void FrameSource::prepare(const SceneSpec &scene, int width, int height, uint32_t fourcc)
 {
     if (!static_.empty() && key_ == scene.key && width_ == width && height_ == height && fourcc_ == fourcc)
         return;
+    dropAhead();
     key_ = scene.key;
     width_ = width;
     height_ = height;
@@ -173,7 +187,19 @@ void FrameSource::prepare(const SceneSpec &scene, int width, int height, uint32_
         yuyv_.clear();
         yuyv_.shrink_to_fit();
         work_ = static_.clone();
+        aheadWork_ = static_.clone();
     }
+}
+
+// Frame `number` of the scene as JPEG, drawn into work (the static scene
+// with the counter region redrawn).
+std::vector<uchar> FrameSource::encodeJpeg(cv::Mat &work, uint32_t number, int quality) const
+{
+    static_(counter_).copyTo(work(counter_));
+    drawCounter(work, origin_, number);
+    std::vector<uchar> jpeg;
+    cv::imencode(".jpg", work, jpeg, {cv::IMWRITE_JPEG_QUALITY, quality});
+    return jpeg;
 }
 
 void FrameSource::drawCounter(cv::Mat &img, cv::Point origin, uint32_t number) const
@@ -201,17 +227,28 @@ size_t FrameSource::render(uint32_t number, uint8_t *dst, size_t capacity, uint6
         return need;
     }
 
-    static_(counter_).copyTo(work_(counter_));
-    drawCounter(work_, origin_, number);
     *slotStamp = 0;
-    for (int quality : {90, 75, 50, 25}) {
-        cv::imencode(".jpg", work_, jpeg_, {cv::IMWRITE_JPEG_QUALITY, quality});
-        if (jpeg_.size() <= capacity) {
-            std::memcpy(dst, jpeg_.data(), jpeg_.size());
-            return jpeg_.size();
-        }
+    if (ahead_.valid() && aheadNumber_ == number)
+        jpeg_ = ahead_.get();
+    else {
+        dropAhead();
+        jpeg_ = encodeJpeg(work_, number, 90);
     }
-    return 0;
+    // The next frame is most likely number + 1; it is encoded meanwhile.
+    aheadNumber_ = number + 1;
+    ahead_ = std::async(std::launch::async,
+                        [this, next = aheadNumber_] { return encodeJpeg(aheadWork_, next, 90); });
+
+    // A frame too large for the buffer is made again at lower qualities.
+    for (int quality : {75, 50, 25}) {
+        if (jpeg_.size() <= capacity)
+            break;
+        jpeg_ = encodeJpeg(work_, number, quality);
+    }
+    if (jpeg_.size() > capacity)
+        return 0;
+    std::memcpy(dst, jpeg_.data(), jpeg_.size());
+    return jpeg_.size();
 }
 
 }  // namespace vcam

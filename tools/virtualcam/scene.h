@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,8 @@ void bgrToYuyv(const cv::Mat &bgr, uint8_t *dst, size_t dstStride);
 // scene is drawn and converted once; each frame only redraws the counter.
 class FrameSource {
 public:
+    ~FrameSource();
+
     void prepare(const SceneSpec &scene, int width, int height, uint32_t fourcc);
 
     // Writes frame `number` into dst and returns the bytes used (0 if the
@@ -36,6 +39,8 @@ public:
 
 private:
     void drawCounter(cv::Mat &img, cv::Point origin, uint32_t number) const;
+    std::vector<uchar> encodeJpeg(cv::Mat &work, uint32_t number, int quality) const;
+    void dropAhead();
 
     std::string key_;
     int width_ = 0;
@@ -46,6 +51,12 @@ private:
     cv::Mat work_;
     std::vector<uint8_t> yuyv_;
     std::vector<uchar> jpeg_;
+    // A camera compresses its frames itself, at no cost to the reader: the
+    // next MJPG frame is encoded on a thread of its own while the reader
+    // works on the current one.
+    std::future<std::vector<uchar>> ahead_;
+    uint32_t aheadNumber_ = 0;
+    cv::Mat aheadWork_;
     cv::Rect counter_;
     cv::Point origin_;
     double fontScale_ = 1;
