@@ -778,6 +778,29 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(stateValue(2, "streaming"), QString("0"), frameDeadline);
     }
 
+    void previewStaysSmallUntilTheLastSecondaryWindowCloses()
+    {
+        attachCaptureNodes(3);
+        Cache::config->painting_main_resolution = 11; // 640x480
+        qputenv("VCAM_0_SIZES", "1280x720,640x480");
+        *Cache::cameras = CameraInfo::discover();
+        MainWindowQCamera w;
+        w.show();
+        QVERIFY(waitOpen(w));
+        // The first window's button is hidden; its slot still works.
+        w.on_btnSecCamCon_2_clicked();
+        QTest::mouseClick(w.ui->btnSecCam1Con_2, Qt::LeftButton);
+        QVERIFY(w.cameraView1->isVisible() && w.cameraView2->isVisible());
+        QTRY_COMPARE_WITH_TIMEOUT(w.ui->video->m_Image.size(), QSize(640, 480), frameDeadline);
+        // A window counts itself while it closes: with two open, closing
+        // one keeps the preview small.
+        w.cameraView1->close();
+        QTest::qWait(1500);
+        QCOMPARE(w.ui->video->m_Image.size(), QSize(640, 480));
+        w.cameraView2->close();
+        QTRY_COMPARE_WITH_TIMEOUT(w.ui->video->m_Image.size(), QSize(1280, 720), frameDeadline);
+    }
+
     void rotationAndModeControlsReachTheCaptureThread()
     {
         attachCameras(1);
