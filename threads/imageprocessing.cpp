@@ -189,16 +189,29 @@ void ImageProcessing::run()
 
 // Reads the next frame into a buffer of the loop's own and only then makes
 // it the current frame, so currentFrame() never sees a frame half written.
+// While the loop works on a frame, the following one is already being read
+// and decoded on another thread; a frame read before the camera was closed
+// or opened again is dropped.
 bool ImageProcessing::readFrame()
 {
-    {
+    bool fresh = false;
+    if (nextRead.valid())
+        fresh = nextRead.get() == capGeneration;
+    if (!fresh) {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
     }
     if (readBuffer.empty())
         return false;
-    std::lock_guard<std::mutex> lock(frameMutex);
-    std::swap(frame, readBuffer);
+    {
+        std::lock_guard<std::mutex> lock(frameMutex);
+        std::swap(frame, readBuffer);
+    }
+    nextRead = std::async(std::launch::async, [this] {
+        std::lock_guard<std::mutex> lock(capMutex);
+        cap >> readBuffer;
+        return readBuffer.empty() ? 0u : capGeneration.load();
+    });
     return true;
 }
 
@@ -396,6 +409,7 @@ void ImageProcessing::openCamara()
 
     {
         std::lock_guard<std::mutex> lock(capMutex);
+        ++capGeneration;
         cap.open(index, 0);
         videoParameterSettings();
     }
@@ -408,6 +422,7 @@ void ImageProcessing::closeCamara(bool)
     QThread::msleep(500);
     {
         std::lock_guard<std::mutex> lock(capMutex);
+        ++capGeneration;
         cap.release();
     }
     emit closeCameraSignal();
@@ -817,8 +832,9 @@ void ImageProcessing::fitForPreview(const QImage &picture)
     const QSize area(previewAreaWidth, previewAreaHeight);
     const QSize size = fittedSize(picture.size(), area);
     // Pictures four times the shown size and more come from cameras whose
-    // decoding already keeps this thread busy; the GUI thread averages those
-    // down itself on the other core, at about the cost of copying them.
+    // frames already keep this thread and the reading ahead busy; the GUI
+    // thread averages those down itself on both cores, at about the cost of
+    // copying them, while this thread goes on with the next frame.
     const bool large = 4 * size.width() <= picture.width() && 4 * size.height() <= picture.height();
     QImage shown = size.isEmpty() || large ? QImage() : previewFitter.fit(picture, size);
     std::lock_guard<std::mutex> lock(fittedMutex);

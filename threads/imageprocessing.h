@@ -14,6 +14,7 @@
 #include <opencv2/videoio.hpp>
 
 #include <atomic>
+#include <future>
 #include <mutex>
 #include <vector>
 
@@ -157,6 +158,10 @@ private:
     std::mutex frameMutex; // frame swaps against currentFrame()
     std::mutex childMutex; // child1/child2
     cv::Mat readBuffer;    // the loop's next frame; swapped with frame
+    // Bumped (under capMutex) whenever cap is opened or released, so that a
+    // frame read ahead from a camera since closed is not shown. Starts at 1:
+    // a read ahead that got nothing answers 0.
+    std::atomic<unsigned> capGeneration{1};
     cv::Size recordSize;   // frame size of the thread-side recording
 
     // Per-frame working buffers of the thread that processes frames, kept
@@ -177,6 +182,12 @@ private:
     std::mutex fittedMutex;      // fitted and fittedKey
     QImage fitted;               // the last preview picture at its shown size
     qint64 fittedKey = 0;        // cacheKey() of the picture it was made from
+
+    // The read of the frame after the current one: it owns readBuffer until
+    // it is taken, and answers the camera's generation it read from (0 when
+    // it got nothing). Declared last, so it is waited for before the rest
+    // goes.
+    std::future<unsigned> nextRead;
 };
 
 #endif // IMAGEPROCESSING_H
