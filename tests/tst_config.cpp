@@ -1,6 +1,7 @@
 // The settings record and its file "system.ini" in the working directory.
 #include "cache.h"
 #include "config.h"
+#include "testsupport.h"
 
 #include <QDir>
 #include <QFile>
@@ -9,48 +10,6 @@
 #include <QtTest>
 
 namespace {
-
-struct Key
-{
-    const char *key;
-    QVariant firstRunDefault;
-};
-
-// Every persisted key with its first-run default, in file order.
-QList<Key> allKeys()
-{
-    return {
-        {"camera/index", 0},
-        {"camera/exposure", -3},
-        {"image/fourcc", 0},
-        {"image/resolution", 0},
-        {"image/out_resolution", 3},
-        {"image/codec", "jpg"},
-        {"image/shooting_time", 5},
-        {"image/quality", 80},
-        {"save/type", 0},
-        {"save/prefix", "IMG"},
-        {"save/number", 1},
-        {"save/playsound", true},
-        {"save/merge_source", true},
-        {"save/pdf_source", true},
-        {"watermark/text", ""},
-        {"watermark/time", false},
-        {"watermark/color", "ff000000"},
-        {"watermark/font_family", "Arial"},
-        {"watermark/font_size", 100},
-        {"watermark/font_styleName", "Regular"},
-        {"watermark/strikeOut", false},
-        {"watermark/underline", false},
-        {"watermark/transparency", 50},
-        {"watermark/x", 50},
-        {"watermark/y", 50},
-        {"painting/percentage", 30},
-        {"painting/main_resolution", 5},
-        {"painting/other_resolution", 5},
-        {"user/documentsLocation", QString()}, // filled per test: HOME + "/Veltaro"
-    };
-}
 
 QString defaultFolder()
 {
@@ -63,13 +22,10 @@ void writeSettings(const QString &path, const QStringList &skip = {},
                    const QMap<QString, QVariant> &overrides = {})
 {
     QSettings settings(path, QSettings::IniFormat);
-    for (const Key &key : allKeys()) {
-        if (skip.contains(key.key))
+    for (const auto &key : factorySettings(defaultFolder())) {
+        if (skip.contains(key.first))
             continue;
-        QVariant value = key.firstRunDefault;
-        if (QString(key.key) == "user/documentsLocation")
-            value = defaultFolder();
-        settings.setValue(key.key, overrides.value(key.key, value));
+        settings.setValue(key.first, overrides.value(key.first, key.second));
     }
 }
 
@@ -119,12 +75,9 @@ private slots:
 
         QSettings file(wd.path() + "/system.ini", QSettings::IniFormat);
         QCOMPARE(file.allKeys().size(), 29);
-        for (const Key &key : allKeys()) {
-            QVERIFY2(file.contains(key.key), key.key);
-            const QVariant expected = QString(key.key) == "user/documentsLocation"
-                                          ? QVariant(defaultFolder())
-                                          : key.firstRunDefault;
-            QCOMPARE(file.value(key.key).toString(), expected.toString());
+        for (const auto &key : factorySettings(defaultFolder())) {
+            QVERIFY2(file.contains(key.first), qPrintable(key.first));
+            QCOMPARE(file.value(key.first).toString(), key.second.toString());
         }
         QVERIFY(!file.contains("watermark/font_strikeOut"));
         QVERIFY(!file.contains("watermark/font_underline"));

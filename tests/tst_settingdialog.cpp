@@ -5,6 +5,7 @@
 #include "camerainfo.h"
 #include "settingdialog.h"
 #include "startup.h"
+#include "testsupport.h"
 
 #include <QApplication>
 #include <QButtonGroup>
@@ -236,37 +237,11 @@ std::shared_ptr<Answered> chooseFont(const QFont &font, bool accept)
 // (camera index and output folder are filled per test).
 QMap<QString, QVariant> factoryFile(int cameraIndex, const QString &folder)
 {
-    return {
-        {"camera/index", cameraIndex},
-        {"camera/exposure", -3},
-        {"image/fourcc", 0},
-        {"image/resolution", 0},
-        {"image/out_resolution", 3},
-        {"image/codec", "jpg"},
-        {"image/shooting_time", 5},
-        {"image/quality", 80},
-        {"save/type", 0},
-        {"save/prefix", "IMG"},
-        {"save/number", 1},
-        {"save/playsound", true},
-        {"save/merge_source", true},
-        {"save/pdf_source", true},
-        {"watermark/text", ""},
-        {"watermark/time", false},
-        {"watermark/color", "ff000000"},
-        {"watermark/font_family", "Arial"},
-        {"watermark/font_size", 100},
-        {"watermark/font_styleName", "Regular"},
-        {"watermark/strikeOut", false},
-        {"watermark/underline", false},
-        {"watermark/transparency", 50},
-        {"watermark/x", 50},
-        {"watermark/y", 50},
-        {"painting/percentage", 30},
-        {"painting/main_resolution", 5},
-        {"painting/other_resolution", 5},
-        {"user/documentsLocation", folder},
-    };
+    QMap<QString, QVariant> file;
+    for (const auto &key : factorySettings(folder))
+        file.insert(key.first, key.second);
+    file["camera/index"] = cameraIndex;
+    return file;
 }
 
 // Settings far from the factory values, for loading and for the defaults

@@ -1,7 +1,10 @@
 #ifndef TESTSUPPORT_H
 #define TESTSUPPORT_H
 
+#include <QList>
 #include <QMap>
+#include <QPair>
+#include <QVariant>
 #include <QObject>
 #include <QProcessEnvironment>
 #include <QString>
@@ -50,6 +53,10 @@ QProcessEnvironment cleanEnvironment();
 // What the virtual camera recorded about node N in the state folder dir:
 // the key=value lines of dir/video<N>.state; empty when there is none yet.
 QMap<QString, QString> readVirtualCameraState(const QString &dir, int node);
+
+// Every key of "system.ini" with the value a first run writes, in the
+// file's order; the output folder is given (it depends on HOME).
+QList<QPair<QString, QVariant>> factorySettings(const QString &documentsFolder);
 
 // Removes every VCAM_* variable from this process's environment.
 void clearVirtualCameraEnvironment();
