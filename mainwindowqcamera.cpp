@@ -101,7 +101,9 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
         }
     }
 
-    if (Cache::config->camera_index >= Cache::cameras->size())
+    // A camera that is no longer attached (or a negative number from a
+    // hand-edited file) falls back to the first camera.
+    if (Cache::config->camera_index >= Cache::cameras->size() || Cache::config->camera_index < 0)
         Cache::config->camera_index = 0;
 
     buttonGroupCorrection = new QButtonGroup(this);

@@ -415,6 +415,16 @@ private slots:
         QCOMPARE(ini.value(Cache::config->ini_camera_index).toInt(), 0);
     }
 
+    void negativeStoredCameraStartsCameraZero()
+    {
+        attachCameras(1);
+        Cache::config->camera_index = -1;
+        MainWindowQCamera w;
+        QCOMPARE(Cache::config->camera_index, 0);
+        QCOMPARE(w.ui->video->id, 0);
+        QVERIFY(waitOpen(w));
+    }
+
     void freshStartShowsPlaceholdersInEverySlot()
     {
         attachCameras(1);
