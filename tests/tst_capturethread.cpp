@@ -620,6 +620,53 @@ private slots:
         QVERIFY2(qGray(turned.pixel(160, 120)) < 90, "picture not turned");
     }
 
+    void previewIsFittedToTheShownAreaBeforeItIsHandedOver()
+    {
+        qputenv("VCAM_0_FORMATS", "YUYV");
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", "sheets:0.25,0.5,0.3,0.5,0");
+        *Cache::cameras = CameraInfo::discover();
+        Cache::config->image_fourcc = 8;
+
+        FrameSink sink;
+        ImageProcessing p;
+        // Read while the loop waits for the frame to be taken, as the view
+        // does.
+        int fitted = 0;
+        int unfitted = 0;
+        QImage lastFitted;
+        QImage lastFrame;
+        sink.onFrame = [&](const QImage &image) {
+            const QImage shown = p.fittedPreview(image);
+            if (shown.isNull()) {
+                ++unfitted;
+                return;
+            }
+            ++fitted;
+            lastFitted = shown;
+            lastFrame = image;
+        };
+        startStreaming(p, sink, 0, QSize(1280, 720));
+        QTRY_VERIFY_WITH_TIMEOUT(sink.frames >= 2, frameDeadline);
+        QCOMPARE(fitted, 0); // no area yet: nothing is fitted
+
+        p.setPreviewArea(QSize(760, 560));
+        QTRY_VERIFY_WITH_TIMEOUT(fitted >= 3, frameDeadline);
+        p.end();
+        QCOMPARE(fittedSize(QSize(1280, 720), QSize(760, 560)), QSize(759, 427));
+        QCOMPARE(lastFitted.size(), QSize(759, 427));
+        // The same picture: paper where the sheet lies, desk elsewhere, as
+        // in Qt's own smooth scaling of the frame.
+        const QImage reference = lastFrame.scaled(759, 427, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+        for (const QPoint &at : {QPoint(190, 213), QPoint(570, 100), QPoint(570, 330)}) {
+            const int a = qGray(lastFitted.pixel(at));
+            const int b = qGray(reference.pixel(at));
+            QVERIFY2(qAbs(a - b) <= 6, qPrintable(QString("at %1,%2: %3 against %4").arg(at.x()).arg(at.y()).arg(a).arg(b)));
+        }
+        QVERIFY2(qGray(lastFitted.pixel(190, 213)) > 200, "sheet is not paper");
+        QVERIFY2(qGray(lastFitted.pixel(570, 213)) < 90, "desk is not dark");
+    }
+
     void currentFrameIsDeepCopyOfLastRawFrame()
     {
         qputenv("VCAM_0_FORMATS", "YUYV");
