@@ -13,8 +13,6 @@
 #include <QTimer>
 #include <QWheelEvent>
 
-#include <opencv2/core/utility.hpp>
-#include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 namespace {
@@ -58,8 +56,7 @@ QCameraView::~QCameraView()
     timerWriter->stop();
     // A recording still running is finished, so that its queued frames are
     // written before the writer goes with the capture thread object.
-    if (frameWriter)
-        frameWriter->finish();
+    frameWriter.reset();
     m_imageProcessing->end();
     delete ui;
     // Deleted only now that its loop has stopped (its destructor waits for
@@ -356,8 +353,6 @@ void QCameraView::recordBegin()
         QString("%1/%2.%3").arg(Cache::config->user_documentsLocation).arg(now).arg("avi");
 
     // The writer of an earlier recording is closed and deleted, not leaked.
-    if (frameWriter)
-        frameWriter->finish();
     frameWriter.reset();
     delete m_imageProcessing->writer;
     m_imageProcessing->writer = new cv::VideoWriter;
@@ -382,6 +377,9 @@ void QCameraView::onWriterTimer()
     cv::VideoWriter *writer = m_imageProcessing->writer;
     if (!isCameraVideo || !writer || !writer->isOpened() || m_Image.isNull())
         return;
+    // A full queue drops this tick's frame: it is not even copied.
+    if (isWriteVideo && !(frameWriter && frameWriter->hasRoom()))
+        return;
     mutex.lock();
     cv::Mat copy = m_imageProcessing->currentFrame();
     mutex.unlock();
@@ -391,7 +389,7 @@ void QCameraView::onWriterTimer()
     // the file.
     if (copy.size() != recordSize)
         return;
-    if (isWriteVideo && !(frameWriter && frameWriter->offer(copy)))
+    if (isWriteVideo && !frameWriter->offer(copy))
         return;
     fps_count += 1;
 }
@@ -404,9 +402,8 @@ void QCameraView::recordEnd()
     isWriteVideo = false;
     timerWriter->stop();
     isCameraVideo = false;
-    // Every queued frame is written before the file is closed and reported.
-    if (frameWriter)
-        frameWriter->finish();
+    // Every queued frame is written (the encoder finishes as it goes) before
+    // the file is closed and reported.
     frameWriter.reset();
     if (writer)
         writer->release();

@@ -81,22 +81,17 @@ void SettingDialog::init()
     // Every list is refilled from scratch, so opening the window again does
     // not repeat its items.
     ui->imageResolutionBox->clear();
-    if (const CameraInfo *current = cameraAt(config->camera_index)) {
-        const CameraInfo camera = *current;
-        appendSizes(ui->imageResolutionBox, camera.supportedResolutions);
-    }
+    if (const CameraInfo *camera = cameraAt(config->camera_index))
+        appendSizes(ui->imageResolutionBox, camera->supportedResolutions);
 
     ui->imageCodecBox->clear();
     for (const QString &format : config->iamge_formats)
         ui->imageCodecBox->addItem(format, format);
 
-    ui->imageOutResolutionBox->clear();
-    ui->painting_mian_resolutionBox->clear();
-    ui->painting_other_resolutionBox->clear();
-    for (const QSize &size : config->resolutions) {
-        ui->imageOutResolutionBox->addItem(sizeText(size), size);
-        ui->painting_mian_resolutionBox->addItem(sizeText(size), size);
-        ui->painting_other_resolutionBox->addItem(sizeText(size), size);
+    for (QComboBox *box : {ui->imageOutResolutionBox, ui->painting_mian_resolutionBox,
+                           ui->painting_other_resolutionBox}) {
+        box->clear();
+        appendSizes(box, config->resolutions);
     }
 
     ui->imageFOURCCBox->setCurrentIndex(config->image_fourcc);

@@ -24,6 +24,12 @@ bool FrameWriter::offer(cv::Mat frame)
     return true;
 }
 
+bool FrameWriter::hasRoom()
+{
+    std::lock_guard<std::mutex> guard(lock);
+    return !closing && queue.size() < capacity;
+}
+
 void FrameWriter::finish()
 {
     {

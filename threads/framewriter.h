@@ -25,6 +25,9 @@ public:
     // Queues a frame the caller no longer touches; false when the queue is
     // full and the frame was dropped.
     bool offer(cv::Mat frame);
+    // Whether a frame offered now would be taken. Only the offering thread
+    // adds frames, so a yes stays true until it offers.
+    bool hasRoom();
 
     // Writes every queued frame, then stops the thread. Safe to call twice.
     void finish();

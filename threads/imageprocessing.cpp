@@ -254,7 +254,7 @@ void ImageProcessing::recordVideo()
     // (turned a quarter, say) would corrupt it and is left out.
     if (picture.empty() || picture.size() != recordSize || picture.type() != CV_8UC3)
         return;
-    writer->write(picture.clone());
+    writer->write(picture);
 }
 
 void ImageProcessing::setTakePhotoCammond(QImage first, QImage second, bool show1, bool show2)
