@@ -1,0 +1,84 @@
+// Perspective correction's cost at 3264x2448: the preview path with single
+// correction with the option on and off, and a photo's flat cut-out beside
+// the straight one; each beside a copy of the same frame in the same run.
+//
+//   build/bench/bench_perspective --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include "imaging/perspective.h"
+#include "threads/imageprocessing.h"
+#include "tiltscene.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QGuiApplication>
+
+#include <cmath>
+
+namespace {
+
+// An A4 page turned 15 degrees, seen by a camera tilted 20 degrees.
+cv::Mat tiltedFrame()
+{
+    const cv::Size size(3264, 2448);
+    vcam::SceneSpec scene;
+    scene.tiltX = 20;
+    vcam::PageSpec page;
+    page.sheet = vcam::SheetSpec{0.5, 0.5, 0.6 * size.height / std::sqrt(2.0) / size.width, 0.6, 15};
+    cv::Mat frame(size, CV_8UC3, cv::Scalar(46, 44, 42));
+    vcam::drawPage(frame, vcam::mapCorners(vcam::tiltHomography(scene, size.width, size.height),
+                                           vcam::pageCorners(page, size.width, size.height)));
+    return frame;
+}
+
+void BM_PreviewSingle(benchmark::State &state)
+{
+    const cv::Mat frame = tiltedFrame();
+    ImageProcessing engine;
+    engine.setCameraCorrection(1);
+    engine.perspective = state.range(0) != 0;
+    for (auto _ : state) {
+        QImage image = engine.previewImage(frame);
+        benchmark::DoNotOptimize(image.constBits());
+    }
+    state.SetLabel(state.range(0) ? "perspective on" : "perspective off");
+}
+
+void BM_CutOut(benchmark::State &state)
+{
+    const cv::Mat frame = tiltedFrame();
+    ImageProcessing engine;
+    engine.setCameraCorrection(1);
+    engine.perspective = true;
+    const cv::RotatedRect rect = engine.findSquares(frame).at(0);
+    const SheetQuad quad = engine.foundSheetCorners().at(0);
+    for (auto _ : state) {
+        cv::Mat cut = state.range(0) ? flattenSheet(frame, quad, rect) : ImageProcessing::deskewCutOut(frame, rect);
+        benchmark::DoNotOptimize(cut.data);
+    }
+    state.SetLabel(state.range(0) ? "flat (warpPerspective)" : "straight (deskewCutOut)");
+}
+
+void BM_FloorClone(benchmark::State &state)
+{
+    const cv::Mat frame = tiltedFrame();
+    for (auto _ : state) {
+        cv::Mat copy = frame.clone();
+        benchmark::DoNotOptimize(copy.data);
+    }
+    state.SetLabel("clone of the frame");
+}
+
+} // namespace
+
+BENCHMARK(BM_PreviewSingle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_CutOut)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FloorClone)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+int main(int argc, char **argv)
+{
+    // Image conversion wants a GUI application object.
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QGuiApplication app(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
