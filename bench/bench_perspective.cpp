@@ -23,9 +23,9 @@ cv::Mat tiltedFrame()
     scene.tiltX = 20;
     vcam::PageSpec page;
     page.sheet = vcam::SheetSpec{0.5, 0.5, 0.6 * size.height / std::sqrt(2.0) / size.width, 0.6, 15};
+    scene.pages = {page};
     cv::Mat frame(size, CV_8UC3, cv::Scalar(46, 44, 42));
-    vcam::drawPage(frame, vcam::mapCorners(vcam::tiltHomography(scene, size.width, size.height),
-                                           vcam::pageCorners(page, size.width, size.height)));
+    vcam::printPages(frame, scene);
     return frame;
 }
 

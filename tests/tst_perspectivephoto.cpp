@@ -192,12 +192,10 @@ private slots:
         const cv::Size size(1920, 1080);
         vcam::SceneSpec scene;
         scene.tiltY = 20;
-        const cv::Matx33d h = vcam::tiltHomography(scene, size.width, size.height);
+        scene.pages = {a4Page(size, 0.2, 0.5, 0.5, -10), a4Page(size, 0.5, 0.5, 0.5, 5),
+                       a4Page(size, 0.8, 0.5, 0.5, 20)};
         cv::Mat frame = desk(size);
-        const vcam::PageSpec pages[] = {a4Page(size, 0.2, 0.5, 0.5, -10), a4Page(size, 0.5, 0.5, 0.5, 5),
-                                        a4Page(size, 0.8, 0.5, 0.5, 20)};
-        for (const vcam::PageSpec &page : pages)
-            vcam::drawPage(frame, vcam::mapCorners(h, vcam::pageCorners(page, size.width, size.height)));
+        vcam::printPages(frame, scene);
 
         ImageProcessing ip;
         ip.frame = frame;
@@ -220,10 +218,9 @@ private slots:
         const cv::Size size(1280, 720);
         vcam::SceneSpec scene;
         scene.tiltX = 25;
-        const cv::Matx33d h = vcam::tiltHomography(scene, size.width, size.height);
+        scene.pages = {a4Page(size, 0.3, 0.5, 0.6, 12), a4Page(size, 0.72, 0.5, 0.6, -20)};
         cv::Mat frame = desk(size);
-        for (const vcam::PageSpec &page : {a4Page(size, 0.3, 0.5, 0.6, 12), a4Page(size, 0.72, 0.5, 0.6, -20)})
-            vcam::drawPage(frame, vcam::mapCorners(h, vcam::pageCorners(page, size.width, size.height)));
+        vcam::printPages(frame, scene);
 
         for (int correction : {1, 2}) {
             // Today's cut-outs, the way a photo has always made them.

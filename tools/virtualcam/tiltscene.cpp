@@ -140,6 +140,12 @@ void tiltAndPrint(cv::Mat &img, const SceneSpec &scene)
         cv::warpPerspective(img, seen, cv::Mat(h), img.size(), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
         img = seen;
     }
+    printPages(img, scene);
+}
+
+void printPages(cv::Mat &img, const SceneSpec &scene)
+{
+    const cv::Matx33d h = tiltHomography(scene, img.cols, img.rows);
     for (const PageSpec &page : scene.pages)
         drawPage(img, mapCorners(h, pageCorners(page, img.cols, img.rows)));
 }

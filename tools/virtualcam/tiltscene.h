@@ -39,8 +39,10 @@ cv::Mat pagePrint(cv::Size size);
 // edges.
 void drawPage(cv::Mat &img, const PageCorners &corners);
 
-// The flat scene img seen by the tilted camera, then the scene's pages
-// drawn over it where the camera sees them.
+// The scene's pages drawn over img where the tilted camera sees them.
+void printPages(cv::Mat &img, const SceneSpec &scene);
+
+// The flat scene img seen by the tilted camera, then its pages printed.
 void tiltAndPrint(cv::Mat &img, const SceneSpec &scene);
 
 }  // namespace vcam
