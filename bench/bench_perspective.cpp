@@ -11,6 +11,9 @@
 
 #include <QGuiApplication>
 
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
 #include <cmath>
 
 namespace {
@@ -57,6 +60,25 @@ void BM_CutOut(benchmark::State &state)
     state.SetLabel(state.range(0) ? "flat (warpPerspective)" : "straight (deskewCutOut)");
 }
 
+// The corner search alone, on the outline the sheet search found.
+void BM_FitQuad(benchmark::State &state)
+{
+    const cv::Mat frame = tiltedFrame();
+    cv::Mat grey, bin;
+    cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
+    cv::threshold(grey, bin, 127, 255, cv::THRESH_BINARY);
+    std::vector<std::vector<cv::Point>> contours;
+    cv::findContours(bin, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
+    const std::vector<cv::Point> &outline = *std::max_element(
+        contours.begin(), contours.end(),
+        [](const auto &a, const auto &b) { return cv::contourArea(a) < cv::contourArea(b); });
+    for (auto _ : state) {
+        SheetQuad quad;
+        benchmark::DoNotOptimize(fitSheetQuad(outline, quad));
+    }
+    state.SetLabel("fitSheetQuad");
+}
+
 void BM_FloorClone(benchmark::State &state)
 {
     const cv::Mat frame = tiltedFrame();
@@ -71,6 +93,7 @@ void BM_FloorClone(benchmark::State &state)
 
 BENCHMARK(BM_PreviewSingle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_CutOut)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FitQuad)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_FloorClone)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 int main(int argc, char **argv)
