@@ -8,6 +8,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include "testsupport.h"
+#include "tiltscene.h"
 
 #include <QtTest>
 
@@ -595,6 +596,120 @@ private slots:
         dir = std::fmod(dir + 360.0, 180.0);
         QVERIFY2(std::abs(dir - 30.0) < 2.0, qPrintable(QString::number(dir)));
         QVERIFY(std::abs(r.center.x - 640) < 4 && std::abs(r.center.y - 360) < 4);
+    }
+
+    // The corners of the largest bright blob of a frame, clockwise from the
+    // top-left one.
+    static std::vector<cv::Point2f> brightQuad(const cv::Mat &frame)
+    {
+        cv::Mat mask;
+        cv::threshold(grey(frame), mask, 150, 255, cv::THRESH_BINARY);
+        std::vector<std::vector<cv::Point>> contours;
+        cv::findContours(mask, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+        size_t largest = 0;
+        for (size_t i = 1; i < contours.size(); ++i)
+            if (cv::contourArea(contours[i]) > cv::contourArea(contours[largest]))
+                largest = i;
+        std::vector<cv::Point> approx;
+        if (!contours.empty())
+            cv::approxPolyDP(contours[largest], approx, 0.02 * cv::arcLength(contours[largest], true), true);
+        return std::vector<cv::Point2f>(approx.begin(), approx.end());
+    }
+
+    static double farthestCorner(const std::vector<cv::Point2f> &found, const vcam::PageCorners &truth)
+    {
+        double worst = 0;
+        for (const cv::Point2d &t : truth) {
+            double best = 1e9;
+            for (const cv::Point2f &f : found)
+                best = std::min(best, cv::norm(cv::Point2d(f) - t));
+            worst = std::max(worst, best);
+        }
+        return worst;
+    }
+
+    void pageByFourCornersLiesThereWithItsPrint()
+    {
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", "quads:0.3,0.2,0.7,0.25,0.75,0.85,0.25,0.8");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        const std::vector<cv::Point2f> quad = brightQuad(frame);
+        QCOMPARE(int(quad.size()), 4);
+        const vcam::PageCorners truth = {cv::Point2d(384, 144), cv::Point2d(896, 180), cv::Point2d(960, 612),
+                                         cv::Point2d(320, 576)};
+        QVERIFY2(farthestCorner(quad, truth) < 4, qPrintable(QString::number(farthestCorner(quad, truth))));
+        // The print: ink on the ruled frame's top line, paper between it and
+        // the page's edge.
+        const cv::Point2f unit[4] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+        cv::Point2f to[4];
+        for (int i = 0; i < 4; ++i)
+            to[i] = cv::Point2f(truth[i]);
+        std::vector<cv::Point2f> onPage = {{0.5f, float(vcam::kPageRuleInset)}, {0.5f, 0.04f}};
+        cv::perspectiveTransform(onPage, onPage, cv::getPerspectiveTransform(unit, to));
+        const cv::Point2f onRule = onPage[0], margin = onPage[1];
+        const cv::Mat g = grey(frame);
+        double ink = 255;
+        for (int dy = -3; dy <= 3; ++dy)
+            ink = std::min(ink, double(g.at<uchar>(int(onRule.y) + dy, int(onRule.x))));
+        QVERIFY2(ink < 150, qPrintable(QString::number(ink)));
+        QVERIFY(meanAt(g, int(margin.x), int(margin.y)) > 200);
+    }
+
+    void tiltedCameraSeesThePageAsTheHomographySays_data()
+    {
+        QTest::addColumn<QString>("tilt");
+        QTest::addColumn<QString>("focal");
+        QTest::addColumn<double>("tiltX");
+        QTest::addColumn<double>("tiltY");
+        QTest::addColumn<double>("focalWidths");
+        QTest::newRow("x:30") << "x:30" << "" << 30.0 << 0.0 << 1.0;
+        QTest::newRow("y:-20, focal 0.6") << "y:-20" << "0.6" << 0.0 << -20.0 << 0.6;
+        QTest::newRow("x:10,y:15") << "x:10,y:15" << "" << 10.0 << 15.0 << 1.0;
+        QTest::newRow("malformed: untilted") << "z:10" << "" << 0.0 << 0.0 << 1.0;
+    }
+
+    void tiltedCameraSeesThePageAsTheHomographySays()
+    {
+        QFETCH(QString, tilt);
+        QFETCH(QString, focal);
+        QFETCH(double, tiltX);
+        QFETCH(double, tiltY);
+        QFETCH(double, focalWidths);
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", "pages:0.5,0.5,0.3,0.6,10");
+        qputenv("VCAM_0_TILT", tilt.toLatin1());
+        if (!focal.isEmpty())
+            qputenv("VCAM_0_FOCAL", focal.toLatin1());
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+
+        vcam::SceneSpec scene;
+        scene.tiltX = tiltX;
+        scene.tiltY = tiltY;
+        scene.focal = focalWidths;
+        vcam::PageSpec page;
+        page.sheet = vcam::SheetSpec{0.5, 0.5, 0.3, 0.6, 10};
+        const vcam::PageCorners truth =
+            vcam::mapCorners(vcam::tiltHomography(scene, 1280, 720), vcam::pageCorners(page, 1280, 720));
+        const std::vector<cv::Point2f> quad = brightQuad(frame);
+        QCOMPARE(int(quad.size()), 4);
+        QVERIFY2(farthestCorner(quad, truth) < 4, qPrintable(QString::number(farthestCorner(quad, truth))));
+        if (tiltX >= 30) {
+            // Tilted about the horizontal axis, the lower edge is the far one.
+            QVERIFY(cv::norm(truth[2] - truth[3]) < 0.9 * cv::norm(truth[1] - truth[0]));
+        }
+        // The desk is still seen all over the frame, even where the tilted
+        // view reaches past the flat scene.
+        const cv::Mat g = grey(frame);
+        for (const cv::Point p : {cv::Point(4, 4), cv::Point(1275, 4), cv::Point(4, 715), cv::Point(1275, 715)})
+            QVERIFY(meanAt(g, p.x, p.y) > 25 && meanAt(g, p.x, p.y) < 80);
+        qunsetenv("VCAM_0_TILT");
+        qunsetenv("VCAM_0_FOCAL");
     }
 
     void frameCounterChangesEveryFrameAndStaysDim()
