@@ -195,6 +195,14 @@ private:
                                frameDeadline);
     }
 
+    // The small camera, opened in a view of its size.
+    bool openSmallCamera(QCameraView &view)
+    {
+        discoverSmallCamera();
+        view.resize(640, 480);
+        return openAndWait(view);
+    }
+
 private slots:
     void initTestCase()
     {
@@ -707,10 +715,8 @@ private slots:
     void tenSecondsAtThirtyFramesASecondGiveAboutThreeHundredFrames()
     {
         qputenv("VCAM_0_FPS", "30");
-        discoverSmallCamera();
         QCameraView view;
-        view.resize(640, 480);
-        QVERIFY(openAndWait(view));
+        QVERIFY(openSmallCamera(view));
         int ticks = 0;
         connect(view.timerWriter, &QTimer::timeout, [&ticks] { ++ticks; });
 
@@ -733,10 +739,8 @@ private slots:
     void recordingSurvivesAnUnpluggedCamera()
     {
         qputenv("VCAM_0_UNPLUG_AFTER", "45");
-        discoverSmallCamera();
         QCameraView view;
-        view.resize(640, 480);
-        QVERIFY(openAndWait(view));
+        QVERIFY(openSmallCamera(view));
         QSignalSpy taken(&view, &QCameraView::sendTakePhotoImageSignal);
         view.recordBegin();
         QVERIFY(view.isCameraVideo);
