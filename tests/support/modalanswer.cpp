@@ -17,8 +17,8 @@
 #include <QFile>
 #include <QLabel>
 #include <QMessageBox>
-#include <QSplashScreen>
 #include <QPushButton>
+#include <QSplashScreen>
 #include <QTimer>
 
 #include <chrono>
