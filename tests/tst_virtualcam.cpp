@@ -491,7 +491,7 @@ private slots:
         QCOMPARE(stateKeys(0), QStringList({"pixelformat", "width", "height", "fps", "exposure_auto",
                                             "exposure_absolute", "exposure_absolute_requested",
                                             "exposure_auto_requested", "focus_auto", "streaming", "frames",
-                                            "opens"}));
+                                            "opens", "exposure", "autofocus"}));
         cap.release();
         st = readState(0);
         QCOMPARE(st.value("streaming"), QStringLiteral("0"));
@@ -779,11 +779,14 @@ private slots:
         QCOMPARE(st.value("exposure_absolute_requested"), QString());
         QCOMPARE(st.value("exposure_auto_requested"), QString());
         QCOMPARE(st.value("focus_auto"), QStringLiteral("1"));
+        QCOMPARE(st.value("exposure"), QStringLiteral("auto"));
+        QCOMPARE(st.value("autofocus"), QStringLiteral("on"));
 
         QVERIFY(cap.set(cv::CAP_PROP_AUTO_EXPOSURE, 1));
         st = readState(0);
         QCOMPARE(st.value("exposure_auto"), QStringLiteral("1"));
         QCOMPARE(st.value("exposure_auto_requested"), QStringLiteral("1"));
+        QCOMPARE(st.value("exposure"), QStringLiteral("manual"));
         QCOMPARE(cap.get(cv::CAP_PROP_AUTO_EXPOSURE), 1.0);
 
         QVERIFY(cap.set(cv::CAP_PROP_EXPOSURE, -3));
@@ -799,8 +802,10 @@ private slots:
 
         QVERIFY(cap.set(cv::CAP_PROP_AUTOFOCUS, 0));
         QCOMPARE(readState(0).value("focus_auto"), QStringLiteral("0"));
+        QCOMPARE(readState(0).value("autofocus"), QStringLiteral("off"));
         QVERIFY(cap.set(cv::CAP_PROP_AUTOFOCUS, 1));
         QCOMPARE(readState(0).value("focus_auto"), QStringLiteral("1"));
+        QCOMPARE(readState(0).value("autofocus"), QStringLiteral("on"));
 
         // A mode the camera does not offer is refused but still recorded.
         QVERIFY(!cap.set(cv::CAP_PROP_AUTO_EXPOSURE, 2));

@@ -316,14 +316,8 @@ void ImageProcessing::takePhoto()
         QImage copy = image;
         paintPhoto(copy, first, second, show1, show2, insets);
         const QString fileName = nextOutputFileName(format);
-        QImageWriter writer(fileName, format.toUtf8());
-        writer.setQuality(Cache::config->image_quality);
-        // The name is reported whatever happens; a failure is logged so that
-        // a photo lost to a full disk or a removed folder leaves a trace.
-        if (copy.isNull())
-            qDebug() << Q_FUNC_INFO << "nothing to save as" << fileName << "(empty picture)";
-        else if (!writer.write(copy))
-            qDebug() << Q_FUNC_INFO << "could not write" << fileName << ":" << writer.errorString();
+        // The name is reported whatever happens.
+        writePhoto(copy, fileName, format);
         files.append(fileName);
     }
     emit sendTakePhotoImageSignal(files, 0);
