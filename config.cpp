@@ -35,6 +35,9 @@ Config::Config()
       painting_percentage(30),
       painting_main_resolution(5),
       painting_other_resolution(5),
+      perspective_correction(false),
+      shooting_mode(ShootingModeInterval),
+      pdf_ocr(false),
       isLinuxOS(false)
 {
     const QByteArray home =
@@ -73,6 +76,10 @@ Config::Config()
     ini_painting_other_resolution = "painting/other_resolution";
     ini_user_documentsLocation = "user/documentsLocation";
 
+    ini_extra_perspective = "extra/perspective";
+    ini_extra_shooting_mode = "extra/shooting_mode";
+    ini_extra_pdf_ocr = "extra/pdf_ocr";
+
     load();
 }
 
@@ -107,6 +114,14 @@ void Config::init()
     painting_percentage = 30;
     painting_main_resolution = 5;
     painting_other_resolution = 5;
+    initExtensions();
+}
+
+void Config::initExtensions()
+{
+    perspective_correction = false;
+    shooting_mode = ShootingModeInterval;
+    pdf_ocr = false;
 }
 
 // Values are taken as read: a missing key or text where a number belongs
@@ -144,6 +159,7 @@ void Config::load()
         painting_main_resolution = settings.value(ini_painting_main_resolution).toInt();
         painting_other_resolution = settings.value(ini_painting_other_resolution).toInt();
         user_documentsLocation = settings.value(ini_user_documentsLocation).toString();
+        loadExtensions(settings);
     } else {
         init();
         save();
@@ -186,4 +202,54 @@ void Config::save()
     settings.setValue(ini_painting_main_resolution, painting_main_resolution);
     settings.setValue(ini_painting_other_resolution, painting_other_resolution);
     settings.setValue(ini_user_documentsLocation, user_documentsLocation);
+    saveExtensions(settings);
+}
+
+namespace {
+
+// A missing extension key, or one whose text is not of the setting's kind,
+// gives the default (the original keys give 0 instead).
+bool readExtension(const QSettings &settings, const QString &key, bool fallback)
+{
+    const QVariant value = settings.value(key);
+    if (!value.isValid())
+        return fallback;
+    const QString text = value.toString().trimmed().toLower();
+    if (text == "true" || text == "1")
+        return true;
+    if (text == "false" || text == "0")
+        return false;
+    return fallback;
+}
+
+int readExtension(const QSettings &settings, const QString &key, int fallback)
+{
+    bool ok = false;
+    const int number = settings.value(key).toString().trimmed().toInt(&ok);
+    return ok ? number : fallback;
+}
+
+template <typename T>
+void writeExtension(QSettings &settings, const QString &key, const T &value, const T &fallback)
+{
+    if (value == fallback)
+        settings.remove(key);
+    else
+        settings.setValue(key, value);
+}
+
+} // namespace
+
+void Config::loadExtensions(const QSettings &settings)
+{
+    perspective_correction = readExtension(settings, ini_extra_perspective, false);
+    shooting_mode = readExtension(settings, ini_extra_shooting_mode, int(ShootingModeInterval));
+    pdf_ocr = readExtension(settings, ini_extra_pdf_ocr, false);
+}
+
+void Config::saveExtensions(QSettings &settings) const
+{
+    writeExtension(settings, ini_extra_perspective, perspective_correction, false);
+    writeExtension(settings, ini_extra_shooting_mode, shooting_mode, int(ShootingModeInterval));
+    writeExtension(settings, ini_extra_pdf_ocr, pdf_ocr, false);
 }

@@ -2,8 +2,15 @@
 #define CONFIG_H
 
 #include <QList>
+#include <QSettings>
 #include <QSize>
 #include <QString>
+
+// How a series of photos is triggered (Config::shooting_mode).
+enum ShootingMode {
+    ShootingModeInterval = 0, // one photo every image_shooting_time seconds
+    ShootingModePageTurn = 1, // one photo each time a new page lies still
+};
 
 // The one settings record of the process (Cache::config). Every option is a
 // public member that the rest of the program reads and writes directly; the
@@ -55,6 +62,14 @@ public:
 
     QString user_documentsLocation;
 
+    // Extensions: off by default. They live in the group "extra" of the
+    // settings file, and a key is there only while its value differs from
+    // the default, so a first-run file keeps its original keys and an older
+    // build reads the file unharmed.
+    bool perspective_correction; // sheets cut out by their four corners
+    int shooting_mode;           // series: 0 fixed interval, 1 on page turn
+    bool pdf_ocr;                // PDF with a recognised text layer
+
     QString exe_path;
     bool isLinuxOS;
     QList<QSize> resolutions;
@@ -91,6 +106,15 @@ public:
     QString ini_painting_main_resolution;
     QString ini_painting_other_resolution;
     QString ini_user_documentsLocation;
+
+    QString ini_extra_perspective;
+    QString ini_extra_shooting_mode;
+    QString ini_extra_pdf_ocr;
+
+private:
+    void initExtensions();
+    void loadExtensions(const QSettings &settings);
+    void saveExtensions(QSettings &settings) const;
 };
 
 #endif // CONFIG_H

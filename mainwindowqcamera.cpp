@@ -134,6 +134,7 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
     ui->tbExposure_2->hide();
 
     ui->video->init(Cache::config->camera_index);
+    applyExtensionSettings();
 
     // The logo is the splash picture, shown whole in the column's width.
     const QPixmap logo(resourcePath("/Resources/brivora.png"));
@@ -486,6 +487,14 @@ void MainWindowQCamera::videoSetting()
 void MainWindowQCamera::reConfigVideoSetting()
 {
     ui->video->reConfigVideoSetting();
+    applyExtensionSettings();
+}
+
+// The main preview follows the extension settings; secondary windows show
+// their camera plainly.
+void MainWindowQCamera::applyExtensionSettings()
+{
+    ui->video->setPerspectiveCorrection(Cache::config->perspective_correction);
 }
 
 void MainWindowQCamera::openCamera()

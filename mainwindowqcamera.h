@@ -99,6 +99,7 @@ private:
     void toggleSecondaryWindow(CameraViewDialog *window, int camerasNeeded);
     void toggleCompositionDialog(QDialog *dialog, QDialog *other, const std::function<void()> &init);
     void setBigButtonStyle();
+    void applyExtensionSettings();
 };
 
 #endif // MAINWINDOWQCAMERA_H

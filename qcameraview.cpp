@@ -210,6 +210,11 @@ void QCameraView::setCameraShootType(int code)
     m_imageProcessing->setCameraShootType(code);
 }
 
+void QCameraView::setPerspectiveCorrection(bool on)
+{
+    m_imageProcessing->perspective = on;
+}
+
 void QCameraView::setTakePhotoChildCamera(bool on)
 {
     m_imageProcessing->setTakePhotoChildCamera(on);

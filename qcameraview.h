@@ -67,6 +67,7 @@ public:
     void setAngle(int direction);
     void setCameraCorrection(int code);
     void setCameraShootType(int code);
+    void setPerspectiveCorrection(bool on);
     void setTakePhotoChildCamera(bool on);
     void setSaveImageToTiff(bool on);
     void videoSettingOpenWindow();

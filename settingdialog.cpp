@@ -127,6 +127,11 @@ void SettingDialog::init()
     // choice does.
     setSampleColor(watermarkColour());
     ui->lbWatermarkDemo->setFont(watermarkFont());
+
+    ui->checkBox_Perspective->setChecked(config->perspective_correction);
+    // A mode this build does not know shows the fixed interval.
+    ui->shootingModeBox->setCurrentIndex(
+        config->shooting_mode == ShootingModePageTurn ? ShootingModePageTurn : ShootingModeInterval);
 }
 
 void SettingDialog::setSampleColor(const QColor &color)
@@ -194,6 +199,9 @@ void SettingDialog::on_saveSetting_clicked()
     config->painting_percentage = ui->painting_percentage_box->value();
     config->painting_main_resolution = ui->painting_mian_resolutionBox->currentIndex();
     config->painting_other_resolution = ui->painting_other_resolutionBox->currentIndex();
+
+    config->perspective_correction = ui->checkBox_Perspective->isChecked();
+    config->shooting_mode = ui->shootingModeBox->currentIndex();
 
     config->save();
     // Always: the receiver re-applies the stored capture settings, and

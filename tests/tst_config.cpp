@@ -241,6 +241,105 @@ private slots:
         QCOMPARE(config.isSaveTiff, true);
         QCOMPARE(readAll("system.ini"), before);
     }
+
+    // ------------------------------------------------------------ extensions
+
+    void firstRunFileHasNoExtensionGroup()
+    {
+        WorkingDirectory wd;
+        Config config;
+        QVERIFY(!readAll("system.ini").contains("[extra]"));
+        QCOMPARE(config.perspective_correction, false);
+        QCOMPARE(config.shooting_mode, int(ShootingModeInterval));
+        QCOMPARE(config.pdf_ocr, false);
+    }
+
+    void extensionKeyIsWrittenOnlyWhileItDiffersFromItsDefault()
+    {
+        WorkingDirectory wd;
+        Config config;
+        config.perspective_correction = true;
+        config.shooting_mode = ShootingModePageTurn;
+        config.pdf_ocr = true;
+        config.save();
+        {
+            QSettings file("system.ini", QSettings::IniFormat);
+            QCOMPARE(file.allKeys().size(), 32);
+            QCOMPARE(file.value("extra/perspective").toString(), QString("true"));
+            QCOMPARE(file.value("extra/shooting_mode").toInt(), 1);
+            QCOMPARE(file.value("extra/pdf_ocr").toString(), QString("true"));
+        }
+
+        config.perspective_correction = false;
+        config.save();
+        {
+            QSettings file("system.ini", QSettings::IniFormat);
+            QCOMPARE(file.allKeys().size(), 31);
+            QVERIFY(!file.contains("extra/perspective"));
+        }
+
+        config.shooting_mode = ShootingModeInterval;
+        config.pdf_ocr = false;
+        config.save();
+        QSettings file("system.ini", QSettings::IniFormat);
+        QCOMPARE(file.allKeys().size(), 29);
+        QVERIFY(!readAll("system.ini").contains("[extra]"));
+    }
+
+    void extensionSettingsComeBackOnLoad()
+    {
+        WorkingDirectory wd;
+        {
+            Config config;
+            config.perspective_correction = true;
+            config.shooting_mode = ShootingModePageTurn;
+            config.pdf_ocr = true;
+            config.save();
+        }
+        Config config;
+        QCOMPARE(config.perspective_correction, true);
+        QCOMPARE(config.shooting_mode, int(ShootingModePageTurn));
+        QCOMPARE(config.pdf_ocr, true);
+    }
+
+    // Unlike the original keys, a missing or unreadable extension key gives
+    // the default, not 0 or false.
+    void missingOrUnreadableExtensionKeyReadsItsDefault()
+    {
+        WorkingDirectory wd;
+        writeSettings("system.ini");
+        {
+            QSettings file("system.ini", QSettings::IniFormat);
+            file.setValue("extra/shooting_mode", "abc");
+            file.setValue("extra/perspective", "vielleicht");
+        }
+        Config config;
+        QCOMPARE(config.shooting_mode, int(ShootingModeInterval));
+        QCOMPARE(config.perspective_correction, false);
+        QCOMPARE(config.pdf_ocr, false);
+        // An older file without the group is read unharmed and not completed.
+        const QByteArray before = readAll("system.ini");
+        Config again;
+        QCOMPARE(readAll("system.ini"), before);
+    }
+
+    void initRestoresExtensionDefaultsAndSaveRemovesTheirKeys()
+    {
+        WorkingDirectory wd;
+        Config config;
+        config.perspective_correction = true;
+        config.shooting_mode = ShootingModePageTurn;
+        config.pdf_ocr = true;
+        config.save();
+
+        config.init();
+        QCOMPARE(config.perspective_correction, false);
+        QCOMPARE(config.shooting_mode, int(ShootingModeInterval));
+        QCOMPARE(config.pdf_ocr, false);
+        config.save();
+        QSettings file("system.ini", QSettings::IniFormat);
+        QCOMPARE(file.allKeys().size(), 29);
+    }
 };
 
 QTEST_GUILESS_MAIN(TestConfig)

@@ -964,6 +964,23 @@ private slots:
         QVERIFY(waitOpen(w));
     }
 
+    void perspectiveSettingReachesTheCaptureThreadAtStartAndAfterSave()
+    {
+        attachCameras(1);
+        Cache::config->perspective_correction = true;
+        MainWindowQCamera w;
+        ImageProcessing *engine = w.ui->video->m_imageProcessing;
+        QVERIFY(engine->perspective);
+
+        QTest::mouseClick(w.ui->btnSetting_2, Qt::LeftButton);
+        auto *box = w.settingsDialog->findChild<QCheckBox *>("checkBox_Perspective");
+        QVERIFY(box && box->isChecked());
+        box->click();
+        QVERIFY(QMetaObject::invokeMethod(w.settingsDialog, "on_saveSetting_clicked"));
+        QVERIFY(!engine->perspective);
+        QCOMPARE(Cache::config->perspective_correction, false);
+    }
+
     // ---- result strip ----------------------------------------------------
 
     void emptyListOnlyTakesTheRedMarkAway()

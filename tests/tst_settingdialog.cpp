@@ -78,6 +78,8 @@ struct Form
     CONTROL(QRadioButton, radioButton_watermark_time)
     CONTROL(QRadioButton, radioButton_File)
     CONTROL(QRadioButton, radioButton_Time)
+    CONTROL(QCheckBox, checkBox_Perspective)
+    CONTROL(QComboBox, shootingModeBox)
     CONTROL(QCheckBox, checkBox_Sound)
     CONTROL(QCheckBox, checkBox_SaveMergeSourceImageBox)
     CONTROL(QCheckBox, checkBox_SavePdfSourceBox)
@@ -350,20 +352,32 @@ private slots:
     {
         SettingDialog dialog;
         QCOMPARE(dialog.windowTitle(), QString("设置"));
-        QCOMPARE(dialog.size(), QSize(444, 766));
+        // The extension group below the original ones makes the window
+        // taller; the original groups keep their places.
+        QCOMPARE(dialog.size(), QSize(444, 856));
         QCOMPARE(dialog.objectName(), QString("SettingDialog"));
         QVERIFY(!(dialog.windowFlags() & Qt::WindowContextHelpButtonHint));
 
         const QMap<QString, QString> groups{{"groupPictureParameters", "图片参数"},
                                             {"groupWatermarkBoxConfigBox", "水印配置"},
                                             {"groupSaveConfigBox", "保存配置"},
-                                            {"groupPanting", "画中画配置"}};
+                                            {"groupPanting", "画中画配置"},
+                                            {"groupExtra", "增强功能"}};
         for (auto it = groups.constBegin(); it != groups.constEnd(); ++it) {
             auto *group = dialog.findChild<QGroupBox *>(it.key());
             QVERIFY2(group, qPrintable(it.key()));
             QCOMPARE(group->title(), it.value());
         }
-        QCOMPARE(dialog.findChildren<QGroupBox *>().size(), 4);
+        QCOMPARE(dialog.findChildren<QGroupBox *>().size(), 5);
+        const QMap<QString, QRect> places{{"groupPictureParameters", QRect(10, 8, 424, 198)},
+                                          {"groupWatermarkBoxConfigBox", QRect(10, 212, 424, 252)},
+                                          {"groupSaveConfigBox", QRect(10, 470, 424, 118)},
+                                          {"groupPanting", QRect(10, 594, 424, 122)},
+                                          {"groupExtra", QRect(10, 722, 424, 88)}};
+        for (auto it = places.constBegin(); it != places.constEnd(); ++it)
+            QCOMPARE(dialog.findChild<QGroupBox *>(it.key())->geometry(), it.value());
+        // The buttons stay at the bottom, below the extension group.
+        QCOMPARE(dialog.findChild<QPushButton *>("saveSetting")->geometry(), QRect(92, 816, 120, 30));
 
         // Each control sits in its group.
         const QMap<QString, QString> home{{"imageFOURCCBox", "groupPictureParameters"},
@@ -373,7 +387,9 @@ private slots:
                                           {"saveImageNumber", "groupSaveConfigBox"},
                                           {"checkBox_SavePdfSourceBox", "groupSaveConfigBox"},
                                           {"painting_mian_resolutionBox", "groupPanting"},
-                                          {"lbPaintingPercentage", "groupPanting"}};
+                                          {"lbPaintingPercentage", "groupPanting"},
+                                          {"checkBox_Perspective", "groupExtra"},
+                                          {"shootingModeBox", "groupExtra"}};
         for (auto it = home.constBegin(); it != home.constEnd(); ++it) {
             QWidget *w = dialog.findChild<QWidget *>(it.key());
             QVERIFY2(w, qPrintable(it.key()));
@@ -395,7 +411,7 @@ private slots:
             {"label_20", "主头分辨率"},      {"label_24", "副头分辨率"},
             {"lbImageQuality", "80%"},       {"lbWatermarkTransparency", "50%"},
             {"lbWatermarkX", "50%"},         {"lbWatermarkY", "50%"},
-            {"lbPaintingPercentage", "30%"}};
+            {"lbPaintingPercentage", "30%"}, {"label_shooting_mode", "连拍方式"}};
         for (auto it = labels.constBegin(); it != labels.constEnd(); ++it) {
             auto *label = dialog.findChild<QLabel *>(it.key());
             QVERIFY2(label, qPrintable(it.key()));
@@ -410,7 +426,8 @@ private slots:
             {"radioButton_File", "自定义文件名"}, {"radioButton_Time", "拍摄时间为文件名"},
             {"checkBox_Sound", "播放声音"},
             {"checkBox_SaveMergeSourceImageBox", "合并图像图保存源图像"},
-            {"checkBox_SavePdfSourceBox", "存PDF不保存源图像"}};
+            {"checkBox_SavePdfSourceBox", "存PDF不保存源图像"},
+            {"checkBox_Perspective", "透视矫正（按纸张四角拉正）"}};
         for (auto it = buttons.constBegin(); it != buttons.constEnd(); ++it) {
             auto *button = dialog.findChild<QAbstractButton *>(it.key());
             QVERIFY2(button, qPrintable(it.key()));
@@ -1109,6 +1126,82 @@ private slots:
         QCOMPARE(video.count(), 0);
         QVERIFY(!QFile::exists(iniPath()));
         QCOMPARE(Form(dialog).savePreNameBox->text(), QString("IMG"));
+    }
+
+    // ------------------------------------------------------------ extensions
+
+    void shootingModeBoxOffersIntervalThenPageTurn()
+    {
+        SettingDialog dialog;
+        const Form ui(dialog);
+        QCOMPARE(itemTexts(ui.shootingModeBox), QStringList({"按时间间隔", "翻页自动拍摄"}));
+        dialog.init();
+        QCOMPARE(ui.shootingModeBox->currentIndex(), 0);
+        QVERIFY(!ui.checkBox_Perspective->isChecked());
+    }
+
+    void extensionControlsLoadFromTheSettings()
+    {
+        Cache::config->perspective_correction = true;
+        Cache::config->shooting_mode = ShootingModePageTurn;
+        SettingDialog dialog;
+        dialog.init();
+        const Form ui(dialog);
+        QVERIFY(ui.checkBox_Perspective->isChecked());
+        QCOMPARE(ui.shootingModeBox->currentText(), QString("翻页自动拍摄"));
+
+        // A mode this build does not know shows the fixed interval.
+        Cache::config->shooting_mode = 7;
+        dialog.init();
+        QCOMPARE(ui.shootingModeBox->currentIndex(), 0);
+    }
+
+    void savingExtensionControlsWritesTheirKeysOnly()
+    {
+        SettingDialog dialog;
+        dialog.show();
+        dialog.init();
+        const Form ui(dialog);
+        ui.checkBox_Perspective->click();
+        ui.shootingModeBox->setCurrentIndex(1);
+        ui.saveSetting->click();
+
+        QCOMPARE(Cache::config->perspective_correction, true);
+        QCOMPARE(Cache::config->shooting_mode, int(ShootingModePageTurn));
+        QSettings file(iniPath(), QSettings::IniFormat);
+        QCOMPARE(file.allKeys().size(), 31);
+        QCOMPARE(file.value("extra/perspective").toString(), QString("true"));
+        QCOMPARE(file.value("extra/shooting_mode").toInt(), 1);
+    }
+
+    void unchangedExtensionControlsAddNoKey()
+    {
+        SettingDialog dialog;
+        dialog.show();
+        dialog.init();
+        Form(dialog).saveSetting->click();
+        compareFile({});
+        QVERIFY(!QSettings(iniPath(), QSettings::IniFormat).childGroups().contains("extra"));
+    }
+
+    void defaultsButtonClearsExtensionsAndRemovesTheirKeys()
+    {
+        Cache::config->perspective_correction = true;
+        Cache::config->shooting_mode = ShootingModePageTurn;
+        Cache::config->save();
+        QVERIFY(stored("extra/perspective").isValid());
+
+        SettingDialog dialog;
+        dialog.show();
+        dialog.init();
+        const Form ui(dialog);
+        ui.btnDefaultSetting->click();
+
+        QVERIFY(!ui.checkBox_Perspective->isChecked());
+        QCOMPARE(ui.shootingModeBox->currentIndex(), 0);
+        QCOMPARE(Cache::config->perspective_correction, false);
+        QCOMPARE(Cache::config->shooting_mode, int(ShootingModeInterval));
+        compareFile({});
     }
 };
 

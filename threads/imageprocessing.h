@@ -48,6 +48,7 @@ public:
     std::atomic<int> cameraCurrentExposure;
     std::atomic<int> correction_type;
     std::atomic<int> shooting_type;
+    std::atomic<bool> perspective{false}; // sheets by their four corners (extension)
     std::atomic<bool> isTakePhotoChildCamera;
     QImage child1; // with child2, guarded by childMutex
     QImage child2;
