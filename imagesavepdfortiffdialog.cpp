@@ -186,10 +186,12 @@ void ImageSavePDFOrTiffDialog::writeSearchablePdf(const QString &fileName, const
 {
     TextLayerResult result = TextLayerResult::Added;
     runBesideGui([&]() {
-        result = ::writeSearchablePdf(fileName, pages, QThread::idealThreadCount(), [progress](int done) {
-            // Dropped if the dialog is gone by the time the GUI thread gets to it.
-            QMetaObject::invokeMethod(
-                progress, [progress, done]() { progress->setValue(done); }, Qt::QueuedConnection);
+        const int last = pages.size();
+        result = ::writeSearchablePdf(fileName, pages, QThread::idealThreadCount(), [progress, last](int done) {
+            // The last step is shown once the file is written, below.
+            if (done < last)
+                QMetaObject::invokeMethod(
+                    progress, [progress, done]() { progress->setValue(done); }, Qt::QueuedConnection);
         });
     });
     progress->setValue(pages.size());

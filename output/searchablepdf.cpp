@@ -9,6 +9,7 @@
 #include <QByteArray>
 #include <QFile>
 #include <QFileInfo>
+#include <QStringList>
 #include <QTemporaryDir>
 #include <QDebug>
 
@@ -20,6 +21,8 @@
 #include <tesseract/renderer.h>
 
 #include <omp.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <qpdf/QPDF.hh>
 #include <qpdf/QPDFMatrix.hh>
@@ -58,6 +61,14 @@ void recogniseOnThisThreadOnly()
     omp_set_max_active_levels(0);
 }
 
+// Recognition keeps every core busy for seconds: its threads give way to
+// the GUI thread, which then never waits for a core to paint or to answer
+// the operator.
+void recogniseBehindTheGui()
+{
+    setpriority(PRIO_PROCESS, id_t(gettid()), 10);
+}
+
 struct Recogniser
 {
     tesseract::TessBaseAPI api;
@@ -66,7 +77,7 @@ struct Recogniser
     Recogniser()
     {
         recogniseOnThisThreadOnly();
-        ready = api.Init(nullptr, textLanguages, tesseract::OEM_LSTM_ONLY) == 0
+        ready = api.Init(nullptr, textLanguages, tesseract::OEM_LSTM_ONLY) == 0 && hasEveryLanguage()
             && QFileInfo::exists(QString::fromLocal8Bit(api.GetDatapath()) + "/" + textLayerFont);
         if (!ready)
             return;
@@ -76,6 +87,17 @@ struct Recogniser
         api.SetVariable("debug_file", "/dev/null");
     }
     ~Recogniser() { api.End(); }
+
+    // Tesseract goes on without a language whose file is missing.
+    bool hasEveryLanguage()
+    {
+        std::vector<std::string> loaded;
+        api.GetLoadedLanguagesAsVector(&loaded);
+        const QStringList wanted = QString(textLanguages).split('+');
+        return std::all_of(wanted.begin(), wanted.end(), [&loaded](const QString &language) {
+            return std::find(loaded.begin(), loaded.end(), language.toStdString()) != loaded.end();
+        });
+    }
 };
 
 // The photo in grey, as the recogniser takes it; null if unreadable.
@@ -189,6 +211,7 @@ TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString>
     // Each worker has a recogniser of its own (one is not safe to share)
     // and takes the next page not yet taken.
     auto work = [&]() {
+        recogniseBehindTheGui();
         Recogniser r;
         if (!r.ready) {
             dataMissing = true;
@@ -205,9 +228,8 @@ TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString>
     };
     const int threads = std::max(1, std::min(workers, n));
     std::vector<std::thread> pool;
-    for (int t = 1; t < threads; ++t)
+    for (int t = 0; t < threads; ++t)
         pool.emplace_back(work);
-    work();
     for (std::thread &t : pool)
         t.join();
 

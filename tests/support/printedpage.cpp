@@ -95,9 +95,11 @@ int wordsInOrder(const QStringList &expected, const QStringList &found)
     return row.back();
 }
 
-PrintedPage printPage(const QStringList &paragraphs, double pointSize)
+PrintedPage printPage(const QStringList &paragraphs, double pointSize, bool portrait)
 {
-    const QSize size(int(297.0 / mmPerInch * dotsPerInch), int(210.0 / mmPerInch * dotsPerInch));
+    QSize size(int(297.0 / mmPerInch * dotsPerInch), int(210.0 / mmPerInch * dotsPerInch));
+    if (portrait)
+        size.transpose();
     PrintedPage page;
     page.image = QImage(size, QImage::Format_RGB32);
     page.image.fill(Qt::white);

@@ -22,13 +22,14 @@ struct PrintedWord
 
 struct PrintedPage
 {
-    QImage image; // landscape A4 at 300 dots per inch
+    QImage image; // A4 at 300 dots per inch
     QList<PrintedWord> words; // in reading order
 };
 
 // The paragraphs printed in body text of pointSize points, line by line
-// from the top left inside margins of 20 mm.
-PrintedPage printPage(const QStringList &paragraphs, double pointSize);
+// from the top left inside margins of 20 mm, on a landscape (or portrait)
+// sheet.
+PrintedPage printPage(const QStringList &paragraphs, double pointSize, bool portrait = false);
 
 // The sheet centred on a dark desk picture of the given size, as large as
 // fits `fill` of the picture's width and height.
