@@ -357,14 +357,8 @@ private slots:
         photos = dir->path() + "/photos";
         QVERIFY(QDir().mkpath(folder));
         QVERIFY(QDir().mkpath(photos));
-        Config *c = Cache::config;
-        c->user_documentsLocation = folder;
-        c->save_type = 0;
-        c->save_prefix = "IMG";
-        c->save_number = 1;
-        c->image_codec = "jpg";
-        c->image_quality = 95;
-        c->pdf_ocr = false;
+        useNumberedOutput(folder);
+        Cache::config->pdf_ocr = false;
     }
 
     // ---- the file ---------------------------------------------------------
@@ -543,31 +537,34 @@ private slots:
         dlg.show();
         QVERIFY(box->isChecked());
 
+        auto stored = []() { return QSettings("system.ini", QSettings::IniFormat).value("extra/pdf_ocr"); };
+        int photosTaken = 0;
+        auto saveOne = [&](const char *button, bool ticked, const QString &text) {
+            dlg.show();
+            box->setChecked(ticked);
+            dlg.setImage({photoOf(printPage({text}, 28), 1200, QString("photo%1").arg(++photosTaken))});
+            dlg.findChild<QPushButton *>(button)->click();
+        };
+
         // Unticked and saved as a PDF: the setting follows, and the key goes.
         Cache::config->save();
-        QCOMPARE(QSettings("system.ini", QSettings::IniFormat).value("extra/pdf_ocr").toString(), QString("true"));
-        box->setChecked(false);
-        dlg.setImage({photoOf(printPage({"Keep"}, 12), 300, "a")});
-        dlg.findChild<QPushButton *>("btnSavePDF")->click();
+        QCOMPARE(stored().toString(), QString("true"));
+        saveOne("btnSavePDF", false, "Keep");
         QVERIFY(!Cache::config->pdf_ocr);
-        QVERIFY(!QSettings("system.ini", QSettings::IniFormat).contains("extra/pdf_ocr"));
+        QVERIFY(!stored().isValid());
 
         // A TIFF leaves it alone.
-        dlg.show();
-        box->setChecked(true);
-        dlg.setImage({photoOf(printPage({"Keep"}, 12), 300, "b")});
-        dlg.findChild<QPushButton *>("btnSaveTiff")->click();
+        saveOne("btnSaveTiff", true, "Keep");
         QVERIFY(!Cache::config->pdf_ocr);
-        QVERIFY(!QSettings("system.ini", QSettings::IniFormat).contains("extra/pdf_ocr"));
+        QVERIFY(!stored().isValid());
 
-        // Ticked and saved as a PDF: stored, and the PDF has the text.
+        // Shown again unticked; ticked and saved as a PDF: stored, and the
+        // PDF has the text.
         dlg.show();
         QVERIFY(!box->isChecked());
-        box->setChecked(true);
-        dlg.setImage({photoOf(printPage({"Keep the archive room closed"}, 28), 1200, "c")});
-        dlg.findChild<QPushButton *>("btnSavePDF")->click();
+        saveOne("btnSavePDF", true, "Keep the archive room closed");
         QVERIFY(Cache::config->pdf_ocr);
-        QCOMPARE(QSettings("system.ini", QSettings::IniFormat).value("extra/pdf_ocr").toString(), QString("true"));
+        QCOMPARE(stored().toString(), QString("true"));
         const QStringList pdfs = QDir(folder).entryList({"*.pdf"}, QDir::Files, QDir::Name);
         QCOMPARE(pdfs.size(), 2);
         QVERIFY(wordsOf(pdfText(folder + "/" + pdfs.first())).isEmpty());
