@@ -254,11 +254,13 @@ TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString>
             if (!recognised[size_t(i)])
                 continue;
             texts[size_t(i)].reset(new QPDF);
-            texts[size_t(i)]->processFile(
-                QFile::encodeName(scratch.filePath(QString("page%1.pdf").arg(i))).constData());
+            const QByteArray textPage = QFile::encodeName(scratch.filePath(QString("page%1.pdf").arg(i)));
+            texts[size_t(i)]->processFile(textPage.constData());
         }
         addTextLayers(pdf, texts);
-        QPDFWriter writer(pdf, QFile::encodeName(fileName).constData());
+        // The writer keeps the name it is given until it has written.
+        const QByteArray target = QFile::encodeName(fileName);
+        QPDFWriter writer(pdf, target.constData());
         writer.write();
     } catch (const std::exception &e) {
         qDebug() << "text layer not added:" << e.what();
