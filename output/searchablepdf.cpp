@@ -66,7 +66,7 @@ void recogniseOnThisThreadOnly()
 // the operator.
 void recogniseBehindTheGui()
 {
-    setpriority(PRIO_PROCESS, id_t(gettid()), 10);
+    setpriority(PRIO_PROCESS, id_t(gettid()), 5);
 }
 
 struct Recogniser
