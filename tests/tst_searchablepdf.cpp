@@ -282,6 +282,15 @@ class tst_searchablepdf : public QObject
         return savePhoto(img, name);
     }
 
+    // Each printed page as a photo, named page1, page2, ...
+    QList<QString> photosOf(const QList<PrintedPage> &printed, int longSide)
+    {
+        QList<QString> list;
+        for (int i = 0; i < printed.size(); ++i)
+            list << photoOf(printed[i], longSide, QString("page%1").arg(i + 1));
+        return list;
+    }
+
     // An empty folder for the recogniser's data, or one holding only the
     // English data and the text layer's font.
     QString tessdata(bool withEnglish)
@@ -422,9 +431,7 @@ private slots:
     void threePagesEachGetTheirOwnText()
     {
         const QList<PrintedPage> printed = threePrintedPages();
-        QList<QString> photoList;
-        for (int i = 0; i < printed.size(); ++i)
-            photoList << photoOf(printed[i], 2400, QString("page%1").arg(i + 1));
+        const QList<QString> photoList = photosOf(printed, 2400);
         const QString pdf = dir->path() + "/three.pdf";
         QList<int> reported;
         QElapsedTimer timer;
@@ -463,9 +470,7 @@ private slots:
     void pagesLookTheSameWithTheTextLayer()
     {
         const QList<PrintedPage> printed = threePrintedPages();
-        QList<QString> photoList;
-        for (int i = 0; i < printed.size(); ++i)
-            photoList << photoOf(printed[i], 1200, QString("page%1").arg(i + 1));
+        const QList<QString> photoList = photosOf(printed, 1200);
         const QString plain = dir->path() + "/plain.pdf";
         {
             QFile file(plain);
@@ -584,9 +589,7 @@ private slots:
         ImageSavePDFOrTiffDialog dlg(nullptr);
         Cache::config->pdf_ocr = true;
         dlg.show();
-        QList<QString> photoList;
-        for (int i = 0; i < printed.size(); ++i)
-            photoList << photoOf(printed[i], 2400, QString("page%1").arg(i + 1));
+        const QList<QString> photoList = photosOf(printed, 2400);
         dlg.setImage(photoList);
 
         // A zero-interval timer on the GUI thread: the longest time between
