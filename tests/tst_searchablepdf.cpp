@@ -20,6 +20,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
+#include <QProgressBar>
 #include <QProgressDialog>
 #include <QPushButton>
 #include <QRegularExpression>
@@ -617,9 +618,11 @@ private slots:
             auto *progress = dlg.findChild<QProgressDialog *>();
             if (progress) {
                 maximum = progress->maximum();
-                if (values.isEmpty() || values.last() != progress->value())
-                    values << progress->value();
                 if (!reentered) {
+                    // Every step from here on, even two between turns.
+                    values << progress->value();
+                    connect(progress->findChild<QProgressBar *>(), &QProgressBar::valueChanged, this,
+                            [&values](int value) { values << value; });
                     reentered = true;
                     dlg.findChild<QPushButton *>("btnSavePDF")->click();
                     dlg.findChild<QPushButton *>("btnSaveTiff")->click();
