@@ -61,9 +61,9 @@ void recogniseOnThisThreadOnly()
     omp_set_max_active_levels(0);
 }
 
-// Recognition keeps every core busy for seconds: its threads give way to
-// the GUI thread, which then never waits for a core to paint or to answer
-// the operator.
+// Recognition keeps every core busy for seconds: its threads run at a lower
+// priority, so that the GUI thread gets a core first whenever it has
+// something to paint or to answer.
 void recogniseBehindTheGui()
 {
     setpriority(PRIO_PROCESS, id_t(gettid()), 5);
