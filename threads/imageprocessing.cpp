@@ -99,6 +99,15 @@ ImageProcessing::ImageProcessing(QObject *parent)
       isCameraVideo(false),
       cameraVideoPath("")
 {
+    // OpenCV's read waits this many seconds in select() for a frame before
+    // it gives up (10 unless told). A stalled camera then holds the loop
+    // for a second at most, and never the window. Set before the first
+    // camera is opened, while no other thread reads the environment.
+    static std::once_flag selectTimeout;
+    std::call_once(selectTimeout, [] {
+        if (!qEnvironmentVariableIsSet("OPENCV_VIDEOIO_V4L_SELECT_TIMEOUT"))
+            qputenv("OPENCV_VIDEOIO_V4L_SELECT_TIMEOUT", "1");
+    });
 }
 
 ImageProcessing::~ImageProcessing()
@@ -160,10 +169,17 @@ void ImageProcessing::run()
             isTakePhoto = false;
             takePhoto();
         }
+        handleRequests();
         if (isSetVideoPParameter) {
+            reopening = true;
             isSetVideoPParameter = false;
             closeCamara(false);
             openCamara();
+            reopening = false;
+        }
+        if (reconnection.away()) {
+            waitForReturn();
+            continue;
         }
         if (!isRead) {
             msleep(33);
@@ -171,8 +187,15 @@ void ImageProcessing::run()
         }
         try {
             if (!readFrame()) {
-                // A camera that delivers nothing (unplugged, or failed to
-                // open) is retried at a calm pace rather than in a busy loop.
+                // A camera that has gone is waited for; one that delivers
+                // nothing for now (stalled, or failed to open) is retried at
+                // a calm pace rather than in a busy loop.
+                if (cameraGone()) {
+                    releaseNow();
+                    reconnection.lost();
+                    qDebug() << Q_FUNC_INFO << "camera" << driveId << "has gone; waiting for it";
+                    emit cameraAwaySignal();
+                }
                 msleep(10);
                 continue;
             }
@@ -195,8 +218,14 @@ void ImageProcessing::run()
 bool ImageProcessing::readFrame()
 {
     bool fresh = false;
-    if (nextRead.valid())
-        fresh = nextRead.get() == capGeneration;
+    if (nextRead.valid()) {
+        const unsigned generation = nextRead.get();
+        // The read ahead already waited for a frame in vain: another wait
+        // right away would only hold up the requests.
+        if (generation == 0)
+            return false;
+        fresh = generation == capGeneration;
+    }
     if (!fresh) {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
@@ -207,6 +236,8 @@ bool ImageProcessing::readFrame()
         std::lock_guard<std::mutex> lock(frameMutex);
         std::swap(frame, readBuffer);
     }
+    frameGeneration = capGeneration.load();
+    ++framesTaken;
     nextRead = std::async(std::launch::async, [this] {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
@@ -219,6 +250,66 @@ cv::Mat ImageProcessing::currentFrame()
 {
     std::lock_guard<std::mutex> lock(frameMutex);
     return frame.clone();
+}
+
+bool ImageProcessing::frameIsSettled() const
+{
+    return !isSetVideoPParameter && !reopening && openSerialDoneShared == openSerial
+           && frameGeneration == capGeneration;
+}
+
+bool ImageProcessing::onLoopThread() const
+{
+    return QThread::currentThread() == this;
+}
+
+// Carries out the opening, closing and exposure other threads asked for.
+void ImageProcessing::handleRequests()
+{
+    const unsigned serial = openSerial;
+    const bool wanted = openWanted;
+    if (serial != openSerialDone) {
+        reopening = true;
+        openSerialDone = serial;
+        openSerialDoneShared = serial;
+        releaseNow();
+        if (wanted)
+            openNow();
+        reopening = false;
+    } else if (!wanted && capOpen) {
+        releaseNow();
+    }
+    if (exposurePending.exchange(false))
+        applyExposure(cameraCurrentExposure);
+}
+
+// Whether the camera that just failed a read has gone, rather than merely
+// stalled: a camera still attached answers its requests, one unplugged
+// answers none.
+bool ImageProcessing::cameraGone()
+{
+    std::lock_guard<std::mutex> lock(capMutex);
+    return capOpen && cap.isOpened() && cap.get(cv::CAP_PROP_FPS) <= 0;
+}
+
+// One pass while the camera is away: about once a second the same device
+// is opened again, with the format, size and exposure asked for.
+void ImageProcessing::waitForReturn()
+{
+    if (!reconnection.due()) {
+        msleep(50);
+        return;
+    }
+    openNow();
+    if (!capOpen) {
+        releaseNow();
+        reconnection.failed();
+        return;
+    }
+    if (exposureAsked)
+        applyExposure(cameraCurrentExposure);
+    reconnection.reset();
+    qDebug() << Q_FUNC_INFO << "camera" << driveId << "is back";
 }
 
 void ImageProcessing::SetRecordVideo(bool on, QString path)
@@ -390,6 +481,18 @@ void ImageProcessing::paintPhoto(QImage &image, const QImage &first, const QImag
 
 void ImageProcessing::openCamara()
 {
+    // The size is capped at once, so that it reads as it will be opened.
+    capFrameSize();
+    openWanted = true;
+    if (onLoopThread() || !isRunning()) {
+        openNow();
+        return;
+    }
+    ++openSerial;
+}
+
+void ImageProcessing::openNow()
+{
     const CameraInfo *camera = cameraAt(driveId);
     if (!camera) {
         isRead = true;
@@ -402,30 +505,46 @@ void ImageProcessing::openCamara()
     if (wasOpen)
         cv::VideoCapture(index, 0).release();
 
-    if (frameWidth > maxPreviewWidth) {
-        frameWidth = maxPreviewWidth;
-        frameHeight = maxPreviewHeight;
-    }
+    capFrameSize();
 
     {
         std::lock_guard<std::mutex> lock(capMutex);
         ++capGeneration;
         cap.open(index, 0);
         videoParameterSettings();
+        capOpen = cap.isOpened();
     }
     isRead = true;
+}
+
+void ImageProcessing::capFrameSize()
+{
+    if (frameWidth > maxPreviewWidth) {
+        frameWidth = maxPreviewWidth;
+        frameHeight = maxPreviewHeight;
+    }
 }
 
 void ImageProcessing::closeCamara(bool)
 {
     isRead = false;
-    QThread::msleep(500);
+    openWanted = false;
+    if (onLoopThread() || !isRunning()) {
+        QThread::msleep(500);
+        releaseNow();
+    }
+    emit closeCameraSignal();
+}
+
+void ImageProcessing::releaseNow()
+{
     {
         std::lock_guard<std::mutex> lock(capMutex);
         ++capGeneration;
         cap.release();
+        capOpen = false;
     }
-    emit closeCameraSignal();
+    reconnection.reset();
 }
 
 // Called with capMutex held.
@@ -451,6 +570,16 @@ void ImageProcessing::videoParameterSettings()
 
 void ImageProcessing::setCameraExposure(int value)
 {
+    cameraCurrentExposure = value;
+    exposureAsked = true;
+    if (onLoopThread() || !isRunning())
+        applyExposure(value);
+    else
+        exposurePending = true;
+}
+
+void ImageProcessing::applyExposure(int value)
+{
     std::lock_guard<std::mutex> lock(capMutex);
     const ExposureModes modes = exposureModesFor(cap);
     if (value == automaticExposure) {
@@ -461,7 +590,6 @@ void ImageProcessing::setCameraExposure(int value)
         cap.set(cv::CAP_PROP_AUTO_EXPOSURE, modes.manual);
         cap.set(cv::CAP_PROP_EXPOSURE, value);
     }
-    cameraCurrentExposure = value;
 }
 
 void ImageProcessing::setCameraResolution(QSize size)

@@ -9,6 +9,7 @@
 #include <QThread>
 
 #include "previewfit.h"
+#include "reconnection.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
@@ -57,6 +58,9 @@ public:
     std::atomic<bool> isCameraVideo;
     QString cameraVideoPath;
 
+    // Opening, closing and exposure are carried out by the loop between two
+    // reads: called from another thread while the loop runs, they only ask
+    // for it and return at once, so the GUI thread never waits for a camera.
     void openCamara();
     void closeCamara(bool);
     void videoParameterSettings();
@@ -107,6 +111,12 @@ public:
 
     // A deep copy of the last frame read, safe to call from any thread.
     cv::Mat currentFrame();
+    // Frames the loop has made current so far.
+    std::atomic<unsigned> framesTaken{0};
+    // Whether the current frame comes from the camera as it is set up now:
+    // read since its last opening, with no re-configuration asked for or
+    // under way. Safe to call from any thread.
+    bool frameIsSettled() const;
 
     // The area the preview is shown in (GUI thread): the loop scales each
     // preview picture down to its shown size before handing it over, so the
@@ -127,6 +137,8 @@ signals:
     void sendTakePhotoImageSignal(std::vector<QImage> images, QList<QString> files, int kind);
     void openCameraSignal();
     void closeCameraSignal();
+    // The camera has gone away (unplugged); the loop waits for it to return.
+    void cameraAwaySignal();
 
 public slots:
     void readFarme(QImage image);
@@ -138,6 +150,14 @@ protected:
 
 private:
     void waitForLoop(int timeoutMs);
+    bool onLoopThread() const;
+    void handleRequests();
+    void openNow();
+    void capFrameSize();
+    void releaseNow();
+    void applyExposure(int value);
+    bool cameraGone();
+    void waitForReturn();
     QList<QImage> photoImages(const cv::Mat &processed, const std::vector<cv::RotatedRect> &rects,
                               int correction, const QImage &first, const QImage &second,
                               bool show1, bool show2, bool insets);
@@ -163,6 +183,20 @@ private:
     // a read ahead that got nothing answers 0.
     std::atomic<unsigned> capGeneration{1};
     cv::Size recordSize;   // frame size of the thread-side recording
+
+    // Requests of other threads, carried out by the loop. Every open asked
+    // for bumps openSerial; openWanted says whether the camera should be
+    // open at all (a close asked after an open wins, and the other way).
+    std::atomic<bool> openWanted{false};
+    std::atomic<unsigned> openSerial{0};
+    unsigned openSerialDone = 0; // the loop's own
+    std::atomic<unsigned> openSerialDoneShared{0};
+    std::atomic<bool> exposurePending{false};
+    std::atomic<bool> exposureAsked{false};
+    std::atomic<bool> reopening{false};       // the loop is closing and opening the camera
+    std::atomic<unsigned> frameGeneration{0}; // capGeneration the current frame was read from
+    bool capOpen = false;                     // the loop's own: cap opened and not released since
+    Reconnection reconnection;                // the loop's own
 
     // Per-frame working buffers of the thread that processes frames, kept
     // from one frame to the next: allocating them anew costs page faults on
