@@ -321,7 +321,7 @@ void QCameraView::paintAwayNotice(QPainter &painter)
     painter.setFont(font);
     const int band = painter.fontMetrics().height() * 2;
     const QRect area(0, (height() - band) / 2, width(), band);
-    painter.fillRect(area, QColor(0, 0, 0, 170));
+    painter.fillRect(area, QColor(0, 0, 0, 200));
     painter.setPen(Qt::white);
     painter.drawText(area, Qt::AlignCenter, cameraAwayNotice());
 }

@@ -175,6 +175,7 @@ void ImageProcessing::run()
             isSetVideoPParameter = false;
             closeCamara(false);
             openCamara();
+            settleReconnection(true);
             reopening = false;
         }
         if (reconnection.away()) {
@@ -275,12 +276,24 @@ void ImageProcessing::handleRequests()
         releaseNow();
         if (wanted)
             openNow();
+        settleReconnection(wanted);
         reopening = false;
     } else if (!wanted && capOpen) {
         releaseNow();
+        reconnection.reset();
     }
     if (exposurePending.exchange(false))
         applyExposure(cameraCurrentExposure);
+}
+
+// After an opening or closing asked for: a camera that opened, or that is
+// no longer wanted, is not waited for; one still away keeps being tried.
+void ImageProcessing::settleReconnection(bool wanted)
+{
+    if (!wanted || capOpen)
+        reconnection.reset();
+    else if (reconnection.away())
+        reconnection.failed();
 }
 
 // Whether the camera that just failed a read has gone, rather than merely
@@ -483,8 +496,14 @@ void ImageProcessing::openCamara()
 {
     // The size is capped at once, so that it reads as it will be opened.
     capFrameSize();
+    // The loop's own re-configuration leaves the requests alone: a close
+    // asked meanwhile still holds.
+    if (onLoopThread()) {
+        openNow();
+        return;
+    }
     openWanted = true;
-    if (onLoopThread() || !isRunning()) {
+    if (!isRunning()) {
         openNow();
         return;
     }
@@ -528,7 +547,8 @@ void ImageProcessing::capFrameSize()
 void ImageProcessing::closeCamara(bool)
 {
     isRead = false;
-    openWanted = false;
+    if (!onLoopThread())
+        openWanted = false;
     if (onLoopThread() || !isRunning()) {
         QThread::msleep(500);
         releaseNow();
@@ -544,7 +564,6 @@ void ImageProcessing::releaseNow()
         cap.release();
         capOpen = false;
     }
-    reconnection.reset();
 }
 
 // Called with capMutex held.

@@ -157,6 +157,7 @@ private:
     void releaseNow();
     void applyExposure(int value);
     bool cameraGone();
+    void settleReconnection(bool wanted);
     void waitForReturn();
     QList<QImage> photoImages(const cv::Mat &processed, const std::vector<cv::RotatedRect> &rects,
                               int correction, const QImage &first, const QImage &second,
