@@ -7,6 +7,7 @@
 #include "threads/imageprocessing.h"
 
 #include <QDateTime>
+#include <QFileInfo>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QStyleOption>
@@ -453,6 +454,7 @@ bool QCameraView::openRecordingFile(bool anyFrame)
                          cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), recordFileRate, recordSize,
                          true);
     frameWriter = std::make_unique<FrameWriter>(thread->writer);
+    frameWriter->keepRoomIn(QFileInfo(m_cameraRecorderPath).absolutePath().toStdString());
     return true;
 }
 

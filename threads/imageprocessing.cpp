@@ -16,6 +16,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <cmath>
 #include <utility>
 
 namespace {
@@ -763,6 +764,16 @@ void ImageProcessing::drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRe
 
 QImage ImageProcessing::previewImage(const cv::Mat &raw)
 {
+    // A camera's frames are 8-bit BGR; a grey or BGRA picture is made so
+    // first, and anything else (or nothing at all) gives no picture.
+    if (raw.empty() || raw.depth() != CV_8U)
+        return QImage();
+    if (raw.channels() == 1 || raw.channels() == 4) {
+        cv::cvtColor(raw, workBgr, raw.channels() == 1 ? cv::COLOR_GRAY2BGR : cv::COLOR_BGRA2BGR);
+        return previewImage(workBgr);
+    }
+    if (raw.channels() != 3)
+        return QImage();
     const int correction = correction_type;
     const int shooting = shooting_type;
     const int quarterTurns = angle;
@@ -954,10 +965,19 @@ void ImageProcessing::uprightAngleAndSize(const cv::RotatedRect &r, float &angle
 
 cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r)
 {
+    // A sheet lies within the frame, so no side of it is longer than the
+    // frame's width and height together; a rectangle that is not a number
+    // or larger than that is nothing to cut out.
+    const bool finite = std::isfinite(r.center.x) && std::isfinite(r.center.y)
+                        && std::isfinite(r.size.width) && std::isfinite(r.size.height)
+                        && std::isfinite(r.angle);
+    const float longest = float(img.cols) + float(img.rows);
+    if (!finite || img.empty() || r.size.width > longest || r.size.height > longest)
+        return cv::Mat();
     float turn = 0;
     cv::Size size;
     uprightAngleAndSize(r, turn, size);
-    if (size.width <= 0 || size.height <= 0 || img.empty())
+    if (size.width <= 0 || size.height <= 0)
         return cv::Mat();
 
     const cv::Mat m = cv::getRotationMatrix2D(r.center, turn, 1.0);

@@ -203,6 +203,7 @@ private:
     // from one frame to the next: allocating them anew costs page faults on
     // every frame at high resolution.
     cv::Mat workCopy;
+    cv::Mat workBgr; // a grey or BGRA frame made BGR
     cv::Mat workGrey;
     cv::Mat workBin;
     std::vector<cv::Mat> workMeans;
