@@ -13,6 +13,7 @@ packages=(
   poppler-utils
   xvfb xauth imagemagick
   fonts-noto-cjk
+  clang-14 libclang-rt-14-dev
 )
 
 missing=()

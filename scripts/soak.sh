@@ -6,7 +6,8 @@
 # first camera unplugged and plugged back in every 5 minutes (every half
 # session when shorter). Then checks: resident memory grew less than 10 MB
 # after the first minute, threads and open files are back to their counts
-# at the start, and every photo and recording is readable.
+# at the start, and every photo and recording is readable. The session's
+# log stays in the build folder as soak.log.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 minutes=${1:-30}
@@ -34,6 +35,7 @@ echo "soak: $minutes minutes, camera unplugged every $period s"
   timeout $((seconds + 300)) "$dir/brivora" >"$work/program.log" 2>&1) || {
   echo "soak: the program failed" >&2; tail -n 30 "$work/program.log" >&2; exit 1; }
 
+cp "$log" "$dir/soak.log"
 summary=$(grep '^summary' "$log" || true)
 if [ -z "$summary" ]; then
   echo "soak: no summary" >&2; tail -n 20 "$log" >&2; exit 1

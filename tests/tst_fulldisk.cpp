@@ -35,26 +35,6 @@ namespace {
 
 constexpr int frameDeadline = 30000;
 
-// The longest time between two ticks of a 10 ms timer while it runs.
-class GapMeter : public QObject
-{
-public:
-    GapMeter()
-    {
-        connect(&timer, &QTimer::timeout, this, [this] {
-            if (clock.isValid())
-                longest = qMax(longest, clock.elapsed());
-            clock.restart();
-        });
-        timer.start(10);
-    }
-    qint64 longest = 0;
-
-private:
-    QTimer timer;
-    QElapsedTimer clock;
-};
-
 int readableFrames(const QString &path, QSize *size)
 {
     cv::VideoCapture cap(path.toStdString(), cv::CAP_OPENCV_MJPEG);
@@ -207,21 +187,26 @@ private slots:
         QVERIFY(waitOpen(view));
 
         GapMeter gaps;
-        QTest::mouseClick(w.ui->btnShooting, Qt::LeftButton);
+        QList<qint64> held;
+        held << heldFor([&] { QTest::mouseClick(w.ui->btnShooting, Qt::LeftButton); });
         // The photo is reported (its name) even though nothing could be written.
         QTRY_VERIFY_WITH_TIMEOUT(!w.file_paths.value(0).isEmpty(), frameDeadline);
-        QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
+        held << heldFor([&] { QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton); });
         QVERIFY(w.isVideoShooting);
         QTest::qWait(1500);
-        QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
+        held << heldFor([&] { QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton); });
         QVERIFY(!w.isVideoShooting);
         QTRY_VERIFY_WITH_TIMEOUT(w.file_paths.value(1).endsWith(".avi"), frameDeadline);
         QVERIFY(!QFileInfo(w.file_paths.value(1)).exists() || QFileInfo(w.file_paths.value(1)).size() == 0);
         // Frames still come.
         const unsigned seen = view->m_imageProcessing->framesTaken;
         QTRY_VERIFY_WITH_TIMEOUT(view->m_imageProcessing->framesTaken > seen + 5, frameDeadline);
-        qInfo("longest gap of a 10 ms timer: %lld ms", gaps.longest);
-        QVERIFY2(gaps.longest <= 100, qPrintable(QString::number(gaps.longest)));
+        qInfo("photo, recording start and stop held the window %lld, %lld, %lld ms; "
+              "longest gap of a 10 ms timer: %lld ms",
+              held[0], held[1], held[2], gaps.longest);
+        for (qint64 ms : held)
+            QVERIFY2(ms <= guiCallLimitMs, qPrintable(QString::number(ms)));
+        QVERIFY2(gaps.longest <= timerGapLimitMs, qPrintable(QString::number(gaps.longest)));
     }
 
     void recordingThatFillsTheDiskIsClosedReadable()
@@ -250,7 +235,7 @@ private slots:
         // 4 s would need about 120 frames; the disk held fewer, all whole.
         QVERIFY2(frames >= 10 && frames < 110, qPrintable(QString::number(frames)));
         QCOMPARE(size, QSize(640, 480));
-        QVERIFY2(gaps.longest <= 100, qPrintable(QString::number(gaps.longest)));
+        QVERIFY2(gaps.longest <= timerGapLimitMs, qPrintable(QString::number(gaps.longest)));
     }
 
     void frameWriterSeesTheRoomLeft()
@@ -283,15 +268,16 @@ private slots:
         ImageMergingDialog merging;
         merging.setImage(paths);
         QSignalSpy merged(&merging, &ImageMergingDialog::saveImageMergingSignals);
-        merging.on_btnSave_clicked();
+        QList<qint64> held;
+        held << heldFor([&] { merging.on_btnSave_clicked(); });
         QCOMPARE(merged.count(), 1);
 
         ImageSavePDFOrTiffDialog pages;
         QSignalSpy saved(&pages, &ImageSavePDFOrTiffDialog::saveImageMergingSignals);
         pages.setImage(paths);
-        pages.on_btnSavePDF_clicked();
+        held << heldFor([&] { pages.on_btnSavePDF_clicked(); });
         pages.setImage(paths);
-        pages.on_btnSaveTiff_clicked();
+        held << heldFor([&] { pages.on_btnSaveTiff_clicked(); });
         QCOMPARE(saved.count(), 2);
         QTest::qWait(200);
 
@@ -303,8 +289,12 @@ private slots:
             QVERIFY2(!info.exists() || info.size() < 4096 || !full,
                      qPrintable(QString("%1: %2 bytes").arg(file).arg(info.size())));
         }
-        qInfo("longest gap of a 10 ms timer: %lld ms", gaps.longest);
-        QVERIFY2(gaps.longest <= 100, qPrintable(QString::number(gaps.longest)));
+        qInfo("joined image, PDF and TIFF held the window %lld, %lld, %lld ms; "
+              "longest gap of a 10 ms timer: %lld ms",
+              held[0], held[1], held[2], gaps.longest);
+        for (qint64 ms : held)
+            QVERIFY2(ms <= guiCallLimitMs, qPrintable(QString::number(ms)));
+        QVERIFY2(gaps.longest <= timerGapLimitMs, qPrintable(QString::number(gaps.longest)));
     }
 };
 

@@ -21,6 +21,7 @@
 
 #include <opencv2/videoio.hpp>
 
+#include <ctime>
 #include <functional>
 #include <memory>
 
@@ -28,26 +29,13 @@ namespace {
 
 constexpr int frameDeadline = 30000;
 
-// The longest time between two ticks of a 10 ms timer while it runs: how
-// long the GUI thread was held at most.
-class GapMeter : public QObject
-{
-public:
-    GapMeter()
-    {
-        connect(&timer, &QTimer::timeout, this, [this] {
-            if (clock.isValid())
-                longest = qMax(longest, clock.elapsed());
-            clock.restart();
-        });
-        timer.start(10);
-    }
-    qint64 longest = 0;
 
-private:
-    QTimer timer;
-    QElapsedTimer clock;
-};
+double processCpuSeconds()
+{
+    timespec ts;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
 
 struct Recording
 {
@@ -108,14 +96,6 @@ private:
                                frameDeadline);
     }
 
-    // Runs one GUI call and answers how long it held the GUI thread.
-    static qint64 timed(const std::function<void()> &call)
-    {
-        QElapsedTimer clock;
-        clock.start();
-        call();
-        return clock.elapsed();
-    }
 
 private slots:
     void initTestCase()
@@ -163,45 +143,45 @@ private slots:
 
         GapMeter gaps;
         QMap<QString, qint64> took;
-        took["exposure"] = timed([&] { w->ui->video->setCameraExposure(-3); });
+        took["exposure"] = heldFor([&] { w->ui->video->setCameraExposure(-3); });
         QTest::qWait(200);
-        took["photo"] = timed([&] { QTest::mouseClick(w->ui->btnShooting, Qt::LeftButton); });
+        took["photo"] = heldFor([&] { QTest::mouseClick(w->ui->btnShooting, Qt::LeftButton); });
         QTest::qWait(200);
         took["start recording"] =
-            timed([&] { QTest::mouseClick(w->ui->btnShootingVideo, Qt::LeftButton); });
+            heldFor([&] { QTest::mouseClick(w->ui->btnShootingVideo, Qt::LeftButton); });
         QVERIFY(w->isVideoShooting);
         QTest::qWait(300);
         took["stop recording"] =
-            timed([&] { QTest::mouseClick(w->ui->btnShootingVideo, Qt::LeftButton); });
+            heldFor([&] { QTest::mouseClick(w->ui->btnShootingVideo, Qt::LeftButton); });
         QVERIFY(!w->isVideoShooting);
         QTest::qWait(200);
         took["open secondary window"] =
-            timed([&] { QTest::mouseClick(w->ui->btnSecCam1Con_2, Qt::LeftButton); });
+            heldFor([&] { QTest::mouseClick(w->ui->btnSecCam1Con_2, Qt::LeftButton); });
         QVERIFY(w->cameraView2->isVisible());
         QTest::qWait(300);
         took["close secondary window"] =
-            timed([&] { QTest::mouseClick(w->ui->btnSecCam1Con_2, Qt::LeftButton); });
+            heldFor([&] { QTest::mouseClick(w->ui->btnSecCam1Con_2, Qt::LeftButton); });
         QVERIFY(!w->cameraView2->isVisible());
         QTest::qWait(200);
-        took["settings re-configuration"] = timed([&] { w->reConfigVideoSetting(); });
+        took["settings re-configuration"] = heldFor([&] { w->reConfigVideoSetting(); });
         QTest::qWait(300);
 
         // Switching to the other camera shows its frames within 2 s.
         QElapsedTimer switching;
         switching.start();
         took["switch camera"] =
-            timed([&] { QTest::mouseClick(w->ui->btnToggleDevice_2, Qt::LeftButton); });
+            heldFor([&] { QTest::mouseClick(w->ui->btnToggleDevice_2, Qt::LeftButton); });
         QCOMPARE(w->ui->video->id, 2);
         QTRY_COMPARE_WITH_TIMEOUT(w->ui->video->m_Image.size(), QSize(320, 240), 4000);
         const qint64 switchMs = switching.elapsed();
         // Back to the stalled camera, then close the program.
         QVERIFY(waitOpen(w->ui->video));
         took["switch back"] =
-            timed([&] { QTest::mouseClick(w->ui->btnToggleDevice_2, Qt::LeftButton); });
+            heldFor([&] { QTest::mouseClick(w->ui->btnToggleDevice_2, Qt::LeftButton); });
         QTest::qWait(1500);
-        took["close window"] = timed([&] { w->close(); });
+        took["close window"] = heldFor([&] { w->close(); });
         const qint64 longestGap = gaps.longest;
-        const qint64 endMs = timed([&] { delete w; });
+        const qint64 endMs = heldFor([&] { delete w; });
 
         for (auto it = took.cbegin(); it != took.cend(); ++it)
             qInfo("%s: %lld ms", qPrintable(it.key()), it.value());
@@ -209,8 +189,8 @@ private slots:
               "program ended in %lld ms",
               longestGap, switchMs, endMs);
         for (auto it = took.cbegin(); it != took.cend(); ++it)
-            QVERIFY2(it.value() <= 100, qPrintable(QString("%1 took %2 ms").arg(it.key()).arg(it.value())));
-        QVERIFY2(longestGap <= 100, qPrintable(QString::number(longestGap)));
+            QVERIFY2(it.value() <= guiCallLimitMs, qPrintable(QString("%1 took %2 ms").arg(it.key()).arg(it.value())));
+        QVERIFY2(longestGap <= timerGapLimitMs, qPrintable(QString::number(longestGap)));
         QVERIFY2(switchMs <= 2000, qPrintable(QString::number(switchMs)));
         QVERIFY2(endMs <= 2000, qPrintable(QString::number(endMs)));
     }
@@ -298,6 +278,25 @@ private slots:
         QCOMPARE(r.size, QSize(640, 480));
         QVERIFY2(r.frames >= 70, qPrintable(QString::number(r.frames)));
         QCOMPARE(QDir(m_documents->path()).entryList(QDir::Files).size(), 1);
+    }
+
+    void waitingForAnUnpluggedCameraCostsUnderTwoPercentOfACore()
+    {
+        qputenv("VCAM_0_UNPLUG_AFTER", "20");
+        attachCaptureNodes(1);
+        MainWindowQCamera w;
+        QCameraView *view = w.ui->video;
+        QVERIFY(waitOpen(view));
+        QTRY_VERIFY_WITH_TIMEOUT(view->isCameraAway(), frameDeadline);
+        QTest::qWait(500);
+        QElapsedTimer wall;
+        wall.start();
+        const double before = processCpuSeconds();
+        QTest::qWait(4000);
+        const double percent = 100.0 * (processCpuSeconds() - before) / (wall.elapsed() / 1000.0);
+        qInfo("CPU while waiting for the camera to return: %.2f %% of one core", percent);
+        QVERIFY(view->isCameraAway());
+        QVERIFY2(percent < 2.0, qPrintable(QString::number(percent)));
     }
 
     void secondaryWindowResumesAfterAReplug()

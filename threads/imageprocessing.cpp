@@ -193,6 +193,7 @@ void ImageProcessing::run()
                 // nothing for now (stalled, or failed to open) is retried at
                 // a calm pace rather than in a busy loop.
                 if (cameraGone()) {
+                    lostCameraApi = cap.getBackendName() == "V4L2" ? int(cv::CAP_V4L2) : int(cv::CAP_ANY);
                     releaseNow();
                     reconnection.lost();
                     qDebug() << Q_FUNC_INFO << "camera" << driveId << "has gone; waiting for it";
@@ -521,16 +522,20 @@ void ImageProcessing::openNow()
     const int index = camera->index;
 
     // Opened and released once before the real open.
-    const bool wasOpen = cv::VideoCapture(index, 0).isOpened();
+    // A camera that went away is looked for again only through the back end
+    // that served it: trying every other one each second would start
+    // (and leave running) their device watchers.
+    const int api = reconnection.away() ? lostCameraApi : int(cv::CAP_ANY);
+    const bool wasOpen = cv::VideoCapture(index, api).isOpened();
     if (wasOpen)
-        cv::VideoCapture(index, 0).release();
+        cv::VideoCapture(index, api).release();
 
     capFrameSize();
 
     {
         std::lock_guard<std::mutex> lock(capMutex);
         ++capGeneration;
-        cap.open(index, 0);
+        cap.open(index, api);
         videoParameterSettings();
         capOpen = cap.isOpened();
     }
@@ -974,6 +979,10 @@ cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect 
     const float longest = float(img.cols) + float(img.rows);
     if (!finite || img.empty() || r.size.width > longest || r.size.height > longest)
         return cv::Mat();
+    // Nor is a sheet centred farther than that from the frame.
+    if (r.center.x < -longest || r.center.y < -longest || r.center.x > 2 * longest
+        || r.center.y > 2 * longest)
+        return cv::Mat();
     float turn = 0;
     cv::Size size;
     uprightAngleAndSize(r, turn, size);
@@ -984,7 +993,20 @@ cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect 
     cv::Mat rotated;
     cv::warpAffine(img, rotated, m, img.size(), cv::INTER_CUBIC, cv::BORDER_CONSTANT, cv::Scalar());
     cv::Mat cropped;
-    cv::getRectSubPix(rotated, size, r.center, cropped, -1);
+    if (rotated.channels() == 1 || rotated.channels() == 3) {
+        cv::getRectSubPix(rotated, size, r.center, cropped, -1);
+        return cropped;
+    }
+    // OpenCV cuts out of grey and three-channel pictures only: others
+    // (BGRA) are cut plane by plane.
+    std::vector<cv::Mat> planes;
+    cv::split(rotated, planes);
+    for (cv::Mat &plane : planes) {
+        cv::Mat cut;
+        cv::getRectSubPix(plane, size, r.center, cut, -1);
+        plane = cut;
+    }
+    cv::merge(planes, cropped);
     return cropped;
 }
 

@@ -198,6 +198,7 @@ private:
     std::atomic<unsigned> frameGeneration{0}; // capGeneration the current frame was read from
     bool capOpen = false;                     // the loop's own: cap opened and not released since
     Reconnection reconnection;                // the loop's own
+    int lostCameraApi = 0;                    // the back end of the camera that went away
 
     // Per-frame working buffers of the thread that processes frames, kept
     // from one frame to the next: allocating them anew costs page faults on

@@ -134,3 +134,21 @@ ProgramRun runProgram(const QString &workDir, const QString &home,
     }
     return run;
 }
+
+GapMeter::GapMeter(QObject *parent) : QObject(parent)
+{
+    connect(&timer, &QTimer::timeout, this, [this] {
+        if (clock.isValid())
+            longest = qMax(longest, clock.elapsed());
+        clock.restart();
+    });
+    timer.start(10);
+}
+
+qint64 heldFor(const std::function<void()> &call)
+{
+    QElapsedTimer clock;
+    clock.start();
+    call();
+    return clock.elapsed();
+}

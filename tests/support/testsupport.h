@@ -5,10 +5,14 @@
 #include <QMap>
 #include <QPair>
 #include <QVariant>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
+
+#include <functional>
 
 // Answers warning boxes shown by the code under test in this process: each
 // box that becomes the active modal widget is recorded and its OK pressed.
@@ -57,6 +61,28 @@ QMap<QString, QString> readVirtualCameraState(const QString &dir, int node);
 // Every key of "system.ini" with the value a first run writes, in the
 // file's order; the output folder is given (it depends on HOME).
 QList<QPair<QString, QVariant>> factorySettings(const QString &documentsFolder);
+
+// The longest time between two ticks of a 10 ms timer while it lives: how
+// long the GUI thread was held at most.
+class GapMeter : public QObject
+{
+public:
+    explicit GapMeter(QObject *parent = nullptr);
+    qint64 longest = 0;
+
+private:
+    QTimer timer;
+    QElapsedTimer clock;
+};
+
+// How long one call held the calling (GUI) thread, in milliseconds.
+qint64 heldFor(const std::function<void()> &call);
+
+// Longest a GUI call may hold the GUI thread.
+constexpr qint64 guiCallLimitMs = 100;
+// A 10 ms timer's gap also counts waits for a core on a machine busy with
+// other work, so it is held to a looser bound than the calls themselves.
+constexpr qint64 timerGapLimitMs = 250;
 
 // Removes every VCAM_* variable from this process's environment.
 void clearVirtualCameraEnvironment();

@@ -51,6 +51,22 @@ Sample sample()
     return s;
 }
 
+// What the open files and threads are, for a report when their counts differ.
+QString inventory()
+{
+    QStringList items;
+    const QDir fds("/proc/self/fd");
+    for (const QString &fd : fds.entryList(QDir::Files | QDir::System | QDir::NoDotAndDotDot))
+        items << fd + ":" + QFile::symLinkTarget(fds.filePath(fd));
+    const QDir tasks("/proc/self/task");
+    for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(tasks.filePath(task + "/comm"));
+        if (comm.open(QIODevice::ReadOnly))
+            items << "thread:" + QString::fromUtf8(comm.readAll().trimmed());
+    }
+    return items.join(' ');
+}
+
 void log(const QString &line)
 {
     QFile file(qEnvironmentVariable("BRIVORA_SOAK_LOG"));
@@ -126,8 +142,10 @@ private:
             log(QString("t=%1 rss_kb=%2 threads=%3 fds=%4").arg(t).arg(s.rssKb).arg(s.threads).arg(s.fds));
         if (t == 60)
             oneMinute = s;
-        if (t == 20)
+        if (t == 20) {
             start = s; // settled, quiet: no recording, no secondary window
+            log("start " + inventory());
+        }
 
         if (t >= length) {
             finish(t);
@@ -168,6 +186,7 @@ private:
         // A quiet while, then the last measures and the files.
         QTimer::singleShot(8000, this, [this, t] {
             const Sample end = sample();
+            log("end " + inventory());
             int files = 0, unreadable = 0;
             checkFiles(&files, &unreadable);
             log(QString("summary seconds=%1 rss_start_kb=%2 rss_1min_kb=%3 rss_end_kb=%4 threads_start=%5 "
