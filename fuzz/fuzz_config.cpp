@@ -5,12 +5,19 @@
 #include "safeindex.h"
 
 #include <QDir>
+#include <QtGlobal>
 #include <QFile>
 #include <QTemporaryDir>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     // The settings file is looked for in the working directory.
+    // Qt's warnings about odd values are expected here and only slow the run.
+    static const bool quiet = [] {
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+        return true;
+    }();
+    (void)quiet;
     static QTemporaryDir *dir = [] {
         auto *d = new QTemporaryDir;
         QDir::setCurrent(d->path());
