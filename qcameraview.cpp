@@ -135,7 +135,9 @@ void QCameraView::setCameraResolution(QSize size)
 
 void QCameraView::markOpen()
 {
-    if (isOpenTip) {
+    // A frame read before the camera was opened again (it crossed the
+    // request) does not end the opening.
+    if (isOpenTip && !m_imageProcessing->openPending()) {
         isOpenTip = false;
         emit openCameraSignal();
     }

@@ -257,8 +257,12 @@ cv::Mat ImageProcessing::currentFrame()
 
 bool ImageProcessing::frameIsSettled() const
 {
-    return !isSetVideoPParameter && !reopening && openSerialDoneShared == openSerial
-           && frameGeneration == capGeneration;
+    return !openPending() && frameGeneration == capGeneration;
+}
+
+bool ImageProcessing::openPending() const
+{
+    return isSetVideoPParameter || reopening || openSerialDoneShared != openSerial;
 }
 
 bool ImageProcessing::onLoopThread() const

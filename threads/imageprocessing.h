@@ -117,6 +117,8 @@ public:
     // read since its last opening, with no re-configuration asked for or
     // under way. Safe to call from any thread.
     bool frameIsSettled() const;
+    // Whether an opening or re-configuration is asked for or under way.
+    bool openPending() const;
 
     // The area the preview is shown in (GUI thread): the loop scales each
     // preview picture down to its shown size before handing it over, so the
