@@ -6,9 +6,10 @@
 // BRIVORA_SOAK_OUTPUT=<dir>  where the program's files land, checked at the end
 //
 // Schedule, in seconds from the first picture: every shooting type in turn
-// (one every 15 s), a photo every 10 s, a 20 s recording every 180 s (every
-// half session when shorter), the secondary window opened for 10 s every
-// 120 s (every half session when shorter), never while recording. Unplugging
+// (one every 15 s), a photo every 10 s, a 20 s recording every 180 s from
+// 25 s on (every half session when shorter), the secondary window opened
+// for 10 s every 120 s from 48 s on (every half session when shorter),
+// never while recording. Unplugging
 // is the virtual camera's (VCAM_0_UNPLUG_AFTER with VCAM_0_UNPLUG_REPEAT).
 #include <QAbstractButton>
 #include <QApplication>
@@ -167,8 +168,10 @@ private:
             finish(t);
             return;
         }
+        // Both happen once within the first minute too, so that the memory
+        // they take for good is in place before the one-minute measure.
         const int inRecordCycle = t % recordEvery;
-        const bool recordingDue = t >= 30 && inRecordCycle >= 30 && inRecordCycle < 50 && t + 25 < length;
+        const bool recordingDue = inRecordCycle >= 25 && inRecordCycle < 45 && t + 25 < length;
         if (recordingDue && !recording) {
             click("btnShootingVideo");
             recording = true;
@@ -177,7 +180,7 @@ private:
             recording = false;
         }
         const int inWindowCycle = t % windowEvery;
-        const bool windowDue = !recording && t >= 25 && inWindowCycle >= 5 && inWindowCycle < 15 && t + 15 < length;
+        const bool windowDue = !recording && inWindowCycle >= 48 && inWindowCycle < 58 && t + 15 < length;
         if (windowDue != windowOpen && !recording) {
             click("btnSecCamCon_2");
             windowOpen = windowDue;
