@@ -75,6 +75,11 @@ public:
     void recordBegin();
     void recordEnd();
 
+    // Drawn over the last picture while the camera is away (unplugged);
+    // gone with the first frame after its return.
+    static QString cameraAwayNotice();
+    bool isCameraAway() const { return cameraAway; }
+
 signals:
     void sendTakePhotoImageSignal(QList<QString> files, int kind);
     void readFarme(QImage image);
@@ -91,6 +96,7 @@ public slots:
     void openCameraSlot();
     void closeCameraSlot();
     void onWriterTimer();
+    void showCameraAway();
 
 protected:
     void paintEvent(QPaintEvent *event) override;
@@ -104,9 +110,14 @@ private:
     bool inPlainPreview() const;
     void markOpen();
     QImage fittedImage(QSize size);
+    bool openRecordingFile(bool anyFrame);
+    void paintAwayNotice(QPainter &painter);
 
     std::unique_ptr<FrameWriter> frameWriter; // encodes the recording's frames
     cv::Size recordSize;                      // frame size of the recording's file
+    unsigned recordStartFrames = 0;           // the thread's frame count when recording began
+    bool recordOpenTried = false;             // the file was opened, or failed to
+    bool cameraAway = false;
     PreviewFitter fitter;                     // fits pictures the capture thread did not
     qint64 fittedKey = 0;                     // m_Image that m_temp_Image was fitted from
 };

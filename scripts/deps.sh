@@ -15,6 +15,7 @@ packages=(
   fonts-noto-cjk
   libtesseract-dev tesseract-ocr-chi-sim tesseract-ocr-eng
   libqpdf-dev qpdf
+  clang-14 libclang-rt-14-dev
 )
 
 missing=()

@@ -20,7 +20,9 @@
 #include <linux/videodev2.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/select.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -121,6 +123,20 @@ Listing discover(int n)
 }
 
 // A minimal memory-mapped capture client.
+// Opens node n once it can be opened, trying every 20 ms for up to ms;
+// the descriptor, or -1.
+int openWhenPresent(int n, int ms)
+{
+    QElapsedTimer clock;
+    clock.start();
+    for (;;) {
+        const int fd = openNode(n);
+        if (fd >= 0 || clock.elapsed() > ms)
+            return fd;
+        QThread::msleep(20);
+    }
+}
+
 struct RawStream {
     int fd = -1;
     std::vector<std::pair<void *, size_t>> maps;
@@ -133,9 +149,9 @@ struct RawStream {
             ::close(fd);
     }
 
-    bool start(int node, quint32 fourcc, int w, int h, quint32 count)
+    bool start(int node, quint32 fourcc, int w, int h, quint32 count, int flags = O_RDWR)
     {
-        fd = openNode(node);
+        fd = openNode(node, flags);
         if (fd < 0)
             return false;
         v4l2_format f{};
@@ -231,6 +247,8 @@ private slots:
     {
         // Read once by OpenCV when its back-end registry is first used.
         qputenv("OPENCV_VIDEOIO_PRIORITY_LIST", "V4L2");
+        // How long OpenCV's read waits in select() for a frame, in seconds.
+        qputenv("OPENCV_VIDEOIO_V4L_SELECT_TIMEOUT", "1");
     }
 
     void init()
@@ -969,6 +987,161 @@ private slots:
         Fd again(openNode(0));
         QVERIFY(again.fd >= 0);
         QCOMPARE(readState(0).value("frames"), QStringLiteral("0"));
+    }
+
+    void stalledStreamDeliversNothingButAnswersEveryRequest()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_STALL_AFTER", "3");
+        qputenv("VCAM_0_STALL_MS", "700");
+        RawStream s;
+        QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2, O_RDWR | O_NONBLOCK));
+        for (int i = 0; i < 3; ++i) {
+            v4l2_buffer b;
+            QCOMPARE(s.dequeue(&b), 0);
+            QCOMPARE(s.requeue(&b), 0);
+        }
+        QElapsedTimer clock;
+        clock.start();
+        // A non-blocking descriptor hears EAGAIN at once, as from the driver.
+        v4l2_buffer b;
+        QCOMPARE(s.dequeue(&b), -1);
+        QCOMPARE(errno, EAGAIN);
+        QVERIFY(clock.elapsed() < 100);
+        v4l2_capability cap{};
+        QCOMPARE(xioctl(s.fd, VIDIOC_QUERYCAP, &cap), 0);
+        v4l2_format f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(s.fd, VIDIOC_G_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.width, 320u);
+
+        // select() times out while the stall lasts...
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(s.fd, &set);
+        timeval shortWait{0, 150000};
+        QCOMPARE(::select(s.fd + 1, &set, nullptr, nullptr, &shortWait), 0);
+        QVERIFY(!FD_ISSET(s.fd, &set));
+        QVERIFY(clock.elapsed() >= 140);
+        pollfd p{s.fd, POLLIN, 0};
+        QCOMPARE(::poll(&p, 1, 100), 0);
+        QCOMPARE(int(p.revents), 0);
+
+        // ... and reports the descriptor readable once it is over.
+        FD_ZERO(&set);
+        FD_SET(s.fd, &set);
+        timeval longWait{5, 0};
+        QCOMPARE(::select(s.fd + 1, &set, nullptr, nullptr, &longWait), 1);
+        QVERIFY(FD_ISSET(s.fd, &set));
+        QVERIFY2(clock.elapsed() >= 650 && clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(s.dequeue(&b), 0);
+        QCOMPARE(b.sequence, 3u);
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("4"));
+    }
+
+    void stalledStreamHoldsABlockingReaderUntilItEnds()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_STALL_AFTER", "1");
+        qputenv("VCAM_0_STALL_MS", "400");
+        RawStream s;
+        QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2));
+        v4l2_buffer b;
+        QCOMPARE(s.dequeue(&b), 0);
+        QCOMPARE(s.requeue(&b), 0);
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(s.dequeue(&b), 0);
+        QVERIFY2(clock.elapsed() >= 380, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(b.sequence, 1u);
+    }
+
+    void stallForGoodEndsAnOpenCvReadAfterItsSelectTimeout()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_STALL_AFTER", "4");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 320, 240));
+        cv::Mat frame;
+        int good = 0;
+        QElapsedTimer clock;
+        clock.start();
+        while (good < 10 && cap.read(frame))
+            ++good;
+        // The read that meets the stall gives up when OpenCV's select()
+        // times out (one second in these tests) instead of hanging.
+        QVERIFY2(good >= 3 && good <= 4, qPrintable(QString::number(good)));
+        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("4"));
+    }
+
+    void replugBringsTheCameraBackAtTheSameNumber()
+    {
+        qputenv("VCAM_0_SIZES", "320x240,640x480");
+        qputenv("VCAM_0_UNPLUG_AFTER", "3");
+        qputenv("VCAM_0_REPLUG_AFTER_MS", "400");
+        QElapsedTimer clock;
+        {
+            RawStream s;
+            QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 640, 480, 2));
+            v4l2_buffer b;
+            for (int i = 0; i < 3; ++i) {
+                QCOMPARE(s.dequeue(&b), 0);
+                if (i < 2)
+                    QCOMPARE(s.requeue(&b), 0);
+            }
+            clock.start();
+            QCOMPARE(s.dequeue(&b), -1);
+            QCOMPARE(errno, ENODEV);
+            errno = 0;
+            QCOMPARE(openNode(0), -1);
+            QCOMPARE(errno, ENOENT);
+            QVERIFY(Fd(openWhenPresent(0, 3000)).fd >= 0);
+            QVERIFY2(clock.elapsed() >= 380, qPrintable(QString::number(clock.elapsed())));
+            // The old descriptor stays dead; the metadata node is back too.
+            QCOMPARE(s.dequeue(&b), -1);
+            QCOMPARE(errno, ENODEV);
+            QVERIFY(Fd(openNode(1)).fd >= 0);
+        }
+        // A fresh device: the format is back to its first size, and it is
+        // not unplugged again.
+        Fd fd(openNode(0));
+        v4l2_format f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.width, 320u);
+        RawStream again;
+        QVERIFY(again.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2));
+        for (int i = 0; i < 6; ++i) {
+            v4l2_buffer b;
+            QCOMPARE(again.dequeue(&b), 0);
+            QCOMPARE(b.sequence, quint32(i));
+            QCOMPARE(again.requeue(&b), 0);
+        }
+        const QMap<QString, QString> st = readState(0);
+        QCOMPARE(st.value("frames"), QStringLiteral("9"));
+        QCOMPARE(st.value("opens"), QStringLiteral("4"));
+    }
+
+    void repeatedUnplugComesBackEveryTime()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_UNPLUG_AFTER", "2");
+        qputenv("VCAM_0_REPLUG_AFTER_MS", "100");
+        qputenv("VCAM_0_UNPLUG_REPEAT", "1");
+        for (int round = 0; round < 3; ++round) {
+            QVERIFY(Fd(openWhenPresent(0, 3000)).fd >= 0);
+            RawStream s;
+            QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2));
+            v4l2_buffer b;
+            QCOMPARE(s.dequeue(&b), 0);
+            QCOMPARE(s.requeue(&b), 0);
+            QCOMPARE(s.dequeue(&b), 0);
+            QCOMPARE(s.requeue(&b), -1);
+            QCOMPARE(s.dequeue(&b), -1);
+            QCOMPARE(errno, ENODEV);
+        }
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("6"));
     }
 
     void unplugEndsOpenCvReadsWithoutEndingTheProcess()

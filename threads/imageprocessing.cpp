@@ -16,6 +16,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <cmath>
 #include <utility>
 
 namespace {
@@ -99,6 +100,15 @@ ImageProcessing::ImageProcessing(QObject *parent)
       isCameraVideo(false),
       cameraVideoPath("")
 {
+    // OpenCV's read waits this many seconds in select() for a frame before
+    // it gives up (10 unless told). A stalled camera then holds the loop
+    // for a second at most, and never the window. Set before the first
+    // camera is opened, while no other thread reads the environment.
+    static std::once_flag selectTimeout;
+    std::call_once(selectTimeout, [] {
+        if (!qEnvironmentVariableIsSet("OPENCV_VIDEOIO_V4L_SELECT_TIMEOUT"))
+            qputenv("OPENCV_VIDEOIO_V4L_SELECT_TIMEOUT", "1");
+    });
 }
 
 ImageProcessing::~ImageProcessing()
@@ -160,10 +170,18 @@ void ImageProcessing::run()
             isTakePhoto = false;
             takePhoto();
         }
+        handleRequests();
         if (isSetVideoPParameter) {
+            reopening = true;
             isSetVideoPParameter = false;
             closeCamara(false);
             openCamara();
+            settleReconnection(true);
+            reopening = false;
+        }
+        if (reconnection.away()) {
+            waitForReturn();
+            continue;
         }
         if (!isRead) {
             msleep(33);
@@ -171,8 +189,16 @@ void ImageProcessing::run()
         }
         try {
             if (!readFrame()) {
-                // A camera that delivers nothing (unplugged, or failed to
-                // open) is retried at a calm pace rather than in a busy loop.
+                // A camera that has gone is waited for; one that delivers
+                // nothing for now (stalled, or failed to open) is retried at
+                // a calm pace rather than in a busy loop.
+                if (cameraGone()) {
+                    lostCameraApi = cap.getBackendName() == "V4L2" ? int(cv::CAP_V4L2) : int(cv::CAP_ANY);
+                    releaseNow();
+                    reconnection.lost();
+                    qDebug() << Q_FUNC_INFO << "camera" << driveId << "has gone; waiting for it";
+                    emit cameraAwaySignal();
+                }
                 msleep(10);
                 continue;
             }
@@ -195,8 +221,14 @@ void ImageProcessing::run()
 bool ImageProcessing::readFrame()
 {
     bool fresh = false;
-    if (nextRead.valid())
-        fresh = nextRead.get() == capGeneration;
+    if (nextRead.valid()) {
+        const unsigned generation = nextRead.get();
+        // The read ahead already waited for a frame in vain: another wait
+        // right away would only hold up the requests.
+        if (generation == 0)
+            return false;
+        fresh = generation == capGeneration;
+    }
     if (!fresh) {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
@@ -207,6 +239,8 @@ bool ImageProcessing::readFrame()
         std::lock_guard<std::mutex> lock(frameMutex);
         std::swap(frame, readBuffer);
     }
+    frameGeneration = capGeneration.load();
+    ++framesTaken;
     nextRead = std::async(std::launch::async, [this] {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
@@ -219,6 +253,82 @@ cv::Mat ImageProcessing::currentFrame()
 {
     std::lock_guard<std::mutex> lock(frameMutex);
     return frame.clone();
+}
+
+bool ImageProcessing::frameIsSettled() const
+{
+    return !openPending() && frameGeneration == capGeneration;
+}
+
+bool ImageProcessing::openPending() const
+{
+    return isSetVideoPParameter || reopening || openSerialDoneShared != openSerial;
+}
+
+bool ImageProcessing::onLoopThread() const
+{
+    return QThread::currentThread() == this;
+}
+
+// Carries out the opening, closing and exposure other threads asked for.
+void ImageProcessing::handleRequests()
+{
+    const unsigned serial = openSerial;
+    const bool wanted = openWanted;
+    if (serial != openSerialDone) {
+        reopening = true;
+        openSerialDone = serial;
+        openSerialDoneShared = serial;
+        releaseNow();
+        if (wanted)
+            openNow();
+        settleReconnection(wanted);
+        reopening = false;
+    } else if (!wanted && capOpen) {
+        releaseNow();
+        reconnection.reset();
+    }
+    if (exposurePending.exchange(false))
+        applyExposure(cameraCurrentExposure);
+}
+
+// After an opening or closing asked for: a camera that opened, or that is
+// no longer wanted, is not waited for; one still away keeps being tried.
+void ImageProcessing::settleReconnection(bool wanted)
+{
+    if (!wanted || capOpen)
+        reconnection.reset();
+    else if (reconnection.away())
+        reconnection.failed();
+}
+
+// Whether the camera that just failed a read has gone, rather than merely
+// stalled: a camera still attached answers its requests, one unplugged
+// answers none.
+bool ImageProcessing::cameraGone()
+{
+    std::lock_guard<std::mutex> lock(capMutex);
+    return capOpen && cap.isOpened() && cap.get(cv::CAP_PROP_FPS) <= 0;
+}
+
+// One pass while the camera is away: about once a second the same device
+// is opened again, with the format, size and exposure asked for.
+void ImageProcessing::waitForReturn()
+{
+    if (!reconnection.due()) {
+        msleep(50);
+        return;
+    }
+    openNow();
+    if (!capOpen) {
+        releaseNow();
+        reconnection.failed();
+        return;
+    }
+    if (exposureAsked)
+        applyExposure(cameraCurrentExposure);
+    reconnection.reset();
+    qDebug() << Q_FUNC_INFO << "camera" << driveId << "is back";
 }
 
 void ImageProcessing::SetRecordVideo(bool on, QString path)
@@ -388,6 +498,24 @@ void ImageProcessing::paintPhoto(QImage &image, const QImage &first, const QImag
 
 void ImageProcessing::openCamara()
 {
+    // The size is capped at once, so that it reads as it will be opened.
+    capFrameSize();
+    // The loop's own re-configuration leaves the requests alone: a close
+    // asked meanwhile still holds.
+    if (onLoopThread()) {
+        openNow();
+        return;
+    }
+    openWanted = true;
+    if (!isRunning()) {
+        openNow();
+        return;
+    }
+    ++openSerial;
+}
+
+void ImageProcessing::openNow()
+{
     const CameraInfo *camera = cameraAt(driveId);
     if (!camera) {
         isRead = true;
@@ -396,34 +524,54 @@ void ImageProcessing::openCamara()
     const int index = camera->index;
 
     // Opened and released once before the real open.
-    const bool wasOpen = cv::VideoCapture(index, 0).isOpened();
+    // A camera that went away is looked for again only through the back end
+    // that served it: trying every other one each second would start
+    // (and leave running) their device watchers.
+    const int api = reconnection.away() ? lostCameraApi : int(cv::CAP_ANY);
+    const bool wasOpen = cv::VideoCapture(index, api).isOpened();
     if (wasOpen)
-        cv::VideoCapture(index, 0).release();
+        cv::VideoCapture(index, api).release();
 
-    if (frameWidth > maxPreviewWidth) {
-        frameWidth = maxPreviewWidth;
-        frameHeight = maxPreviewHeight;
-    }
+    capFrameSize();
 
     {
         std::lock_guard<std::mutex> lock(capMutex);
         ++capGeneration;
-        cap.open(index, 0);
+        cap.open(index, api);
         videoParameterSettings();
+        capOpen = cap.isOpened();
     }
     isRead = true;
+}
+
+void ImageProcessing::capFrameSize()
+{
+    if (frameWidth > maxPreviewWidth) {
+        frameWidth = maxPreviewWidth;
+        frameHeight = maxPreviewHeight;
+    }
 }
 
 void ImageProcessing::closeCamara(bool)
 {
     isRead = false;
-    QThread::msleep(500);
+    if (!onLoopThread())
+        openWanted = false;
+    if (onLoopThread() || !isRunning()) {
+        QThread::msleep(500);
+        releaseNow();
+    }
+    emit closeCameraSignal();
+}
+
+void ImageProcessing::releaseNow()
+{
     {
         std::lock_guard<std::mutex> lock(capMutex);
         ++capGeneration;
         cap.release();
+        capOpen = false;
     }
-    emit closeCameraSignal();
 }
 
 // Called with capMutex held.
@@ -449,6 +597,16 @@ void ImageProcessing::videoParameterSettings()
 
 void ImageProcessing::setCameraExposure(int value)
 {
+    cameraCurrentExposure = value;
+    exposureAsked = true;
+    if (onLoopThread() || !isRunning())
+        applyExposure(value);
+    else
+        exposurePending = true;
+}
+
+void ImageProcessing::applyExposure(int value)
+{
     std::lock_guard<std::mutex> lock(capMutex);
     const ExposureModes modes = exposureModesFor(cap);
     if (value == automaticExposure) {
@@ -459,7 +617,6 @@ void ImageProcessing::setCameraExposure(int value)
         cap.set(cv::CAP_PROP_AUTO_EXPOSURE, modes.manual);
         cap.set(cv::CAP_PROP_EXPOSURE, value);
     }
-    cameraCurrentExposure = value;
 }
 
 void ImageProcessing::setCameraResolution(QSize size)
@@ -629,6 +786,16 @@ void ImageProcessing::drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRe
 
 QImage ImageProcessing::previewImage(const cv::Mat &raw)
 {
+    // A camera's frames are 8-bit BGR; a grey or BGRA picture is made so
+    // first, and anything else (or nothing at all) gives no picture.
+    if (raw.empty() || raw.depth() != CV_8U)
+        return QImage();
+    if (raw.channels() == 1 || raw.channels() == 4) {
+        cv::cvtColor(raw, workBgr, raw.channels() == 1 ? cv::COLOR_GRAY2BGR : cv::COLOR_BGRA2BGR);
+        return previewImage(workBgr);
+    }
+    if (raw.channels() != 3)
+        return QImage();
     const int correction = correction_type;
     const int shooting = shooting_type;
     const int quarterTurns = angle;
@@ -828,17 +995,43 @@ void ImageProcessing::uprightAngleAndSize(const cv::RotatedRect &r, float &angle
 
 cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r)
 {
+    // A sheet lies within the frame, so no side of it is longer than the
+    // frame's width and height together; a rectangle that is not a number
+    // or larger than that is nothing to cut out.
+    const bool finite = std::isfinite(r.center.x) && std::isfinite(r.center.y)
+                        && std::isfinite(r.size.width) && std::isfinite(r.size.height)
+                        && std::isfinite(r.angle);
+    const float longest = float(img.cols) + float(img.rows);
+    if (!finite || img.empty() || r.size.width > longest || r.size.height > longest)
+        return cv::Mat();
+    // Nor is a sheet centred farther than that from the frame.
+    if (r.center.x < -longest || r.center.y < -longest || r.center.x > 2 * longest
+        || r.center.y > 2 * longest)
+        return cv::Mat();
     float turn = 0;
     cv::Size size;
     uprightAngleAndSize(r, turn, size);
-    if (size.width <= 0 || size.height <= 0 || img.empty())
+    if (size.width <= 0 || size.height <= 0)
         return cv::Mat();
 
     const cv::Mat m = cv::getRotationMatrix2D(r.center, turn, 1.0);
     cv::Mat rotated;
     cv::warpAffine(img, rotated, m, img.size(), cv::INTER_CUBIC, cv::BORDER_CONSTANT, cv::Scalar());
     cv::Mat cropped;
-    cv::getRectSubPix(rotated, size, r.center, cropped, -1);
+    if (rotated.channels() == 1 || rotated.channels() == 3) {
+        cv::getRectSubPix(rotated, size, r.center, cropped, -1);
+        return cropped;
+    }
+    // OpenCV cuts out of grey and three-channel pictures only: others
+    // (BGRA) are cut plane by plane.
+    std::vector<cv::Mat> planes;
+    cv::split(rotated, planes);
+    for (cv::Mat &plane : planes) {
+        cv::Mat cut;
+        cv::getRectSubPix(plane, size, r.center, cut, -1);
+        plane = cut;
+    }
+    cv::merge(planes, cropped);
     return cropped;
 }
 

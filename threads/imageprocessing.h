@@ -10,6 +10,7 @@
 
 #include "previewfit.h"
 #include "imaging/perspective.h"
+#include "reconnection.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
@@ -59,6 +60,9 @@ public:
     std::atomic<bool> isCameraVideo;
     QString cameraVideoPath;
 
+    // Opening, closing and exposure are carried out by the loop between two
+    // reads: called from another thread while the loop runs, they only ask
+    // for it and return at once, so the GUI thread never waits for a camera.
     void openCamara();
     void closeCamara(bool);
     void videoParameterSettings();
@@ -112,6 +116,14 @@ public:
 
     // A deep copy of the last frame read, safe to call from any thread.
     cv::Mat currentFrame();
+    // Frames the loop has made current so far.
+    std::atomic<unsigned> framesTaken{0};
+    // Whether the current frame comes from the camera as it is set up now:
+    // read since its last opening, with no re-configuration asked for or
+    // under way. Safe to call from any thread.
+    bool frameIsSettled() const;
+    // Whether an opening or re-configuration is asked for or under way.
+    bool openPending() const;
 
     // The area the preview is shown in (GUI thread): the loop scales each
     // preview picture down to its shown size before handing it over, so the
@@ -132,6 +144,8 @@ signals:
     void sendTakePhotoImageSignal(std::vector<QImage> images, QList<QString> files, int kind);
     void openCameraSignal();
     void closeCameraSignal();
+    // The camera has gone away (unplugged); the loop waits for it to return.
+    void cameraAwaySignal();
 
 public slots:
     void readFarme(QImage image);
@@ -143,6 +157,15 @@ protected:
 
 private:
     void waitForLoop(int timeoutMs);
+    bool onLoopThread() const;
+    void handleRequests();
+    void openNow();
+    void capFrameSize();
+    void releaseNow();
+    void applyExposure(int value);
+    bool cameraGone();
+    void settleReconnection(bool wanted);
+    void waitForReturn();
     QList<QImage> photoImages(const cv::Mat &processed, const std::vector<cv::RotatedRect> &rects,
                               int correction, const QImage &first, const QImage &second,
                               bool show1, bool show2, bool insets);
@@ -171,10 +194,26 @@ private:
     std::atomic<unsigned> capGeneration{1};
     cv::Size recordSize;   // frame size of the thread-side recording
 
+    // Requests of other threads, carried out by the loop. Every open asked
+    // for bumps openSerial; openWanted says whether the camera should be
+    // open at all (a close asked after an open wins, and the other way).
+    std::atomic<bool> openWanted{false};
+    std::atomic<unsigned> openSerial{0};
+    unsigned openSerialDone = 0; // the loop's own
+    std::atomic<unsigned> openSerialDoneShared{0};
+    std::atomic<bool> exposurePending{false};
+    std::atomic<bool> exposureAsked{false};
+    std::atomic<bool> reopening{false};       // the loop is closing and opening the camera
+    std::atomic<unsigned> frameGeneration{0}; // capGeneration the current frame was read from
+    bool capOpen = false;                     // the loop's own: cap opened and not released since
+    Reconnection reconnection;                // the loop's own
+    int lostCameraApi = 0;                    // the back end of the camera that went away
+
     // Per-frame working buffers of the thread that processes frames, kept
     // from one frame to the next: allocating them anew costs page faults on
     // every frame at high resolution.
     cv::Mat workCopy;
+    cv::Mat workBgr; // a grey or BGRA frame made BGR
     cv::Mat workGrey;
     cv::Mat workBin;
     std::vector<cv::Mat> workMeans;

@@ -147,3 +147,21 @@ void useNumberedOutput(const QString &folder)
     c->image_codec = "jpg";
     c->image_quality = 95;
 }
+
+GapMeter::GapMeter(QObject *parent) : QObject(parent)
+{
+    connect(&timer, &QTimer::timeout, this, [this] {
+        if (clock.isValid())
+            longest = qMax(longest, clock.elapsed());
+        clock.restart();
+    });
+    timer.start(10);
+}
+
+qint64 heldFor(const std::function<void()> &call)
+{
+    QElapsedTimer clock;
+    clock.start();
+    call();
+    return clock.elapsed();
+}

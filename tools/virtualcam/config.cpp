@@ -144,6 +144,19 @@ void fillCameraSettings(const Env &env, NodeSpec &node)
     if (const std::string *v = lookup(env, nodeVar(n, "UNPLUG_AFTER")))
         if (parseLong(*v, &after) && after >= 0)
             node.unplugAfter = after;
+
+    long long value = 0;
+    if (const std::string *v = lookup(env, nodeVar(n, "REPLUG_AFTER_MS")))
+        if (parseLong(*v, &value) && value >= 0)
+            node.replugAfterMs = value;
+    if (const std::string *v = lookup(env, nodeVar(n, "UNPLUG_REPEAT")))
+        node.unplugRepeat = trim(*v) == "1";
+    if (const std::string *v = lookup(env, nodeVar(n, "STALL_AFTER")))
+        if (parseLong(*v, &value) && value >= 0)
+            node.stallAfter = value;
+    if (const std::string *v = lookup(env, nodeVar(n, "STALL_MS")))
+        if (parseLong(*v, &value) && value >= 0)
+            node.stallMs = value;
 }
 
 }  // namespace

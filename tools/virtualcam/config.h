@@ -63,6 +63,10 @@ struct NodeSpec {
     SceneSpec scene;
     bool enumFmtFail = false;
     long long unplugAfter = -1;  // frames; -1 = never
+    long long replugAfterMs = -1;  // back this long after an unplug; -1 = never
+    bool unplugRepeat = false;     // a camera plugged back in is unplugged again after unplugAfter frames
+    long long stallAfter = -1;     // frames before the stream stalls; -1 = never
+    long long stallMs = -1;        // how long a stall lasts; -1 = for good
 };
 
 struct Config {
