@@ -49,6 +49,7 @@ QCameraView::QCameraView(QWidget *parent)
     connect(m_imageProcessing, SIGNAL(openCameraSignal()), this, SLOT(openCameraSlot()));
     connect(m_imageProcessing, SIGNAL(closeCameraSignal()), this, SLOT(closeCameraSlot()));
     connect(timerWriter, SIGNAL(timeout()), this, SLOT(onWriterTimer()));
+    connect(m_imageProcessing, &ImageProcessing::pageTurnSettled, this, &QCameraView::pageTurnSettled);
 }
 
 QCameraView::~QCameraView()
@@ -213,6 +214,11 @@ void QCameraView::setCameraShootType(int code)
 void QCameraView::setPerspectiveCorrection(bool on)
 {
     m_imageProcessing->perspective = on;
+}
+
+void QCameraView::setPageTurnSeries(bool on)
+{
+    m_imageProcessing->pageTurnSeries = on;
 }
 
 void QCameraView::setTakePhotoChildCamera(bool on)

@@ -16,6 +16,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <chrono>
 #include <utility>
 
 namespace {
@@ -176,6 +177,7 @@ void ImageProcessing::run()
                 msleep(10);
                 continue;
             }
+            watchPageTurn();
             const QImage preview = previewImage(frame);
             fitForPreview(preview);
             emit sendFarmeSignal(preview);
@@ -213,6 +215,22 @@ bool ImageProcessing::readFrame()
         return readBuffer.empty() ? 0u : capGeneration.load();
     });
     return true;
+}
+
+// A series that starts afresh photographs the page already there once it is
+// still, so the watcher forgets the last series when a new one begins.
+void ImageProcessing::watchPageTurn()
+{
+    const bool on = pageTurnSeries;
+    if (on != pageTurnWatching) {
+        pageTurnWatcher.reset();
+        pageTurnWatching = on;
+    }
+    if (!on)
+        return;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    if (pageTurnWatcher.feed(frame, std::chrono::duration_cast<std::chrono::milliseconds>(now).count()))
+        emit pageTurnSettled();
 }
 
 cv::Mat ImageProcessing::currentFrame()

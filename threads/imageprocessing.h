@@ -9,6 +9,7 @@
 #include <QThread>
 
 #include "previewfit.h"
+#include "imaging/pageturn.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
@@ -49,6 +50,9 @@ public:
     std::atomic<int> correction_type;
     std::atomic<int> shooting_type;
     std::atomic<bool> perspective{false}; // sheets by their four corners (extension)
+    // While on, every frame is watched for a turned page that has come to
+    // rest; pageTurnSettled() then asks for a photo (extension).
+    std::atomic<bool> pageTurnSeries{false};
     std::atomic<bool> isTakePhotoChildCamera;
     QImage child1; // with child2, guarded by childMutex
     QImage child2;
@@ -128,6 +132,7 @@ signals:
     void sendTakePhotoImageSignal(std::vector<QImage> images, QList<QString> files, int kind);
     void openCameraSignal();
     void closeCameraSignal();
+    void pageTurnSettled();
 
 public slots:
     void readFarme(QImage image);
@@ -154,6 +159,7 @@ private:
     QImage &previewBuffer(int width, int height, QImage::Format format);
     QImage &convertForPreview(const cv::Mat &mat);
     QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
+    void watchPageTurn();
 
     std::mutex capMutex;   // cap is opened by the GUI thread, read by the loop
     std::mutex frameMutex; // frame swaps against currentFrame()
@@ -180,6 +186,8 @@ private:
     std::atomic<int> previewAreaWidth{0};
     std::atomic<int> previewAreaHeight{0};
     PreviewFitter previewFitter; // used by the loop only
+    PageTurnWatcher pageTurnWatcher; // used by the loop only
+    bool pageTurnWatching = false;   // the loop's view of pageTurnSeries
     std::mutex fittedMutex;      // fitted and fittedKey
     QImage fitted;               // the last preview picture at its shown size
     qint64 fittedKey = 0;        // cacheKey() of the picture it was made from
