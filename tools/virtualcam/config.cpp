@@ -139,6 +139,13 @@ void fillCameraSettings(const Env &env, NodeSpec &node)
     if (const std::string *v = lookup(env, nodeVar(n, "UNPLUG_AFTER")))
         if (parseLong(*v, &after) && after >= 0)
             node.unplugAfter = after;
+
+    if (const std::string *v = lookup(env, nodeVar(n, "SCRIPT")))
+        node.script = *v;
+    if (const std::string *v = lookup(env, nodeVar(n, "SCRIPT_LOOP")))
+        node.scriptLoop = trim(*v) == "1";
+    if (const std::string *v = lookup(env, nodeVar(n, "SCRIPT_LOG")))
+        node.scriptLog = trim(*v);
 }
 
 }  // namespace

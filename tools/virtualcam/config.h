@@ -48,6 +48,11 @@ struct NodeSpec {
     SceneSpec scene;
     bool enumFmtFail = false;
     long long unplugAfter = -1;  // frames; -1 = never
+    // Scripted scene (VCAM_<N>_SCRIPT), played once or in a loop, with the
+    // times its steps were first shown appended to scriptLog.
+    std::string script;
+    bool scriptLoop = false;
+    std::string scriptLog;
 };
 
 struct Config {

@@ -4,6 +4,7 @@
 
 #include "config.h"
 #include "scene.h"
+#include "script.h"
 
 #include <sys/types.h>
 
@@ -82,6 +83,7 @@ struct Device {
     std::atomic<bool> unplugged{false};
 
     FrameSource source;
+    ScriptPlayer script;  // inactive unless the node has a script
 };
 
 struct Node {
