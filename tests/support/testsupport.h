@@ -10,6 +10,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <opencv2/core.hpp>
+
 // Answers warning boxes shown by the code under test in this process: each
 // box that becomes the active modal widget is recorded and its OK pressed.
 class ModalAnswerer : public QObject
@@ -60,5 +62,11 @@ QList<QPair<QString, QVariant>> factorySettings(const QString &documentsFolder);
 
 // Removes every VCAM_* variable from this process's environment.
 void clearVirtualCameraEnvironment();
+
+// The page number a picture of the virtual camera's scripted page shows
+// (read from its row of eight blocks), or -1 when the blocks cannot be read
+// or something dark (a hand) lies across the paper around them. The picture
+// is BGR or grey at any size with the frame's proportions.
+int readPageNumber(const cv::Mat &picture);
 
 #endif // TESTSUPPORT_H
