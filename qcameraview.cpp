@@ -218,6 +218,8 @@ void QCameraView::setPerspectiveCorrection(bool on)
 
 void QCameraView::setPageTurnSeries(bool on)
 {
+    if (on)
+        ++m_imageProcessing->pageTurnRun;
     m_imageProcessing->pageTurnSeries = on;
 }
 

@@ -218,16 +218,17 @@ bool ImageProcessing::readFrame()
 }
 
 // A series that starts afresh photographs the page already there once it is
-// still, so the watcher forgets the last series when a new one begins.
+// still, so the watcher forgets the last series when a new one begins (even
+// one stopped and started again between two frames).
 void ImageProcessing::watchPageTurn()
 {
-    const bool on = pageTurnSeries;
-    if (on != pageTurnWatching) {
-        pageTurnWatcher.reset();
-        pageTurnWatching = on;
-    }
-    if (!on)
+    if (!pageTurnSeries)
         return;
+    const unsigned run = pageTurnRun;
+    if (run != pageTurnWatched) {
+        pageTurnWatcher.reset();
+        pageTurnWatched = run;
+    }
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     if (pageTurnWatcher.feed(frame, std::chrono::duration_cast<std::chrono::milliseconds>(now).count()))
         emit pageTurnSettled();

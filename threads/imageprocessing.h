@@ -53,6 +53,7 @@ public:
     // While on, every frame is watched for a turned page that has come to
     // rest; pageTurnSettled() then asks for a photo (extension).
     std::atomic<bool> pageTurnSeries{false};
+    std::atomic<unsigned> pageTurnRun{0}; // counts the series started
     std::atomic<bool> isTakePhotoChildCamera;
     QImage child1; // with child2, guarded by childMutex
     QImage child2;
@@ -187,7 +188,7 @@ private:
     std::atomic<int> previewAreaHeight{0};
     PreviewFitter previewFitter; // used by the loop only
     PageTurnWatcher pageTurnWatcher; // used by the loop only
-    bool pageTurnWatching = false;   // the loop's view of pageTurnSeries
+    unsigned pageTurnWatched = 0;    // the series the watcher last saw
     std::mutex fittedMutex;      // fitted and fittedKey
     QImage fitted;               // the last preview picture at its shown size
     qint64 fittedKey = 0;        // cacheKey() of the picture it was made from
