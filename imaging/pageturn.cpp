@@ -4,6 +4,28 @@
 
 #include <algorithm>
 
+namespace {
+
+// The grey of the frame's pixel nearest to each pixel of a picture of the
+// given size (BT.601 weights, as cv::cvtColor). Done here in one pass and one
+// thread: the picks are so few that handing them to worker threads (as
+// cv::resize does) costs more than picking them.
+void pickGrey(const cv::Mat &frame, cv::Size size, cv::Mat &out)
+{
+    out.create(size, CV_8UC1);
+    const int channels = frame.channels();
+    for (int y = 0; y < size.height; ++y) {
+        const uchar *src = frame.ptr(int((y + 0.5) * frame.rows / size.height));
+        uchar *dst = out.ptr(y);
+        for (int x = 0; x < size.width; ++x) {
+            const uchar *p = src + size_t((x + 0.5) * frame.cols / size.width) * channels;
+            dst[x] = channels < 3 ? p[0] : uchar((p[0] * 1868 + p[1] * 9617 + p[2] * 4899 + 8192) >> 14);
+        }
+    }
+}
+
+} // namespace
+
 void PageTurnWatcher::reset()
 {
     still_.release();
@@ -40,28 +62,27 @@ void PageTurnWatcher::thumbnail(const cv::Mat &frame, cv::Mat &out)
     watcher.makeThumbnail(frame, out);
 }
 
-// Only every few rows and columns of a large frame are read: a grid twice
-// the copy's size, picked straight from the frame, then averaged down and
-// blurred. The same pixels are picked from every frame of a still scene, so
-// the picking adds no difference of its own.
+// Only one pixel in every few rows and columns of a large frame is read
+// (reading the whole of a 3264x2448 frame would cost more than the rest of
+// the watching together); the blur then averages neighbouring picks against
+// noise. The same pixels are picked from every frame of a still scene, so
+// the picking adds no difference of its own. Small frames are averaged down.
 void PageTurnWatcher::makeThumbnail(const cv::Mat &frame, cv::Mat &out)
 {
     const int width = thumbnailWidth;
-    const int height = std::max(1, int(double(frame.rows) * width / frame.cols + 0.5));
-    const cv::Size grid(2 * width, 2 * height);
-    if (frame.cols > grid.width && frame.rows > grid.height)
-        cv::resize(frame, sampled_, grid, 0, 0, cv::INTER_NEAREST);
-    else
-        cv::resize(frame, sampled_, grid, 0, 0, cv::INTER_LINEAR);
-    if (sampled_.channels() == 3)
-        cv::cvtColor(sampled_, sampled_, cv::COLOR_BGR2GRAY);
-    else if (sampled_.channels() == 4)
-        cv::cvtColor(sampled_, sampled_, cv::COLOR_BGRA2GRAY);
-    cv::Mat small;
-    cv::resize(sampled_, small, cv::Size(width, height), 0, 0, cv::INTER_AREA);
-    cv::GaussianBlur(small, small, cv::Size(5, 5), 1.0);
-    const double mean = std::max(1.0, cv::mean(small)[0]);
-    small.convertTo(out, CV_32F, 1.0 / mean);
+    const cv::Size size(width, std::max(1, int(double(frame.rows) * width / frame.cols + 0.5)));
+    if (frame.cols >= 4 * size.width && frame.rows >= 4 * size.height && frame.depth() == CV_8U) {
+        pickGrey(frame, size, sampled_);
+    } else {
+        cv::resize(frame, sampled_, size, 0, 0, cv::INTER_AREA);
+        if (sampled_.channels() == 3)
+            cv::cvtColor(sampled_, sampled_, cv::COLOR_BGR2GRAY);
+        else if (sampled_.channels() == 4)
+            cv::cvtColor(sampled_, sampled_, cv::COLOR_BGRA2GRAY);
+    }
+    cv::GaussianBlur(sampled_, sampled_, cv::Size(5, 5), 1.2);
+    const double mean = std::max(1.0, cv::mean(sampled_)[0]);
+    sampled_.convertTo(out, CV_32F, 1.0 / mean);
 }
 
 double PageTurnWatcher::changedFraction(const cv::Mat &a, const cv::Mat &b)
