@@ -83,6 +83,18 @@ private slots:
         QVERIFY(std::abs(cv::mean(small)[0] - 1.0) < 0.01);
         PageTurnWatcher::thumbnail(page(1, cv::Size(1920, 1080)), small);
         QCOMPARE(small.size(), cv::Size(160, 90));
+        // Dark left half, bright right half: twice as bright as the mean on
+        // the right, black on the left, away from the blurred middle.
+        cv::Mat halves(2448, 3264, CV_8UC3, cv::Scalar(0, 0, 0));
+        halves.colRange(1632, 3264).setTo(cv::Scalar(200, 200, 200));
+        PageTurnWatcher::thumbnail(halves, small);
+        QVERIFY(std::abs(small.at<float>(60, 20)) < 0.01);
+        QVERIFY(std::abs(small.at<float>(60, 140) - 2.0f) < 0.02);
+        // Grey is weighed as the usual luma: pure green is brighter than blue.
+        cv::Mat colours(480, 640, CV_8UC3, cv::Scalar(255, 0, 0));
+        colours.colRange(320, 640).setTo(cv::Scalar(0, 255, 0));
+        PageTurnWatcher::thumbnail(colours, small);
+        QVERIFY(small.at<float>(60, 140) > 3 * small.at<float>(60, 20));
     }
 
     void pageAtTheStartIsShotOnceItHasBeenStill()
