@@ -6,7 +6,6 @@
 #include "camerainfo.h"
 #include "mainwindowqcamera.h"
 #include "qcameraview.h"
-#include "startup.h"
 #include "testsupport.h"
 #include "threads/imageprocessing.h"
 #include "ui_mainwindowqcamera.h"
@@ -162,13 +161,7 @@ class TestPageTurnAccuracy : public QObject
     }
 
 private slots:
-    void initTestCase()
-    {
-        preferVideo4Linux2Capture();
-        Cache::config->exe_path = QStringLiteral(BUILD_DIR);
-        if (Cache::config->resolutions.isEmpty())
-            appendOutputSizes(Cache::config->resolutions);
-    }
+    void initTestCase() { prepareWindowTests(); }
 
     void init()
     {
@@ -176,13 +169,8 @@ private slots:
         m_scratch.reset(new QTemporaryDir);
         m_documents.reset(new QTemporaryDir);
         QVERIFY(m_scratch->isValid() && m_documents->isValid());
-        Cache::config->init();
-        Cache::config->camera_index = 0;
-        Cache::config->user_documentsLocation = m_documents->path();
-        Cache::config->image_out_resolution = 11; // 640x480: quick photos, still readable
-        Cache::config->isSaveTiff = false;
+        resetWindowSettings(m_documents->path());
         Cache::config->shooting_mode = ShootingModePageTurn;
-        Cache::cameras->clear();
         m_photos.clear();
     }
 

@@ -8,7 +8,6 @@
 #include "mainwindowqcamera.h"
 #include "qcameraview.h"
 #include "settingdialog.h"
-#include "startup.h"
 #include "testsupport.h"
 #include "threads/imageprocessing.h"
 #include "ui_mainwindowqcamera.h"
@@ -63,13 +62,7 @@ class TestPageTurnSeries : public QObject
     static ImageProcessing *engine(MainWindowQCamera &w) { return w.ui->video->m_imageProcessing; }
 
 private slots:
-    void initTestCase()
-    {
-        preferVideo4Linux2Capture();
-        Cache::config->exe_path = QStringLiteral(BUILD_DIR);
-        if (Cache::config->resolutions.isEmpty())
-            appendOutputSizes(Cache::config->resolutions);
-    }
+    void initTestCase() { prepareWindowTests(); }
 
     void init()
     {
@@ -78,13 +71,8 @@ private slots:
         m_documents.reset(new QTemporaryDir);
         QVERIFY(m_state->isValid() && m_documents->isValid());
         qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
-        Cache::config->init();
-        Cache::config->camera_index = 0;
-        Cache::config->user_documentsLocation = m_documents->path();
-        Cache::config->image_out_resolution = 11; // 640x480: small, quick photos
-        Cache::config->isSaveTiff = false;
+        resetWindowSettings(m_documents->path());
         Cache::config->shooting_mode = ShootingModePageTurn;
-        Cache::cameras->clear();
     }
 
     void cleanup()

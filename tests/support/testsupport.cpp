@@ -1,9 +1,14 @@
 #include "testsupport.h"
 
+#include "cache.h"
+#include "camerainfo.h"
+#include "startup.h"
+
 #include <QAbstractButton>
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QMessageBox>
 #include <QProcess>
 #include <QTimer>
@@ -92,6 +97,24 @@ void clearVirtualCameraEnvironment()
         if (key.startsWith("VCAM_"))
             qunsetenv(key.toLocal8Bit().constData());
     }
+}
+
+void prepareWindowTests()
+{
+    preferVideo4Linux2Capture();
+    Cache::config->exe_path = QFileInfo(QStringLiteral(BRIVORA_EXE)).absolutePath();
+    if (Cache::config->resolutions.isEmpty())
+        appendOutputSizes(Cache::config->resolutions);
+}
+
+void resetWindowSettings(const QString &documents)
+{
+    Cache::config->init();
+    Cache::config->camera_index = 0;
+    Cache::config->user_documentsLocation = documents;
+    Cache::config->image_out_resolution = 11; // 640x480
+    Cache::config->isSaveTiff = false;
+    Cache::cameras->clear();
 }
 
 ProgramRun runProgram(const QString &workDir, const QString &home,
