@@ -2,7 +2,6 @@
 #define CONFIG_H
 
 #include <QList>
-#include <QSettings>
 #include <QSize>
 #include <QString>
 
@@ -110,11 +109,6 @@ public:
     QString ini_extra_perspective;
     QString ini_extra_shooting_mode;
     QString ini_extra_pdf_ocr;
-
-private:
-    void initExtensions();
-    void loadExtensions(const QSettings &settings);
-    void saveExtensions(QSettings &settings) const;
 };
 
 #endif // CONFIG_H

@@ -5,6 +5,7 @@
 //   build/bench/bench_preview --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include "imaging/pageturn.h"
 #include "threads/imageprocessing.h"
+#include "threads/pixelops.h"
 
 #include <benchmark/benchmark.h>
 
@@ -116,8 +117,29 @@ void BM_PageTurnWatch(benchmark::State &state)
     state.SetLabel("page-turn watch " + std::to_string(frame.cols) + "x" + std::to_string(frame.rows));
 }
 
+// The sheet search's outline step: on a buffer of ours (OpenCV's C search)
+// against OpenCV's C++ search, which copies the picture first.
+void BM_Outlines(benchmark::State &state)
+{
+    cv::Mat grey;
+    cv::cvtColor(deskFrame(sizeFor(state.range(1))), grey, cv::COLOR_BGR2GRAY);
+    cv::Mat work;
+    std::vector<std::vector<cv::Point>> contours;
+    const bool copying = state.range(0) == 1;
+    for (auto _ : state) {
+        if (copying)
+            findBrightOutlinesWithCopy(grey, 127, work, contours);
+        else
+            findBrightOutlines(grey, 127, work, contours);
+        benchmark::DoNotOptimize(contours.data());
+    }
+    state.SetLabel(std::string(copying ? "outlines, C++ search " : "outlines, own buffer ")
+                   + std::to_string(grey.cols) + "x" + std::to_string(grey.rows));
+}
+
 } // namespace
 
+BENCHMARK(BM_Outlines)->ArgsProduct({{0, 1}, {0, 1}})->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_FloorClone)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Preview)
     ->ArgsProduct({{0, 1, 2, 3, 4}, {0, 1}})

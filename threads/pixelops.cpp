@@ -2,7 +2,10 @@
 
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
+#include <opencv2/core/version.hpp>
+#if CV_VERSION_MAJOR < 5
 #include <opencv2/imgproc/imgproc_c.h>
+#endif
 
 #include <algorithm>
 #include <cstring>
@@ -88,9 +91,22 @@ void whitenWhereMarked(const cv::Mat &src, const cv::Mat &bin, cv::Mat &out)
     });
 }
 
+void findBrightOutlinesWithCopy(const cv::Mat &grey, double level, cv::Mat &bin,
+                                std::vector<std::vector<cv::Point>> &contours)
+{
+    cv::threshold(grey, bin, level, 255, cv::THRESH_BINARY);
+    cv::findContours(bin, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
+}
+
+// cv::findContours copies its picture into a zero-framed buffer of its own
+// on every call (8 MB a frame at 3264x2448). OpenCV's C search runs on ours
+// instead, thresholded straight into its frame. The C interface is gone from
+// OpenCV 5, where the copying search serves; both give the same outlines in
+// the same order.
 void findBrightOutlines(const cv::Mat &grey, double level, cv::Mat &padded,
                         std::vector<std::vector<cv::Point>> &contours)
 {
+#if CV_VERSION_MAJOR < 5
     const int rows = grey.rows;
     const int cols = grey.cols;
     padded.create(rows + 2, cols + 2, CV_8UC1);
@@ -101,8 +117,7 @@ void findBrightOutlines(const cv::Mat &grey, double level, cv::Mat &padded,
     cv::Mat inside = padded(cv::Rect(1, 1, cols, rows));
     cv::threshold(grey, inside, level, 255, cv::THRESH_BINARY);
 
-    // The search cv::findContours runs on its own zero-framed copy, with the
-    // same offset back to the picture's coordinates.
+    // The frame's offset is taken back, as cv::findContours does.
     cv::MemStorage storage(cvCreateMemStorage());
     CvMat image = cvMat(padded);
     CvSeq *first = nullptr;
@@ -118,6 +133,9 @@ void findBrightOutlines(const cv::Mat &grey, double level, cv::Mat &padded,
             cvCvtSeqToArray(contour, points.data());
         contours.push_back(std::move(points));
     }
+#else
+    findBrightOutlinesWithCopy(grey, level, padded, contours);
+#endif
 }
 
 namespace {

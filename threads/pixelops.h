@@ -31,6 +31,11 @@ void whitenWhereMarked(const cv::Mat &src, const cv::Mat &bin, cv::Mat &out);
 void findBrightOutlines(const cv::Mat &grey, double level, cv::Mat &padded,
                         std::vector<std::vector<cv::Point>> &contours);
 
+// The same outlines through OpenCV's C++ search alone, which copies the
+// thresholded picture (bin) into a framed buffer of its own.
+void findBrightOutlinesWithCopy(const cv::Mat &grey, double level, cv::Mat &bin,
+                                std::vector<std::vector<cv::Point>> &contours);
+
 // Rows of pixels somewhere in memory: an image's or a matrix's. Only the
 // destination of an operation is written.
 struct Plane
