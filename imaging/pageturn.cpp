@@ -80,7 +80,8 @@ void PageTurnWatcher::makeThumbnail(const cv::Mat &frame, cv::Mat &out)
         else if (sampled_.channels() == 4)
             cv::cvtColor(sampled_, sampled_, cv::COLOR_BGRA2GRAY);
     }
-    cv::GaussianBlur(sampled_, sampled_, cv::Size(5, 5), 1.2);
+    // The 5x5 kernel's own width (sigma 0): OpenCV's fast fixed-point path.
+    cv::GaussianBlur(sampled_, sampled_, cv::Size(5, 5), 0);
     const double mean = std::max(1.0, cv::mean(sampled_)[0]);
     sampled_.convertTo(out, CV_32F, 1.0 / mean);
 }
