@@ -13,6 +13,8 @@ packages=(
   poppler-utils
   xvfb xauth imagemagick
   fonts-noto-cjk
+  libtesseract-dev tesseract-ocr-chi-sim tesseract-ocr-eng
+  libqpdf-dev qpdf
 )
 
 missing=()

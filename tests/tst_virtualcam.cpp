@@ -9,6 +9,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include "testsupport.h"
+#include "tiltscene.h"
 
 #include <QtTest>
 
@@ -522,7 +523,7 @@ private slots:
         QCOMPARE(stateKeys(0), QStringList({"pixelformat", "width", "height", "fps", "exposure_auto",
                                             "exposure_absolute", "exposure_absolute_requested",
                                             "exposure_auto_requested", "focus_auto", "streaming", "frames",
-                                            "opens"}));
+                                            "opens", "exposure", "autofocus"}));
         cap.release();
         st = readState(0);
         QCOMPARE(st.value("streaming"), QStringLiteral("0"));
@@ -629,6 +630,120 @@ private slots:
         QVERIFY(std::abs(r.center.x - 640) < 4 && std::abs(r.center.y - 360) < 4);
     }
 
+    // The corners of the largest bright blob of a frame, clockwise from the
+    // top-left one.
+    static std::vector<cv::Point2f> brightQuad(const cv::Mat &frame)
+    {
+        cv::Mat mask;
+        cv::threshold(grey(frame), mask, 150, 255, cv::THRESH_BINARY);
+        std::vector<std::vector<cv::Point>> contours;
+        cv::findContours(mask, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+        size_t largest = 0;
+        for (size_t i = 1; i < contours.size(); ++i)
+            if (cv::contourArea(contours[i]) > cv::contourArea(contours[largest]))
+                largest = i;
+        std::vector<cv::Point> approx;
+        if (!contours.empty())
+            cv::approxPolyDP(contours[largest], approx, 0.02 * cv::arcLength(contours[largest], true), true);
+        return std::vector<cv::Point2f>(approx.begin(), approx.end());
+    }
+
+    static double farthestCorner(const std::vector<cv::Point2f> &found, const vcam::PageCorners &truth)
+    {
+        double worst = 0;
+        for (const cv::Point2d &t : truth) {
+            double best = 1e9;
+            for (const cv::Point2f &f : found)
+                best = std::min(best, cv::norm(cv::Point2d(f) - t));
+            worst = std::max(worst, best);
+        }
+        return worst;
+    }
+
+    void pageByFourCornersLiesThereWithItsPrint()
+    {
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", "quads:0.3,0.2,0.7,0.25,0.75,0.85,0.25,0.8");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        const std::vector<cv::Point2f> quad = brightQuad(frame);
+        QCOMPARE(int(quad.size()), 4);
+        const vcam::PageCorners truth = {cv::Point2d(384, 144), cv::Point2d(896, 180), cv::Point2d(960, 612),
+                                         cv::Point2d(320, 576)};
+        QVERIFY2(farthestCorner(quad, truth) < 4, qPrintable(QString::number(farthestCorner(quad, truth))));
+        // The print: ink on the ruled frame's top line, paper between it and
+        // the page's edge.
+        const cv::Point2f unit[4] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+        cv::Point2f to[4];
+        for (int i = 0; i < 4; ++i)
+            to[i] = cv::Point2f(truth[i]);
+        std::vector<cv::Point2f> onPage = {{0.5f, float(vcam::kPageRuleInset)}, {0.5f, 0.04f}};
+        cv::perspectiveTransform(onPage, onPage, cv::getPerspectiveTransform(unit, to));
+        const cv::Point2f onRule = onPage[0], margin = onPage[1];
+        const cv::Mat g = grey(frame);
+        double ink = 255;
+        for (int dy = -3; dy <= 3; ++dy)
+            ink = std::min(ink, double(g.at<uchar>(int(onRule.y) + dy, int(onRule.x))));
+        QVERIFY2(ink < 150, qPrintable(QString::number(ink)));
+        QVERIFY(meanAt(g, int(margin.x), int(margin.y)) > 200);
+    }
+
+    void tiltedCameraSeesThePageAsTheHomographySays_data()
+    {
+        QTest::addColumn<QString>("tilt");
+        QTest::addColumn<QString>("focal");
+        QTest::addColumn<double>("tiltX");
+        QTest::addColumn<double>("tiltY");
+        QTest::addColumn<double>("focalWidths");
+        QTest::newRow("x:30") << "x:30" << "" << 30.0 << 0.0 << 1.0;
+        QTest::newRow("y:-20, focal 0.6") << "y:-20" << "0.6" << 0.0 << -20.0 << 0.6;
+        QTest::newRow("x:10,y:15") << "x:10,y:15" << "" << 10.0 << 15.0 << 1.0;
+        QTest::newRow("malformed: untilted") << "z:10" << "" << 0.0 << 0.0 << 1.0;
+    }
+
+    void tiltedCameraSeesThePageAsTheHomographySays()
+    {
+        QFETCH(QString, tilt);
+        QFETCH(QString, focal);
+        QFETCH(double, tiltX);
+        QFETCH(double, tiltY);
+        QFETCH(double, focalWidths);
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", "pages:0.5,0.5,0.3,0.6,10");
+        qputenv("VCAM_0_TILT", tilt.toLatin1());
+        if (!focal.isEmpty())
+            qputenv("VCAM_0_FOCAL", focal.toLatin1());
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+
+        vcam::SceneSpec scene;
+        scene.tiltX = tiltX;
+        scene.tiltY = tiltY;
+        scene.focal = focalWidths;
+        vcam::PageSpec page;
+        page.sheet = vcam::SheetSpec{0.5, 0.5, 0.3, 0.6, 10};
+        const vcam::PageCorners truth =
+            vcam::mapCorners(vcam::tiltHomography(scene, 1280, 720), vcam::pageCorners(page, 1280, 720));
+        const std::vector<cv::Point2f> quad = brightQuad(frame);
+        QCOMPARE(int(quad.size()), 4);
+        QVERIFY2(farthestCorner(quad, truth) < 4, qPrintable(QString::number(farthestCorner(quad, truth))));
+        if (tiltX >= 30) {
+            // Tilted about the horizontal axis, the lower edge is the far one.
+            QVERIFY(cv::norm(truth[2] - truth[3]) < 0.9 * cv::norm(truth[1] - truth[0]));
+        }
+        // The desk is still seen all over the frame, even where the tilted
+        // view reaches past the flat scene.
+        const cv::Mat g = grey(frame);
+        for (const cv::Point p : {cv::Point(4, 4), cv::Point(1275, 4), cv::Point(4, 715), cv::Point(1275, 715)})
+            QVERIFY(meanAt(g, p.x, p.y) > 25 && meanAt(g, p.x, p.y) < 80);
+        qunsetenv("VCAM_0_TILT");
+        qunsetenv("VCAM_0_FOCAL");
+    }
+
     void frameCounterChangesEveryFrameAndStaysDim()
     {
         for (const cv::Size size : {cv::Size(320, 240), cv::Size(1280, 720)}) {
@@ -696,11 +811,14 @@ private slots:
         QCOMPARE(st.value("exposure_absolute_requested"), QString());
         QCOMPARE(st.value("exposure_auto_requested"), QString());
         QCOMPARE(st.value("focus_auto"), QStringLiteral("1"));
+        QCOMPARE(st.value("exposure"), QStringLiteral("auto"));
+        QCOMPARE(st.value("autofocus"), QStringLiteral("on"));
 
         QVERIFY(cap.set(cv::CAP_PROP_AUTO_EXPOSURE, 1));
         st = readState(0);
         QCOMPARE(st.value("exposure_auto"), QStringLiteral("1"));
         QCOMPARE(st.value("exposure_auto_requested"), QStringLiteral("1"));
+        QCOMPARE(st.value("exposure"), QStringLiteral("manual"));
         QCOMPARE(cap.get(cv::CAP_PROP_AUTO_EXPOSURE), 1.0);
 
         QVERIFY(cap.set(cv::CAP_PROP_EXPOSURE, -3));
@@ -716,8 +834,10 @@ private slots:
 
         QVERIFY(cap.set(cv::CAP_PROP_AUTOFOCUS, 0));
         QCOMPARE(readState(0).value("focus_auto"), QStringLiteral("0"));
+        QCOMPARE(readState(0).value("autofocus"), QStringLiteral("off"));
         QVERIFY(cap.set(cv::CAP_PROP_AUTOFOCUS, 1));
         QCOMPARE(readState(0).value("focus_auto"), QStringLiteral("1"));
+        QCOMPARE(readState(0).value("autofocus"), QStringLiteral("on"));
 
         // A mode the camera does not offer is refused but still recorded.
         QVERIFY(!cap.set(cv::CAP_PROP_AUTO_EXPOSURE, 2));

@@ -335,14 +335,8 @@ void ImageProcessing::takePhoto()
         QImage copy = image;
         paintPhoto(copy, first, second, show1, show2, insets);
         const QString fileName = nextOutputFileName(format);
-        QImageWriter writer(fileName, format.toUtf8());
-        writer.setQuality(Cache::config->image_quality);
-        // The name is reported whatever happens; a failure is logged so that
-        // a photo lost to a full disk or a removed folder leaves a trace.
-        if (copy.isNull())
-            qDebug() << Q_FUNC_INFO << "nothing to save as" << fileName << "(empty picture)";
-        else if (!writer.write(copy))
-            qDebug() << Q_FUNC_INFO << "could not write" << fileName << ":" << writer.errorString();
+        // The name is reported whatever happens.
+        writePhoto(copy, fileName, format);
         files.append(fileName);
     }
     emit sendTakePhotoImageSignal(files, 0);
@@ -363,8 +357,12 @@ QList<QImage> ImageProcessing::photoImages(const cv::Mat &processed,
             main = main.scaled(outSize, Qt::KeepAspectRatio, Qt::SmoothTransformation);
         images.append(handleQImage(main));
     } else if (correction == 1 || correction == 2) {
-        for (const cv::RotatedRect &r : rects)
-            images.append(handleQImage(MatQImage(deskewCutOut(processed, r))));
+        const bool flatten = sheetQuads.size() == rects.size();
+        for (size_t i = 0; i < rects.size(); ++i) {
+            const cv::Mat sheet = flatten ? flattenSheet(processed, sheetQuads[i], rects[i])
+                                          : deskewCutOut(processed, rects[i]);
+            images.append(handleQImage(MatQImage(sheet)));
+        }
     }
     if ((show1 || show2) && !insets) {
         if (show1)
@@ -609,8 +607,23 @@ std::vector<cv::RotatedRect> ImageProcessing::processMat(const cv::Mat &src, cv:
     if (!draw || list.empty())
         return list;
 
-    drawOutlines(out, list, outlineColour(correction));
+    drawSheetOutlines(out, list, outlineColour(correction));
     return list;
+}
+
+// The sheets' quadrilaterals when the search found them, else their
+// rotated rectangles; the same colour, thickness and smallest area.
+void ImageProcessing::drawSheetOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
+                                        const cv::Scalar &colour) const
+{
+    if (sheetQuads.size() != sheets.size()) {
+        drawOutlines(img, sheets, colour);
+        return;
+    }
+    for (size_t i = 0; i < sheets.size(); ++i) {
+        if (sheets[i].size.width * sheets[i].size.height > minimumSheetArea)
+            drawQuad(img, sheetQuads[i], colour);
+    }
 }
 
 // Green around the one sheet of single correction, red around each of
@@ -651,7 +664,7 @@ QImage ImageProcessing::previewImage(const cv::Mat &raw)
         cv::Mat view(image.height(), image.width(), CV_8UC3, image.bits(),
                      size_t(image.bytesPerLine()));
         const cv::Scalar bgr = outlineColour(correction);
-        drawOutlines(view, sheets, cv::Scalar(bgr[2], bgr[1], bgr[0]));
+        drawSheetOutlines(view, sheets, cv::Scalar(bgr[2], bgr[1], bgr[0]));
         return image;
     }
     const cv::Mat *src = &raw;
@@ -783,6 +796,9 @@ std::vector<cv::RotatedRect> ImageProcessing::findSquaresInGrey(const cv::Mat &g
     cv::RotatedRect best(cv::Point2f(0, 0), cv::Size2f(0, 0), 0);
     int maxArea = 0;
     std::vector<cv::RotatedRect> all;
+    const bool quads = perspective;
+    const std::vector<cv::Point> *bestContour = nullptr;
+    sheetQuads.clear();
     for (const std::vector<cv::Point> &contour : contours) {
         const cv::RotatedRect r = cv::minAreaRect(contour);
         const float a = r.size.width * r.size.height;
@@ -793,13 +809,18 @@ std::vector<cv::RotatedRect> ImageProcessing::findSquaresInGrey(const cv::Mat &g
             if (a > float(maxArea)) {
                 best = r;
                 maxArea = int(a);
+                bestContour = &contour;
             }
             all.push_back(r);
+            if (quads && correction == 2)
+                sheetQuads.push_back(sheetCorners(contour, r));
         }
     }
 
     switch (correction) {
     case 1:
+        if (quads)
+            sheetQuads.push_back(bestContour ? sheetCorners(*bestContour, best) : SheetQuad{});
         return {best};
     case 2:
         return all;

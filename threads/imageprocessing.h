@@ -10,6 +10,7 @@
 
 #include "previewfit.h"
 #include "imaging/pageturn.h"
+#include "imaging/perspective.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
@@ -103,6 +104,9 @@ public:
 
     // Document detection.
     std::vector<cv::RotatedRect> findSquares(const cv::Mat &src);
+    // With perspective on, the four corners of each sheet the last search
+    // returned, in its order; empty with it off.
+    const std::vector<SheetQuad> &foundSheetCorners() const { return sheetQuads; }
 
     // The upright cut-out of one detected sheet: img turned about the
     // sheet's centre by the smallest angle that makes the sheet straight,
@@ -157,6 +161,8 @@ private:
     std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
                                             int correction, int shooting);
     std::vector<cv::RotatedRect> findSquaresInGrey(const cv::Mat &grey, int correction);
+    void drawSheetOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
+                           const cv::Scalar &colour) const;
     QImage &previewBuffer(int width, int height, QImage::Format format);
     QImage &convertForPreview(const cv::Mat &mat);
     QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
@@ -180,6 +186,9 @@ private:
     cv::Mat workBin;
     std::vector<cv::Mat> workMeans;
     cv::Mat workSheets; // thresholded frame inside a frame of zeros
+    // With perspective on, the corners of each sheet the last search
+    // returned, in its order; empty with it off.
+    std::vector<SheetQuad> sheetQuads;
     cv::Mat previewOut;
     QImage previewImages[4]; // handed out again once nobody else holds them
     QImage spareImage;

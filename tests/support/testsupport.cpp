@@ -195,3 +195,14 @@ int readPageNumber(const cv::Mat &picture)
     }
     return number;
 }
+
+void useNumberedOutput(const QString &folder)
+{
+    Config *c = Cache::config;
+    c->user_documentsLocation = folder;
+    c->save_type = 0;
+    c->save_prefix = "IMG";
+    c->save_number = 1;
+    c->image_codec = "jpg";
+    c->image_quality = 95;
+}

@@ -60,6 +60,10 @@ QMap<QString, QString> readVirtualCameraState(const QString &dir, int node);
 // file's order; the output folder is given (it depends on HOME).
 QList<QPair<QString, QVariant>> factorySettings(const QString &documentsFolder);
 
+// Settings for files the program writes: into folder, named IMG_1, IMG_2,
+// ..., photos as JPEG of quality 95.
+void useNumberedOutput(const QString &folder);
+
 // Removes every VCAM_* variable from this process's environment.
 void clearVirtualCameraEnvironment();
 

@@ -26,10 +26,25 @@ struct SheetSpec {
     double angle = 0;           // degrees, clockwise on screen
 };
 
+// A sheet printed with straight lines along its edges, a cross and text,
+// for measuring how flat a cut-out comes out: given like a plain sheet, or
+// by its four corners (top-left, top-right, bottom-right, bottom-left of
+// the print, fractions of the frame's width and height).
+struct PageSpec {
+    bool byCorners = false;
+    SheetSpec sheet;
+    double corners[8] = {};
+};
+
 struct SceneSpec {
     enum Kind { Sheets, Image, Desk };
     Kind kind = Sheets;
     std::vector<SheetSpec> sheets;
+    std::vector<PageSpec> pages;  // drawn over the sheets
+    // The camera tilted by these angles (degrees) about the scene's
+    // horizontal and vertical axes through its centre; focal length in frame
+    // widths.
+    double tiltX = 0, tiltY = 0, focal = 1.0;
     std::string imagePath;
     std::string key;  // canonical text, identifies the scene in caches
 };
@@ -76,5 +91,9 @@ std::string fourccToString(uint32_t fourcc);
 std::vector<Size> parseSizes(const std::string &text);
 SceneSpec parseScene(const std::string &text);
 SceneSpec defaultScene();
+// "x:20", "y:-10", "x:20,y:10" (degrees), and the focal length ("" keeps
+// the default), into scene (and its key). False, scene untouched, when
+// malformed.
+bool parseTilt(const std::string &tilt, const std::string &focal, SceneSpec *scene);
 
 }  // namespace vcam

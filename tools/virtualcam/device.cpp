@@ -190,6 +190,14 @@ const char *ioctlName(unsigned int request)
 
 // ---------------------------------------------------------------- state file
 
+// What the exposure menu means for the exposure time: the camera chooses it
+// (automatic, aperture priority) or it is the value set by hand (manual,
+// shutter priority).
+const char *exposureMeaning(int menu)
+{
+    return menu == V4L2_EXPOSURE_MANUAL || menu == V4L2_EXPOSURE_SHUTTER_PRIORITY ? "manual" : "auto";
+}
+
 void writeState(Device &d)
 {
     if (d.stateDir.empty() || d.generation != g_generation.load())
@@ -211,7 +219,9 @@ void writeState(Device &d)
       << "focus_auto=" << d.controls[V4L2_CID_FOCUS_AUTO] << '\n'
       << "streaming=" << (d.streaming ? 1 : 0) << '\n'
       << "frames=" << d.frames << '\n'
-      << "opens=" << d.opens << '\n';
+      << "opens=" << d.opens << '\n'
+      << "exposure=" << exposureMeaning(d.controls[V4L2_CID_EXPOSURE_AUTO]) << '\n'
+      << "autofocus=" << (d.controls[V4L2_CID_FOCUS_AUTO] != 0 ? "on" : "off") << '\n';
     const std::string text = s.str();
 
     const std::string path = d.stateDir + "/video" + std::to_string(d.spec.index) + ".state";
