@@ -6,7 +6,9 @@
 #include "imagemergingdialog.h"
 #include "imagesavepdfortiffdialog.h"
 #include "settingdialog.h"
+#include "shootingkeys.h"
 
+#include <QApplication>
 #include <QButtonGroup>
 #include <QDesktopServices>
 #include <QDir>
@@ -62,7 +64,9 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
       picCount(10),
       isReady(false),
       isTimeShooting(false),
-      isVideoShooting(false)
+      isVideoShooting(false),
+      isPageTurnShooting(false),
+      shootingKeys(nullptr)
 {
     ui->setupUi(this);
     ui->lbUserWorkDir_2->setText(Cache::config->user_documentsLocation);
@@ -72,6 +76,7 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
 
     timerShooting = new QTimer(this);
     connect(timerShooting, &QTimer::timeout, this, &MainWindowQCamera::onShootingTimer);
+    connect(ui->video, &QCameraView::pageTurnSettled, this, &MainWindowQCamera::onPageTurnSettled);
 
     settingsDialog = new SettingDialog(this);
     connect(settingsDialog, SIGNAL(videSettingSignal()), this, SLOT(videoSetting()));
@@ -150,6 +155,12 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
     ui->btnSecCamCon_2->hide();
 
     setBigButtonStyle();
+
+    shootingKeys = new ShootingKeys(this, [this] { return dialogOpen(); });
+    connect(shootingKeys, &ShootingKeys::photoPressed, this, &MainWindowQCamera::on_btnShooting_clicked);
+    connect(shootingKeys, &ShootingKeys::seriesPressed, this, &MainWindowQCamera::on_btnShootingTime_clicked);
+    ui->btnShooting->setToolTip(QStringLiteral("拍照（空格键）"));
+    ui->btnShootingTime->setToolTip(QStringLiteral("定时拍摄（F5）"));
 
     ui->check_image_merging_2->hide();
     ui->cbSaveTiffImage_2->hide();
@@ -238,19 +249,54 @@ void MainWindowQCamera::on_btnShootingTime_clicked()
         imageSavePDFOrTiff->close();
 
     if (isTimeShooting) {
-        timerShooting->stop();
+        stopSeries();
         ui->btnShootingTime->setText(QStringLiteral("\n\n定时"));
         ui->lb_video_tip->setText(QString::fromUtf8(loadingTip));
         ui->lb_video_tip->hide();
     } else {
         ui->btnShootingTime->setText(QStringLiteral("\n\n拍照中"));
-        ui->lb_video_tip->setText(QStringLiteral("定时拍照中......"));
+        startSeries();
         ui->lb_video_tip->show();
-        // A zero or negative interval from a hand-edited settings file would
-        // shoot on every pass of the event loop; one second is the least.
-        timerShooting->start(qMax(1, Cache::config->image_shooting_time) * 1000);
     }
     isTimeShooting = !isTimeShooting;
+}
+
+// The series runs the way the settings say when it starts: on a fixed
+// interval, or a photo each time a turned page has come to rest.
+void MainWindowQCamera::startSeries()
+{
+    isPageTurnShooting = Cache::config->shooting_mode == ShootingModePageTurn;
+    if (isPageTurnShooting) {
+        ui->lb_video_tip->setText(QStringLiteral("自动拍摄中......"));
+        ui->video->setPageTurnSeries(true);
+        return;
+    }
+    ui->lb_video_tip->setText(QStringLiteral("定时拍照中......"));
+    // A zero or negative interval from a hand-edited settings file would
+    // shoot on every pass of the event loop; one second is the least.
+    timerShooting->start(qMax(1, Cache::config->image_shooting_time) * 1000);
+}
+
+void MainWindowQCamera::stopSeries()
+{
+    timerShooting->stop();
+    if (isPageTurnShooting)
+        ui->video->setPageTurnSeries(false);
+    isPageTurnShooting = false;
+}
+
+// A request the capture thread sent before the series stopped is dropped.
+void MainWindowQCamera::onPageTurnSettled()
+{
+    if (isTimeShooting && isPageTurnShooting)
+        takePhoto();
+}
+
+// The settings and the two composition dialogs, and any warning box.
+bool MainWindowQCamera::dialogOpen() const
+{
+    return QApplication::activeModalWidget() || settingsDialog->isVisible()
+           || imageMerging->isVisible() || imageSavePDFOrTiff->isVisible();
 }
 
 void MainWindowQCamera::on_btnShootingVideo_clicked()

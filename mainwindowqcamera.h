@@ -15,6 +15,7 @@ class QDialog;
 class QLabel;
 class QTimer;
 class SettingDialog;
+class ShootingKeys;
 
 QT_BEGIN_NAMESPACE
 namespace Ui {
@@ -48,6 +49,8 @@ public:
     bool isReady;
     bool isTimeShooting;
     bool isVideoShooting;
+    bool isPageTurnShooting; // the running series is the page-turn one
+    ShootingKeys *shootingKeys;
 
     void takePhoto();
     bool checkShootingVideo();
@@ -56,6 +59,7 @@ public:
 public slots:
     // Shooting
     void onShootingTimer();
+    void onPageTurnSettled();
     void on_btnShooting_clicked();
     void on_btnShootingTime_clicked();
     void on_btnShootingVideo_clicked();
@@ -100,6 +104,9 @@ private:
     void toggleCompositionDialog(QDialog *dialog, QDialog *other, const std::function<void()> &init);
     void setBigButtonStyle();
     void applyExtensionSettings();
+    void startSeries();
+    void stopSeries();
+    bool dialogOpen() const;
 };
 
 #endif // MAINWINDOWQCAMERA_H

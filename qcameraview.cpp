@@ -53,6 +53,7 @@ QCameraView::QCameraView(QWidget *parent)
     connect(timerWriter, SIGNAL(timeout()), this, SLOT(onWriterTimer()));
     connect(m_imageProcessing, &ImageProcessing::cameraAwaySignal, this,
             &QCameraView::showCameraAway);
+    connect(m_imageProcessing, &ImageProcessing::pageTurnSettled, this, &QCameraView::pageTurnSettled);
 }
 
 QCameraView::~QCameraView()
@@ -231,6 +232,13 @@ void QCameraView::setCameraShootType(int code)
 void QCameraView::setPerspectiveCorrection(bool on)
 {
     m_imageProcessing->perspective = on;
+}
+
+void QCameraView::setPageTurnSeries(bool on)
+{
+    if (on)
+        ++m_imageProcessing->pageTurnRun;
+    m_imageProcessing->pageTurnSeries = on;
 }
 
 void QCameraView::setTakePhotoChildCamera(bool on)

@@ -68,6 +68,7 @@ public:
     void setCameraCorrection(int code);
     void setCameraShootType(int code);
     void setPerspectiveCorrection(bool on);
+    void setPageTurnSeries(bool on);
     void setTakePhotoChildCamera(bool on);
     void setSaveImageToTiff(bool on);
     void videoSettingOpenWindow();
@@ -86,6 +87,7 @@ signals:
     void readMat(cv::Mat mat);
     void openCameraSignal();
     void closeCameraSignal();
+    void pageTurnSettled(); // a page-turn series asks for a photo
 
 public slots:
     void updateImage(QImage image);

@@ -1,7 +1,9 @@
 // The per-frame preview path (processing, outlines, conversion, rotation) by
-// mode and size, each beside a copy of the same frame in the same run.
+// mode and size, each beside a copy of the same frame in the same run; and
+// what a page-turn series adds to it.
 //
 //   build/bench/bench_preview --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include "imaging/pageturn.h"
 #include "threads/imageprocessing.h"
 #include "threads/pixelops.h"
 
@@ -9,6 +11,7 @@
 
 #include <QGuiApplication>
 
+#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 namespace {
@@ -84,6 +87,36 @@ void BM_FloorClone(benchmark::State &state)
     state.SetLabel("clone " + std::to_string(frame.cols) + "x" + std::to_string(frame.rows));
 }
 
+// What the loop does for each frame of an MJPG camera: decode it, then make
+// the colour preview.
+void BM_DecodeAndPreview(benchmark::State &state)
+{
+    const cv::Mat frame = deskFrame(sizeFor(state.range(0)));
+    std::vector<uchar> jpeg;
+    cv::imencode(".jpg", frame, jpeg, {cv::IMWRITE_JPEG_QUALITY, 90});
+    ImageProcessing engine;
+    for (auto _ : state) {
+        const cv::Mat decoded = cv::imdecode(jpeg, cv::IMREAD_COLOR);
+        QImage image = engine.previewImage(decoded);
+        benchmark::DoNotOptimize(image.constBits());
+    }
+    state.SetLabel("decode+colour " + std::to_string(frame.cols) + "x" + std::to_string(frame.rows));
+}
+
+// What a page-turn series adds to each frame: the watcher on a still page,
+// where it reduces the frame and compares twice, the most it does.
+void BM_PageTurnWatch(benchmark::State &state)
+{
+    const cv::Mat frame = deskFrame(sizeFor(state.range(0)));
+    PageTurnWatcher watcher;
+    int64_t time = 0;
+    for (auto _ : state) {
+        time += 33;
+        benchmark::DoNotOptimize(watcher.feed(frame, time));
+    }
+    state.SetLabel("page-turn watch " + std::to_string(frame.cols) + "x" + std::to_string(frame.rows));
+}
+
 // The sheet search's outline step: on a buffer of ours (OpenCV's C search)
 // against OpenCV's C++ search, which copies the picture first.
 void BM_Outlines(benchmark::State &state)
@@ -112,6 +145,18 @@ BENCHMARK(BM_Preview)
     ->ArgsProduct({{0, 1, 2, 3, 4}, {0, 1}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+// What watching for turned pages costs beside the cheapest preview (colour)
+// with and without decoding: the CPU column of these is the whole process's
+// (decoding and the preview spread over threads), which a busy machine
+// disturbs less than the wall clock.
+//   build/bench/bench_preview --benchmark_filter='Floor|process_time' --benchmark_repetitions=7 --benchmark_report_aggregates_only=true
+BENCHMARK(BM_Preview)
+    ->ArgsProduct({{0}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+BENCHMARK(BM_DecodeAndPreview)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(BM_PageTurnWatch)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 
 int main(int argc, char **argv)
 {

@@ -1,5 +1,6 @@
 // Behaviour of the preloaded virtual camera library, seen the way our
 // discovery code (raw Video4Linux2 calls) and OpenCV's V4L2 back end see it.
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -28,6 +29,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -218,6 +220,36 @@ bool openCapture(cv::VideoCapture &cap, int index, const char *fourcc, int w, in
         return false;
     return cap.set(cv::CAP_PROP_FRAME_WIDTH, w) && cap.set(cv::CAP_PROP_FRAME_HEIGHT, h);
 }
+
+// Frames read from camera 0 for ms milliseconds, each with the wall
+// clock time it was read at.
+struct TimedFrame {
+    qint64 at;
+    cv::Mat grey;
+};
+std::vector<TimedFrame> readFor(cv::VideoCapture &cap, int ms)
+{
+    std::vector<TimedFrame> frames;
+    QElapsedTimer clock;
+    clock.start();
+    cv::Mat frame;
+    while (clock.elapsed() < ms && cap.read(frame))
+        frames.push_back({QDateTime::currentMSecsSinceEpoch(), grey(frame)});
+    return frames;
+}
+
+// The script log's lines: time, step index, kind, page.
+QList<QStringList> scriptLog(const QString &path)
+{
+    QFile f(path);
+    QList<QStringList> lines;
+    if (f.open(QIODevice::ReadOnly))
+        for (const QByteArray &line : f.readAll().split('\n'))
+            if (!line.isEmpty())
+                lines << QString::fromLatin1(line).split(' ');
+    return lines;
+}
+
 
 }  // namespace
 
@@ -1396,6 +1428,111 @@ private slots:
         QCOMPARE(readState(0).value("pixelformat"), QStringLiteral("MJPG"));
         QCOMPARE(readState(2).value("pixelformat"), QStringLiteral("YUYV"));
         QCOMPARE(readState(2).value("width"), QStringLiteral("640"));
+    }
+
+    // ---- scripted scene ----------------------------------------------
+
+    void scriptShowsNumberedPagesHandsAndFlicker()
+    {
+        const QString log = m_state->filePath("script.log");
+        qputenv("VCAM_0_SIZES", "640x480");
+        qputenv("VCAM_0_FPS", "50");
+        qputenv("VCAM_0_SCRIPT", "page:5,500;hand:500;page:6,500;flicker:1000,3,250");
+        qputenv("VCAM_0_SCRIPT_LOG", log.toLocal8Bit());
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 640, 480));
+        const std::vector<TimedFrame> frames = readFor(cap, 3000);
+        QVERIFY(frames.size() > 60);
+
+        const QList<QStringList> lines = scriptLog(log);
+        QCOMPARE(lines.size(), 5);
+        const QStringList expected[] = {{"0", "page", "5"}, {"1", "hand", "6"}, {"2", "page", "6"},
+                                        {"3", "flicker", "6"}, {"4", "end", "6"}};
+        qint64 starts[5];
+        for (int i = 0; i < 5; ++i) {
+            QCOMPARE(lines[i].mid(1), expected[i]);
+            starts[i] = lines[i][0].toLongLong();
+        }
+        for (int i = 1; i < 4; ++i)
+            QVERIFY2(std::abs(starts[i] - starts[i - 1] - 500) < 120, qPrintable(lines[i].join(' ')));
+        QVERIFY(std::abs(starts[4] - starts[3] - 1000) < 120);
+
+        // Each frame by the step it was read in, leaving out frames read
+        // close to a change.
+        const auto stepOf = [&](qint64 at) {
+            for (int i = 4; i >= 0; --i)
+                if (at >= starts[i] + 60)
+                    return at < (i < 4 ? starts[i + 1] : LLONG_MAX) ? i : -1;
+            return -1;
+        };
+        cv::Mat five, six;
+        int counted[5] = {}, handHidden = 0, up = 0, down = 0;
+        for (const TimedFrame &f : frames) {
+            const int step = stepOf(f.at);
+            if (step < 0)
+                continue;
+            ++counted[step];
+            if (step == 0) {
+                QCOMPARE(readPageNumber(f.grey), 5);
+                five = f.grey;
+            } else if (step == 2) {
+                QCOMPARE(readPageNumber(f.grey), 6);
+                six = f.grey;
+            }
+        }
+        QVERIFY(!five.empty() && !six.empty());
+        QVERIFY2(cv::norm(five, six, cv::NORM_L1) / five.total() > 1, "the pages differ");
+        for (const TimedFrame &f : frames) {
+            const int step = stepOf(f.at);
+            if (step == 1) {
+                // A dark hand over the page, whichever page lies beneath.
+                cv::Mat d5, d6;
+                cv::absdiff(f.grey, five, d5);
+                cv::absdiff(f.grey, six, d6);
+                const int moved = std::min(cv::countNonZero(d5 > 60), cv::countNonZero(d6 > 60));
+                QVERIFY2(moved > int(f.grey.total() / 50), qPrintable(QString::number(moved)));
+                handHidden += readPageNumber(f.grey) == -1;
+            } else if (step == 3 || step == 4) {
+                QCOMPARE(readPageNumber(f.grey), 6);
+                const double shift = cv::mean(f.grey)[0] - cv::mean(six)[0];
+                if (step == 4)
+                    QVERIFY2(std::abs(shift) < 1, qPrintable(QString::number(shift)));
+                else if (shift > 2 && shift < 4)
+                    ++up;
+                else if (shift < -2 && shift > -4)
+                    ++down;
+                else
+                    QFAIL(qPrintable(QString("flicker of %1 grey levels").arg(shift)));
+            }
+        }
+        for (int i = 0; i < 5; ++i)
+            QVERIFY2(counted[i] >= 5, qPrintable(QString("step %1: %2 frames").arg(i).arg(counted[i])));
+        QVERIFY2(handHidden * 2 >= counted[1], "the hand covers the blocks most of the time");
+        QVERIFY(up >= 5 && down >= 5);
+    }
+
+    void scriptLoopsWhenAsked()
+    {
+        const QString log = m_state->filePath("loop.log");
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_FPS", "50");
+        qputenv("VCAM_0_SCRIPT", "page:1,300;page:2,300");
+        qputenv("VCAM_0_SCRIPT_LOOP", "1");
+        qputenv("VCAM_0_SCRIPT_LOG", log.toLocal8Bit());
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "YUYV", 320, 240));
+        const std::vector<TimedFrame> frames = readFor(cap, 1500);
+        QStringList seen; // the pages shown, each run of frames once
+        for (const TimedFrame &f : frames) {
+            const QString page = QString::number(readPageNumber(f.grey));
+            if (seen.isEmpty() || seen.last() != page)
+                seen << page;
+        }
+        QVERIFY2(seen.join(',').startsWith("1,2,1,2"), qPrintable(seen.join(',')));
+        const QList<QStringList> lines = scriptLog(log);
+        QVERIFY(lines.size() >= 4);
+        QCOMPARE(lines[2].mid(1), (QStringList{"0", "page", "1"}));
+        QCOMPARE(lines[3].mid(1), (QStringList{"1", "page", "2"}));
     }
 
     void configurationChangeResetsRuntimeState()

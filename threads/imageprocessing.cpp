@@ -17,6 +17,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <cmath>
+#include <chrono>
 #include <utility>
 
 namespace {
@@ -202,6 +203,7 @@ void ImageProcessing::run()
                 msleep(10);
                 continue;
             }
+            watchPageTurn();
             const QImage preview = previewImage(frame);
             fitForPreview(preview);
             emit sendFarmeSignal(preview);
@@ -247,6 +249,23 @@ bool ImageProcessing::readFrame()
         return readBuffer.empty() ? 0u : capGeneration.load();
     });
     return true;
+}
+
+// A series that starts afresh photographs the page already there once it is
+// still, so the watcher forgets the last series when a new one begins (even
+// one stopped and started again between two frames).
+void ImageProcessing::watchPageTurn()
+{
+    if (!pageTurnSeries)
+        return;
+    const unsigned run = pageTurnRun;
+    if (run != pageTurnWatched) {
+        pageTurnWatcher.reset();
+        pageTurnWatched = run;
+    }
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    if (pageTurnWatcher.feed(frame, std::chrono::duration_cast<std::chrono::milliseconds>(now).count()))
+        emit pageTurnSettled();
 }
 
 cv::Mat ImageProcessing::currentFrame()

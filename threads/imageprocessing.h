@@ -9,6 +9,7 @@
 #include <QThread>
 
 #include "previewfit.h"
+#include "imaging/pageturn.h"
 #include "imaging/perspective.h"
 #include "reconnection.h"
 
@@ -51,6 +52,10 @@ public:
     std::atomic<int> correction_type;
     std::atomic<int> shooting_type;
     std::atomic<bool> perspective{false}; // sheets by their four corners (extension)
+    // While on, every frame is watched for a turned page that has come to
+    // rest; pageTurnSettled() then asks for a photo (extension).
+    std::atomic<bool> pageTurnSeries{false};
+    std::atomic<unsigned> pageTurnRun{0}; // counts the series started
     std::atomic<bool> isTakePhotoChildCamera;
     QImage child1; // with child2, guarded by childMutex
     QImage child2;
@@ -146,6 +151,7 @@ signals:
     void closeCameraSignal();
     // The camera has gone away (unplugged); the loop waits for it to return.
     void cameraAwaySignal();
+    void pageTurnSettled();
 
 public slots:
     void readFarme(QImage image);
@@ -183,6 +189,7 @@ private:
     QImage &previewBuffer(int width, int height, QImage::Format format);
     QImage &convertForPreview(const cv::Mat &mat);
     QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
+    void watchPageTurn();
 
     std::mutex capMutex;   // cap is opened by the GUI thread, read by the loop
     std::mutex frameMutex; // frame swaps against currentFrame()
@@ -228,6 +235,8 @@ private:
     std::atomic<int> previewAreaWidth{0};
     std::atomic<int> previewAreaHeight{0};
     PreviewFitter previewFitter; // used by the loop only
+    PageTurnWatcher pageTurnWatcher; // used by the loop only
+    unsigned pageTurnWatched = 0;    // the series the watcher last saw
     std::mutex fittedMutex;      // fitted and fittedKey
     QImage fitted;               // the last preview picture at its shown size
     qint64 fittedKey = 0;        // cacheKey() of the picture it was made from

@@ -1,14 +1,19 @@
 #include "testsupport.h"
 
 #include "cache.h"
+#include "camerainfo.h"
+#include "startup.h"
 
 #include <QAbstractButton>
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QMessageBox>
 #include <QProcess>
 #include <QTimer>
+
+#include <opencv2/imgproc.hpp>
 
 ModalAnswerer::ModalAnswerer(QObject *parent) : QObject(parent)
 {
@@ -94,6 +99,24 @@ void clearVirtualCameraEnvironment()
     }
 }
 
+void prepareWindowTests()
+{
+    preferVideo4Linux2Capture();
+    Cache::config->exe_path = QFileInfo(QStringLiteral(BRIVORA_EXE)).absolutePath();
+    if (Cache::config->resolutions.isEmpty())
+        appendOutputSizes(Cache::config->resolutions);
+}
+
+void resetWindowSettings(const QString &documents)
+{
+    Cache::config->init();
+    Cache::config->camera_index = 0;
+    Cache::config->user_documentsLocation = documents;
+    Cache::config->image_out_resolution = 11; // 640x480
+    Cache::config->isSaveTiff = false;
+    Cache::cameras->clear();
+}
+
 ProgramRun runProgram(const QString &workDir, const QString &home,
                       const QMap<QString, QString> &vcam, int quitAfterMs, int timeoutMs,
                       const QString &program)
@@ -135,6 +158,42 @@ ProgramRun runProgram(const QString &workDir, const QString &home,
         run.boxes = text.split('\n', Qt::SkipEmptyParts);
     }
     return run;
+}
+
+int readPageNumber(const cv::Mat &picture)
+{
+    if (picture.empty())
+        return -1;
+    cv::Mat grey = picture;
+    if (picture.channels() == 3)
+        cv::cvtColor(picture, grey, cv::COLOR_BGR2GRAY);
+    const auto mean = [&](double x0, double y0, double x1, double y1) {
+        const cv::Rect r(cv::Point(int(x0 * grey.cols), int(y0 * grey.rows)),
+                         cv::Point(int(x1 * grey.cols), int(y1 * grey.rows)));
+        return cv::mean(grey(r))[0];
+    };
+    const auto darkest = [&](double x0, double y0, double x1, double y1) {
+        const cv::Rect r(cv::Point(int(x0 * grey.cols), int(y0 * grey.rows)),
+                         cv::Point(int(x1 * grey.cols), int(y1 * grey.rows)));
+        double lo = 0;
+        cv::minMaxLoc(grey(r), &lo);
+        return lo;
+    };
+    // Bare paper just above and below the blocks: no hand over them.
+    if (darkest(0.27, 0.625, 0.73, 0.655) < 150 || darkest(0.27, 0.765, 0.73, 0.795) < 150)
+        return -1;
+    const double pitch = 0.42 / 8;
+    int number = 0;
+    for (int i = 0; i < 8; ++i) {
+        const double cx = 0.29 + (i + 0.5) * pitch;
+        const double m = mean(cx - 0.008, 0.70, cx + 0.008, 0.72);
+        number <<= 1;
+        if (m < 110)
+            number |= 1;
+        else if (m < 180)
+            return -1;
+    }
+    return number;
 }
 
 void useNumberedOutput(const QString &folder)

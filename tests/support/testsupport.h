@@ -14,6 +14,8 @@
 
 #include <functional>
 
+#include <opencv2/core.hpp>
+
 // Answers warning boxes shown by the code under test in this process: each
 // box that becomes the active modal widget is recorded and its OK pressed.
 class ModalAnswerer : public QObject
@@ -95,5 +97,20 @@ constexpr qint64 timerGapLimitMs = 250;
 
 // Removes every VCAM_* variable from this process's environment.
 void clearVirtualCameraEnvironment();
+
+// Once per program of tests that build the main window in-process: cameras
+// opened through Video4Linux2, the program's pictures found in the build
+// folder, the list of output sizes filled.
+void prepareWindowTests();
+
+// Before each such test: the settings of a first run, except photos going
+// to documents at 640x480 (small and quick) with no camera listed yet.
+void resetWindowSettings(const QString &documents);
+
+// The page number a picture of the virtual camera's scripted page shows
+// (read from its row of eight blocks), or -1 when the blocks cannot be read
+// or something dark (a hand) lies across the paper around them. The picture
+// is BGR or grey at any size with the frame's proportions.
+int readPageNumber(const cv::Mat &picture);
 
 #endif // TESTSUPPORT_H

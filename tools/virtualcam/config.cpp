@@ -157,6 +157,12 @@ void fillCameraSettings(const Env &env, NodeSpec &node)
     if (const std::string *v = lookup(env, nodeVar(n, "STALL_MS")))
         if (parseLong(*v, &value) && value >= 0)
             node.stallMs = value;
+    if (const std::string *v = lookup(env, nodeVar(n, "SCRIPT")))
+        node.script = *v;
+    if (const std::string *v = lookup(env, nodeVar(n, "SCRIPT_LOOP")))
+        node.scriptLoop = trim(*v) == "1";
+    if (const std::string *v = lookup(env, nodeVar(n, "SCRIPT_LOG")))
+        node.scriptLog = trim(*v);
 }
 
 }  // namespace

@@ -67,6 +67,11 @@ struct NodeSpec {
     bool unplugRepeat = false;     // a camera plugged back in is unplugged again after unplugAfter frames
     long long stallAfter = -1;     // frames before the stream stalls; -1 = never
     long long stallMs = -1;        // how long a stall lasts; -1 = for good
+    // Scripted scene (VCAM_<N>_SCRIPT), played once or in a loop, with the
+    // times its steps were first shown appended to scriptLog.
+    std::string script;
+    bool scriptLoop = false;
+    std::string scriptLog;
 };
 
 struct Config {

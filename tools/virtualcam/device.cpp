@@ -620,7 +620,14 @@ int dequeue(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, v4l2_
     d.done.pop_front();
     Slot &s = d.slots[static_cast<size_t>(index)];
     s.queued = false;
-    d.source.prepare(d.spec.scene, d.size.width, d.size.height, d.fourcc);
+    if (d.script.active()) {
+        std::string key;
+        bool still = true;
+        const cv::Mat &picture = d.script.frame(now, d.size.width, d.size.height, &key, &still);
+        d.source.preparePicture(key, picture, d.fourcc, still);
+    } else {
+        d.source.prepare(d.spec.scene, d.size.width, d.size.height, d.fourcc);
+    }
     const size_t used = d.source.render(d.sequence, d.memory + static_cast<size_t>(index) * d.stride, d.length,
                                         &s.stamp);
     s.bytesused = static_cast<uint32_t>(used);
@@ -886,6 +893,7 @@ Device::Device(const NodeSpec &s, uint64_t gen, std::string dir, bool tr)
         controls[c.id] = c.def;
     if (spec.unplugAfter == 0)
         markUnplugged(*this);
+    script.configure(parseScript(spec.script), spec.scriptLoop, spec.scriptLog);
 }
 
 Device::~Device()

@@ -4,6 +4,7 @@
 
 #include "config.h"
 #include "scene.h"
+#include "script.h"
 
 #include <sys/types.h>
 
@@ -92,6 +93,7 @@ struct Device {
     std::chrono::steady_clock::time_point stallEnd;
 
     FrameSource source;
+    ScriptPlayer script;  // inactive unless the node has a script
 };
 
 struct Node {

@@ -156,13 +156,22 @@ void FrameSource::prepare(const SceneSpec &scene, int width, int height, uint32_
 {
     if (!static_.empty() && key_ == scene.key && width_ == width && height_ == height && fourcc_ == fourcc)
         return;
+    preparePicture(scene.key, renderScene(scene, width, height), fourcc, true);
+}
+
+void FrameSource::preparePicture(const std::string &key, const cv::Mat &picture, uint32_t fourcc, bool still)
+{
+    const int width = picture.cols, height = picture.rows;
+    if (!static_.empty() && key_ == key && width_ == width && height_ == height && fourcc_ == fourcc)
+        return;
     dropAhead();
-    key_ = scene.key;
+    key_ = key;
     width_ = width;
     height_ = height;
     fourcc_ = fourcc;
+    still_ = still;
     stamp_ = ++g_stamps;
-    static_ = renderScene(scene, width, height);
+    static_ = picture.clone();
 
     // Counter: mid-grey digits near the bottom-left corner, about 3.5 % of
     // the frame height tall (at least 9 px so it stays readable).
@@ -191,7 +200,8 @@ void FrameSource::prepare(const SceneSpec &scene, int width, int height, uint32_
         yuyv_.clear();
         yuyv_.shrink_to_fit();
         work_ = static_.clone();
-        aheadWork_ = static_.clone();
+        if (still_)
+            aheadWork_ = static_.clone();
     }
 }
 
@@ -240,8 +250,9 @@ size_t FrameSource::render(uint32_t number, uint8_t *dst, size_t capacity, uint6
     }
     // The next frame is most likely number + 1; it is encoded meanwhile.
     aheadNumber_ = number + 1;
-    ahead_ = std::async(std::launch::async,
-                        [this, next = aheadNumber_] { return encodeJpeg(aheadWork_, next, 90); });
+    if (still_)
+        ahead_ = std::async(std::launch::async,
+                            [this, next = aheadNumber_] { return encodeJpeg(aheadWork_, next, 90); });
 
     // A frame too large for the buffer is made again at lower qualities.
     for (int quality : {75, 50, 25}) {

@@ -28,6 +28,10 @@ public:
     ~FrameSource();
 
     void prepare(const SceneSpec &scene, int width, int height, uint32_t fourcc);
+    // The same for a picture made elsewhere (a scripted scene), known by
+    // key. A picture that is not still lasts one frame: no next frame of it
+    // is encoded ahead.
+    void preparePicture(const std::string &key, const cv::Mat &picture, uint32_t fourcc, bool still);
 
     // Writes frame `number` into dst and returns the bytes used (0 if the
     // frame cannot fit). *slotStamp remembers what the destination already
@@ -57,6 +61,7 @@ private:
     std::future<std::vector<uchar>> ahead_;
     uint32_t aheadNumber_ = 0;
     cv::Mat aheadWork_;
+    bool still_ = true;
     cv::Rect counter_;
     cv::Point origin_;
     double fontScale_ = 1;
