@@ -1,6 +1,7 @@
 #!/bin/bash
 # Installs the Debian 12 packages needed to build, run and test the program.
-# Quiet and quick when everything is already there.
+# Quiet and quick when everything is already there. Further package names
+# given as arguments are installed the same way (the packaging tools).
 set -euo pipefail
 
 packages=(
@@ -13,6 +14,8 @@ packages=(
   poppler-utils
   xvfb xauth imagemagick
   fonts-noto-cjk
+  qttranslations5-l10n
+  "$@"
 )
 
 missing=()
