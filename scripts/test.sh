@@ -2,7 +2,7 @@
 # Installs what is needed, builds the program twice (plain, and with
 # AddressSanitizer + UndefinedBehaviorSanitizer) and runs the whole suite in
 # both builds; then builds the capture engine's tests with ThreadSanitizer
-# and runs those.
+# and runs those; last, builds the amd64 Debian package and checks it.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -24,4 +24,7 @@ echo "== build-tsan: building the capture engine's tests"
 bash scripts/build.sh build-tsan -DBRIVORA_TSAN=ON -- "${engine_tests[@]}"
 echo "== build-tsan: testing"
 (cd build-tsan && ctest --output-on-failure -R "^($(IFS='|'; echo "${engine_tests[*]}"))\$") || status=1
+
+echo "== package: amd64 build and checks"
+bash scripts/package.sh amd64 || status=1
 exit $status
