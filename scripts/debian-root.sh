@@ -23,6 +23,12 @@ if [ ! -s "$tarball" ]; then
   mv "$tarball.part" "$tarball"
 fi
 
+# Never remove a root while something is mounted inside it: a bound
+# project folder would be removed with it.
+if findmnt -rn -o TARGET | grep -q "^$(realpath -m "$root")/"; then
+  echo "$root still has mounts inside; unmount them first" >&2
+  exit 1
+fi
 rm -rf "$root"
 mkdir -p "$root"
 debootstrap --variant=minbase --include=git,ca-certificates --unpack-tarball="$tarball" \
