@@ -36,16 +36,11 @@ if [ "$arch" = amd64 ]; then
   (cd "$src" && DEB_BUILD_OPTIONS="nocheck parallel=2" dpkg-buildpackage -us -uc -b) >"$log" 2>&1 \
     || { tail -40 "$log"; exit 1; }
 else
-  root=$(bash scripts/arm64-root.sh)
-  echo "== cross-building brivora $version for arm64 in $root"
-  rm -rf "$root/build/package"
-  mkdir -p "$root/build/package"
-  cp -a "$src" "$root/build/package/"
-  bash scripts/arm64-root.sh --run "cd /build/package/brivora-$version && \
-    DEB_BUILD_OPTIONS='nocheck parallel=2' CONFIG_SITE=/etc/dpkg-cross/cross-config.arm64 \
-    dpkg-buildpackage -us -uc -b -aarm64 -Pcross,nocheck" >"$log" 2>&1 \
-    || { tail -40 "$log"; exit 1; }
-  cp "$root/build/package/"*.deb "$stage/"
+  # The project folder appears inside the root at its own path.
+  echo "== cross-building brivora $version for arm64 in $(bash scripts/arm64-root.sh)"
+  bash scripts/arm64-root.sh --run "cd '$src' && \
+    DEB_BUILD_OPTIONS='nocheck parallel=2' dpkg-buildpackage -us -uc -b -aarm64 -Pcross,nocheck" \
+    >"$log" 2>&1 || { tail -40 "$log"; exit 1; }
 fi
 
 deb="brivora_${version}_${arch}.deb"
