@@ -15,7 +15,7 @@ case "$arch" in
   *) echo "usage: $0 [amd64|arm64]" >&2; exit 2 ;;
 esac
 
-packaging_tools=(debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream)
+packaging_tools=(build-essential debhelper dpkg-dev fakeroot lintian desktop-file-utils appstream)
 bash scripts/deps.sh "${packaging_tools[@]}"
 
 version=$(dpkg-parsechangelog -l debian/changelog -S Version)
