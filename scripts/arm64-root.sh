@@ -7,7 +7,10 @@
 # under .cache/arm64-root, with the arm64 architecture added, the cross
 # compiler, the Qt host tools and the arm64 libraries. The project folder is
 # mounted into the root at its own path, so that build folders have the same
-# names inside and outside (the arm64 tests run outside under qemu).
+# names inside and outside. The arm64 tests run inside too, each arm64
+# executable started explicitly through qemu-aarch64-static: run outside with
+# the root as qemu's library prefix, Qt could not see its plug-ins, because
+# qemu 7.2 does not look up statx() paths under the prefix.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 root="$top/.cache/arm64-root"
@@ -18,12 +21,13 @@ packages=(
   qtbase5-dev:arm64 libopencv-dev:arm64
   qt5-image-formats-plugins:arm64 qttranslations5-l10n fonts-noto-cjk
   poppler-utils
-  debhelper dpkg-dev fakeroot
+  build-essential debhelper dpkg-dev fakeroot
+  qemu-user-static xvfb xauth imagemagick
 )
 stamp="$root/.brivora-ready"
 
 prepare() {
-  bash "$top/scripts/debian-root.sh" "$root" >&2
+  [ -x "$root/usr/bin/apt-get" ] || bash "$top/scripts/debian-root.sh" "$root" >&2
   run_inside "dpkg --add-architecture arm64 && apt-get update -qq && \
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends ${packages[*]} >/dev/null" >&2
   echo "${packages[*]}" > "$stamp"
@@ -46,6 +50,8 @@ bind() {
 run_inside() {
   mount -t proc proc "$root/proc"; mounted+=("$root/proc")
   bind /dev "$root/dev"
+  bind /dev/pts "$root/dev/pts"
+  [ -d /dev/shm ] && bind /dev/shm "$root/dev/shm"
   bind "$top" "$root$top"
   local rc=0
   chroot "$root" /usr/bin/env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \

@@ -2,16 +2,17 @@
  * Stands in for an arm64 program where this machine cannot start one by
  * itself (no binfmt_misc): a test that starts "<folder>/brivora" as a
  * subprocess reaches this amd64 program, which starts the real arm64 one,
- * "<folder>/brivora.arm64", under qemu with the Debian root as its library
- * prefix. Static, like qemu-aarch64-static, so that an arm64 library in
- * LD_PRELOAD (the virtual camera) passes untouched to the emulated program.
- * QEMU_PATH and ARM64_ROOT are given when compiling.
+ * "<folder>/brivora.arm64", under qemu. Static, like qemu-aarch64-static,
+ * so that an arm64 library in LD_PRELOAD (the virtual camera) passes
+ * untouched to the emulated program.
  */
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+
+#define QEMU_PATH "/usr/bin/qemu-aarch64-static"
 
 int main(int argc, char *argv[])
 {
@@ -22,14 +23,12 @@ int main(int argc, char *argv[])
         return 127;
     }
     self[n] = '\0';
-    char real[PATH_MAX];
+    char real[PATH_MAX + 8];
     snprintf(real, sizeof real, "%s.arm64", self);
 
     char **args = calloc((size_t)argc + 8, sizeof *args);
     int i = 0;
     args[i++] = QEMU_PATH;
-    args[i++] = "-L";
-    args[i++] = ARM64_ROOT;
     args[i++] = "-0";
     args[i++] = argv[0];
     args[i++] = real;

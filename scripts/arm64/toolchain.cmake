@@ -8,8 +8,6 @@ set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 
-# Test executables are run through user-mode emulation with the root as
-# the library prefix (BRIVORA_ARM64_ROOT, given when configuring).
-if(BRIVORA_ARM64_ROOT)
-  set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-aarch64-static -L ${BRIVORA_ARM64_ROOT})
-endif()
+# Test executables run through user-mode emulation, started explicitly
+# (no binfmt_misc), inside the same root, where the arm64 libraries are.
+set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-aarch64-static)
