@@ -27,7 +27,8 @@ inside "cmake -S '$top' -B '$build' -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 if [ "$(od -An -tx1 -j18 -N2 "$build/brivora" | tr -d ' ')" = b700 ]; then
   mv "$build/brivora" "$build/brivora.arm64"
 fi
-inside "gcc -static -O2 -Wall -o '$build/brivora' '$top/scripts/arm64/emulated.c'"
+inside "gcc -static -O2 -Wall -o '$build/brivora' '$top/scripts/arm64/emulated.c' && \
+  aarch64-linux-gnu-gcc -shared -fPIC -O2 -Wall -o '$build/libnopidfd.so' '$top/scripts/arm64/nopidfd.c' -ldl"
 
 echo "== running the tests under qemu-aarch64-static"
 # tst_install installs the built program with cmake and starts the copy,
@@ -36,7 +37,7 @@ echo "== running the tests under qemu-aarch64-static"
 # below is checked instead.
 left_out='^(tst_install)$'
 status=0
-inside "cd '$build' && ctest -j2 --output-on-failure -E '$left_out'" > "$top/.cache/arm64-tests.log" 2>&1 \
+inside "cd '$build' && ARM64_NOPIDFD='$build/libnopidfd.so' ctest -j2 --output-on-failure -E '$left_out'" > "$top/.cache/arm64-tests.log" 2>&1 \
   || status=1
 grep -E "tests passed|Test +#" "$top/.cache/arm64-tests.log" || true
 

@@ -4,7 +4,8 @@
  * subprocess reaches this amd64 program, which starts the real arm64 one,
  * "<folder>/brivora.arm64", under qemu. Static, like qemu-aarch64-static,
  * so that an arm64 library in LD_PRELOAD (the virtual camera) passes
- * untouched to the emulated program.
+ * untouched to the emulated program. The library named by ARM64_NOPIDFD,
+ * if set, is preloaded first, as scripts/arm64/emulate.sh does.
  */
 #include <limits.h>
 #include <stdio.h>
@@ -25,6 +26,18 @@ int main(int argc, char *argv[])
     self[n] = '\0';
     char real[PATH_MAX + 8];
     snprintf(real, sizeof real, "%s.arm64", self);
+
+    const char *nopidfd = getenv("ARM64_NOPIDFD");
+    if (nopidfd && *nopidfd) {
+        const char *old = getenv("LD_PRELOAD");
+        char *preload = malloc(strlen(nopidfd) + (old ? strlen(old) : 0) + 2);
+        strcpy(preload, nopidfd);
+        if (old && *old) {
+            strcat(preload, ":");
+            strcat(preload, old);
+        }
+        setenv("LD_PRELOAD", preload, 1);
+    }
 
     char **args = calloc((size_t)argc + 8, sizeof *args);
     int i = 0;

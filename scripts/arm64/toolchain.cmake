@@ -10,4 +10,4 @@ set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 
 # Test executables run through user-mode emulation, started explicitly
 # (no binfmt_misc), inside the same root, where the arm64 libraries are.
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-aarch64-static)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/emulate.sh)
