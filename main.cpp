@@ -1,6 +1,7 @@
 #include "cache.h"
 #include "camerainfo.h"
 #include "mainwindowqcamera.h"
+#include "qttranslations.h"
 #include "startup.h"
 
 #include <QApplication>
@@ -18,6 +19,7 @@ int main(int argc, char *argv[])
 
     QApplication a(argc, argv);
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    installQtChineseTranslations(a);
 
     qDebug() << "this is brivora program";
     qDebug() << QCoreApplication::applicationDirPath();

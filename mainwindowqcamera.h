@@ -55,6 +55,9 @@ public:
     void takePhoto();
     bool checkShootingVideo();
     bool checkShootingTime();
+    // The form has no ID-card button, so this is a plain member rather than
+    // a slot: Qt's by-name wiring would otherwise warn that it has no signal.
+    void on_btnIDCard_clicked();
 
 public slots:
     // Shooting
@@ -88,7 +91,6 @@ public slots:
     void reConfigVideoSetting();
     void openCamera();
     void closeCamera();
-    void on_btnIDCard_clicked();
 
     // Result strip
     void takePhotoImage(QList<QString> files, int kind);

@@ -1,6 +1,7 @@
 #!/bin/bash
 # Installs the Debian 12 packages needed to build, run and test the program.
-# Quiet and quick when everything is already there.
+# Quiet and quick when everything is already there. Further package names
+# given as arguments are installed the same way (the packaging tools).
 set -euo pipefail
 
 packages=(
@@ -16,6 +17,8 @@ packages=(
   libtesseract-dev tesseract-ocr-chi-sim tesseract-ocr-eng
   libqpdf-dev qpdf
   clang-14 libclang-rt-14-dev
+  qttranslations5-l10n
+  "$@"
 )
 
 missing=()

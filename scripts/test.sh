@@ -2,8 +2,9 @@
 # Installs what is needed, builds the program twice (plain, and with
 # AddressSanitizer + UndefinedBehaviorSanitizer) and runs the whole suite in
 # both builds; then builds the capture engine's tests with ThreadSanitizer
-# and runs those; then fuzzes each libFuzzer target for 30 s and runs the
-# real program through a 2-minute soak.
+# and runs those; then fuzzes each libFuzzer target for 30 s, runs the
+# real program through a 2-minute soak, and last builds the amd64 Debian
+# package and checks it.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -29,4 +30,7 @@ echo "== fuzzing: each target for 30 s"
 bash scripts/fuzz.sh 30 || status=1
 echo "== soak: 2 minutes of the real program"
 bash scripts/soak.sh 2 build || status=1
+
+echo "== package: amd64 build and checks"
+bash scripts/package.sh amd64 || status=1
 exit $status

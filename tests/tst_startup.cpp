@@ -9,6 +9,7 @@
 #include <QImageWriter>
 #include <QMap>
 #include <QPixmap>
+#include <QRegularExpression>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -108,6 +109,9 @@ private slots:
         // loop never ran and no main window was built.
         QCOMPARE(run.exitCode, 255);
         QCOMPARE(run.boxes, QStringList{noDeviceBox});
+        // Qt's own button text speaks Chinese too, whatever the desktop's
+        // language.
+        QCOMPARE(run.boxButtons, QStringList{QStringLiteral("确定")});
         // The settings record exists before the cameras are looked for.
         QVERIFY(QFile::exists(place.work() + "/system.ini"));
         QVERIFY(QDir(place.home() + "/Veltaro").exists());
@@ -124,6 +128,31 @@ private slots:
         QVERIFY(!sanitizerSpoke(run));
         QVERIFY(run.output.contains("Driver    Name: %s\n"));
         QVERIFY(run.output.contains(exeDir()));
+    }
+
+    void normalStartPrintsNothingErrorLike()
+    {
+        Place place;
+        const ProgramRun run = runProgram(place.work(), place.home(), {{"VCAM_CAMERAS", "2"}}, 2500);
+        QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(describe(run)));
+        QVERIFY(run.errorOutput.contains("this is brivora program"));
+        // The debug lines stay; nothing that reads like a complaint may
+        // reach the operator's terminal.
+        static const QRegularExpression complaint(
+            "warning|error|fail|cannot|can't|unable|not set|no matching|QObject::|QMetaObject::",
+            QRegularExpression::CaseInsensitiveOption);
+        // Discovery's debug line for the first missing node marks the end of
+        // the camera list; it is a report, not a complaint.
+        static const QRegularExpression endOfList("^open \"/dev/video\\d+\" error$");
+        int endsOfList = 0;
+        for (const QString &line : run.errorOutput.split('\n', Qt::SkipEmptyParts)) {
+            if (endOfList.match(line).hasMatch()) {
+                ++endsOfList;
+                continue;
+            }
+            QVERIFY2(!complaint.match(line).hasMatch(), qPrintable(line));
+        }
+        QCOMPARE(endsOfList, 1);
     }
 
     void startedElsewhereFindsResourcesAndUsesItsOwnSettings()

@@ -1,8 +1,9 @@
 // Preloaded into the real program by tests that run it as a subprocess.
 //
 // BRIVORA_MODAL_LOG=<file>: every warning box the program opens is written to
-//   the file as one line "<window title>\t<text>" and answered with OK once
-//   it is on screen, so a test can count the boxes and read their texts.
+//   the file as one line "<window title>\t<text>\t<button texts>" (the
+//   buttons' texts joined by "|", in the box's order) and answered with OK
+//   once it is on screen, so a test can count the boxes and read their texts.
 // BRIVORA_QUIT_AFTER_MS=<n>: the application is asked to quit n ms after the
 //   library is loaded, so a test can let the program run a while and still
 //   see it end normally.
@@ -19,6 +20,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QSplashScreen>
+#include <QStringList>
 #include <QTimer>
 
 #include <chrono>
@@ -51,7 +53,10 @@ void answerWhenShown()
             answerWhenShown();
             return;
         }
-        appendToLog(box->windowTitle() + "\t" + box->text());
+        QStringList buttons;
+        for (QAbstractButton *button : box->buttons())
+            buttons << button->text();
+        appendToLog(box->windowTitle() + "\t" + box->text() + "\t" + buttons.join('|'));
         if (QAbstractButton *ok = box->button(QMessageBox::Ok))
             ok->click();
         else

@@ -139,7 +139,6 @@ ProgramRun runProgram(const QString &workDir, const QString &home,
     QProcess process;
     process.setProcessEnvironment(env);
     process.setWorkingDirectory(workDir);
-    process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(program.isEmpty() ? QString(BRIVORA_EXE) : program, QStringList());
 
     ProgramRun run;
@@ -150,12 +149,17 @@ ProgramRun runProgram(const QString &workDir, const QString &home,
     }
     run.crashed = process.exitStatus() == QProcess::CrashExit;
     run.exitCode = process.exitCode();
-    run.output = QString::fromUtf8(process.readAll());
+    run.errorOutput = QString::fromUtf8(process.readAllStandardError());
+    run.output = QString::fromUtf8(process.readAllStandardOutput()) + run.errorOutput;
 
     QFile log(modalLog);
     if (log.open(QIODevice::ReadOnly | QIODevice::Text)) {
         const QString text = QString::fromUtf8(log.readAll());
-        run.boxes = text.split('\n', Qt::SkipEmptyParts);
+        for (const QString &line : text.split('\n', Qt::SkipEmptyParts)) {
+            const QStringList fields = line.split('\t');
+            run.boxes << fields.mid(0, 2).join('\t');
+            run.boxButtons << fields.value(2);
+        }
     }
     return run;
 }

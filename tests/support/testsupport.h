@@ -42,7 +42,9 @@ struct ProgramRun
     bool crashed = false;
     bool finished = false;
     QString output;        // standard output and error together
+    QString errorOutput;   // standard error alone
     QStringList boxes;     // "title\ttext" per warning box shown
+    QStringList boxButtons; // per box: its buttons' texts joined by "|"
 };
 
 // Runs the built program in workDir with HOME at home, the virtual camera
