@@ -11,7 +11,8 @@
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 minutes=${1:-30}
-dir=${2:-$top/build}
+# The session runs in a folder of its own: the build folder must not be relative.
+dir=$(realpath -m "${2:-$top/build}")
 bash "$top/scripts/build.sh" "$dir" -- brivora virtualcam brivora_modalanswer brivora_soakdriver
 
 seconds=$((minutes * 60))
