@@ -5,6 +5,7 @@
 #include "cameraviewdialog.h"
 #include "imagemergingdialog.h"
 #include "imagesavepdfortiffdialog.h"
+#include "levelmeter.h"
 #include "settingdialog.h"
 
 #include <QButtonGroup>
@@ -62,9 +63,12 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
       picCount(10),
       isReady(false),
       isTimeShooting(false),
-      isVideoShooting(false)
+      isVideoShooting(false),
+      levelMeter(nullptr)
 {
     ui->setupUi(this);
+    levelMeter = new LevelMeter(ui->video);
+    ui->horizontalLayout_8->addWidget(levelMeter);
     ui->lbUserWorkDir_2->setText(Cache::config->user_documentsLocation);
 
     connect(ui->video, SIGNAL(sendTakePhotoImageSignal(QList<QString>, int)),
@@ -274,12 +278,14 @@ void MainWindowQCamera::on_btnShootingVideo_clicked()
         ui->btnShootingVideo->setText(QStringLiteral("\n\n录像"));
         ui->lb_video_tip->setText(QString::fromUtf8(loadingTip));
         ui->lb_video_tip->hide();
+        levelMeter->stop();
         ui->video->recordEnd();
     } else {
         ui->btnShootingVideo->setText(QStringLiteral("\n\n录像中"));
         ui->lb_video_tip->setText(QStringLiteral("视频录像中......"));
         ui->lb_video_tip->show();
         ui->video->recordBegin();
+        showRecordingSound();
     }
     isVideoShooting = !isVideoShooting;
 }
@@ -586,4 +592,14 @@ bool MainWindowQCamera::eventFilter(QObject *watched, QEvent *event)
     }
     // The press is never consumed: the label still receives it.
     return QMainWindow::eventFilter(watched, event);
+}
+
+// Recording with sound: the meter while it runs, or the warning that this
+// recording has none.
+void MainWindowQCamera::showRecordingSound()
+{
+    if (ui->video->recordingHasSound())
+        levelMeter->follow([this] { return ui->video->soundLevel(); });
+    else if (ui->video->soundMissing)
+        warn(QStringLiteral("未找到麦克风，本次录像不含声音"));
 }

@@ -10,6 +10,7 @@
 class CameraViewDialog;
 class ImageMergingDialog;
 class ImageSavePDFOrTiffDialog;
+class LevelMeter;
 class QButtonGroup;
 class QDialog;
 class QLabel;
@@ -48,6 +49,7 @@ public:
     bool isReady;
     bool isTimeShooting;
     bool isVideoShooting;
+    LevelMeter *levelMeter; // beside the recording caption while sound is recorded
 
     void takePhoto();
     bool checkShootingVideo();
@@ -100,6 +102,7 @@ private:
     void toggleCompositionDialog(QDialog *dialog, QDialog *other, const std::function<void()> &init);
     void setBigButtonStyle();
     void applyExtensionSettings();
+    void showRecordingSound();
 };
 
 #endif // MAINWINDOWQCAMERA_H

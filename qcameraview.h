@@ -14,6 +14,7 @@
 
 #include <memory>
 
+class AvRecorder;
 class FrameWriter;
 class ImageProcessing;
 class QTimer;
@@ -74,6 +75,12 @@ public:
     void videoParameterSettings();
     void recordBegin();
     void recordEnd();
+    // Recording with sound (extension): whether the running recording has
+    // it, the microphone's level for the meter, and whether the last start
+    // asked for sound and found no microphone.
+    bool recordingHasSound() const { return avRecorder != nullptr; }
+    float soundLevel() const;
+    bool soundMissing = false;
 
 signals:
     void sendTakePhotoImageSignal(QList<QString> files, int kind);
@@ -105,7 +112,12 @@ private:
     void markOpen();
     QImage fittedImage(QSize size);
 
+    bool recordBeginWithSound();
+    void offerWithSound();
+
     std::unique_ptr<FrameWriter> frameWriter; // encodes the recording's frames
+    std::unique_ptr<AvRecorder> avRecorder;   // the recording's writer when it has sound
+    qint64 offeredStamp = 0;                  // capture time of the last frame it got
     cv::Size recordSize;                      // frame size of the recording's file
     PreviewFitter fitter;                     // fits pictures the capture thread did not
     qint64 fittedKey = 0;                     // m_Image that m_temp_Image was fitted from

@@ -48,6 +48,10 @@ struct NodeSpec {
     SceneSpec scene;
     bool enumFmtFail = false;
     long long unplugAfter = -1;  // frames; -1 = never
+    // White frames while the monotonic clock, in ms, modulo flashPeriodMs
+    // is below flashMs (a test's sync marks); 0 = never.
+    long long flashPeriodMs = 0;
+    long long flashMs = 0;
 };
 
 struct Config {
