@@ -25,6 +25,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <algorithm>
+#include <future>
 #include <cmath>
 #include <memory>
 
@@ -297,8 +298,11 @@ private slots:
         });
         beat.start();
         ticker.start(10);
-        QVERIFY(mic->unplug());
+        // Unplugged from another thread: the window's thread only waits
+        // for events meanwhile.
+        auto unplugged = std::async(std::launch::async, [this] { return mic->unplug(); });
         QTest::qWait(4000);
+        QVERIFY(unplugged.get());
         ticker.stop();
         QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
         qInfo("longest pause of the window while unplugging: %lld ms", longest);
