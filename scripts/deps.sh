@@ -13,6 +13,9 @@ packages=(
   poppler-utils
   xvfb xauth imagemagick
   fonts-noto-cjk
+  qtmultimedia5-dev libqt5multimedia5-plugins
+  libavformat-dev libavcodec-dev libavutil-dev
+  pulseaudio pulseaudio-utils
 )
 
 missing=()
