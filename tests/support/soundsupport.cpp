@@ -13,6 +13,9 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
+
 #include <cmath>
 #include <csignal>
 #include <sys/types.h>
@@ -245,4 +248,49 @@ double frequencyOf(const std::vector<int16_t> &samples, std::size_t from, std::s
     if (crossings < 2)
         return 0.0;
     return double(crossings - 1) * sampleRate / double(last - first);
+}
+
+Onsets findOnsets(const RecordedFile &file)
+{
+    Onsets onsets;
+    bool wasWhite = false;
+    for (std::size_t i = 0; i < file.frames.size(); ++i) {
+        const cv::Mat grey = cv::imdecode(file.frames[i], cv::IMREAD_REDUCED_GRAYSCALE_4);
+        const bool white = !grey.empty() && cv::mean(grey)[0] > 200;
+        if (white && !wasWhite) {
+            // Where the frame just before is missing, the flash may have
+            // begun on it: that onset says nothing about sync.
+            if (i > 0 && file.framePts[i - 1] == file.framePts[i] - 1)
+                onsets.video.push_back(double(file.framePts[i]) / file.frameRate);
+            else
+                ++onsets.uncertain;
+        }
+        wasWhite = white;
+    }
+    const std::size_t quiet = std::size_t(file.sampleRate) * 3 / 10;
+    std::size_t lastLoud = 0;
+    bool any = false;
+    for (std::size_t i = 0; i < file.samples.size(); ++i) {
+        if (std::abs(int(file.samples[i])) < 4000)
+            continue;
+        if (!any || i - lastLoud > quiet)
+            onsets.audio.push_back(double(i) / file.sampleRate);
+        lastLoud = i;
+        any = true;
+    }
+    return onsets;
+}
+
+std::vector<double> syncOffsets(const Onsets &onsets)
+{
+    std::vector<double> result;
+    for (double v : onsets.video) {
+        double best = 1e9;
+        for (double a : onsets.audio) {
+            if (std::abs(v - a) < std::abs(best))
+                best = v - a;
+        }
+        result.push_back(best);
+    }
+    return result;
 }

@@ -85,4 +85,15 @@ double rmsOf(const std::vector<int16_t> &samples, std::size_t from, std::size_t 
 double frequencyOf(const std::vector<int16_t> &samples, std::size_t from, std::size_t to,
                    int sampleRate);
 
+// Sync marks in a recording: white frames after a dark one, and loud sound
+// after 300 ms of quiet, in seconds into the file.
+struct Onsets {
+    std::vector<double> video;
+    std::vector<double> audio;
+    int uncertain = 0; // flashes right after a missing frame, left out
+};
+Onsets findOnsets(const RecordedFile &file);
+// For each flash, the distance to the nearest beep (picture minus sound).
+std::vector<double> syncOffsets(const Onsets &onsets);
+
 #endif // SOUNDSUPPORT_H
