@@ -15,6 +15,7 @@ extern "C" {
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/core.hpp>
+#include <opencv2/videoio.hpp>
 
 #include <cmath>
 #include <csignal>
@@ -293,4 +294,30 @@ std::vector<double> syncOffsets(const Onsets &onsets)
         result.push_back(best);
     }
     return result;
+}
+
+QString structureOf(const RecordedFile &file)
+{
+    return QStringLiteral("streams %1; video %2 %3x%4, time base %5/%6, %7 fps; audio %8 %9 Hz %10 ch")
+        .arg(file.streams)
+        .arg(file.videoCodec)
+        .arg(file.width)
+        .arg(file.height)
+        .arg(file.timeBaseNum)
+        .arg(file.timeBaseDen)
+        .arg(file.frameRate)
+        .arg(file.audioCodec.isEmpty() ? QStringLiteral("none") : file.audioCodec)
+        .arg(file.sampleRate)
+        .arg(file.channels);
+}
+
+QString writeReferenceRecording(const QString &path, int width, int height)
+{
+    cv::VideoWriter writer(path.toStdString(), cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), 10.0,
+                           cv::Size(width, height), true);
+    const cv::Mat grey(height, width, CV_8UC3, cv::Scalar::all(128));
+    for (int i = 0; i < 10; ++i)
+        writer.write(grey);
+    writer.release();
+    return path;
 }

@@ -79,6 +79,12 @@ struct RecordedFile
     double audioSeconds() const;
 };
 RecordedFile readRecording(const QString &path);
+// The file's streams in one line (codecs, size, time base, rate), for
+// comparing the structure of two files.
+QString structureOf(const RecordedFile &file);
+// A recording as the program makes without sound: OpenCV's own MJPG
+// writer, ten frames a second, at the given size.
+QString writeReferenceRecording(const QString &path, int width, int height);
 
 // Sound measures over samples [from, to).
 double rmsOf(const std::vector<int16_t> &samples, std::size_t from, std::size_t to);
