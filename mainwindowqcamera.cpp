@@ -20,6 +20,7 @@
 #include <QStyleOption>
 #include <QTimer>
 #include <QUrl>
+#include <QVBoxLayout>
 
 namespace {
 
@@ -67,8 +68,15 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
       levelMeter(nullptr)
 {
     ui->setupUi(this);
-    levelMeter = new LevelMeter(ui->video);
-    ui->horizontalLayout_8->addWidget(levelMeter);
+    // The meter sits just below the caption, which is centred on the preview;
+    // the layout leaves the caption's own size alone.
+    levelMeter = new LevelMeter(ui->lb_video_tip);
+    auto *meterPlace = new QVBoxLayout(ui->lb_video_tip);
+    meterPlace->setSizeConstraint(QLayout::SetNoConstraint);
+    meterPlace->addStretch(1);
+    meterPlace->addSpacing(64);
+    meterPlace->addWidget(levelMeter, 0, Qt::AlignHCenter);
+    meterPlace->addStretch(1);
     ui->lbUserWorkDir_2->setText(Cache::config->user_documentsLocation);
 
     connect(ui->video, SIGNAL(sendTakePhotoImageSignal(QList<QString>, int)),

@@ -146,10 +146,15 @@ private slots:
         auto *meter = w.findChild<LevelMeter *>("levelMeter");
         QVERIFY(meter);
         QVERIFY(meter->isHidden());
+        // Just below the caption, which is centred on the preview.
+        QCOMPARE(meter->parentWidget(), static_cast<QWidget *>(w.ui->lb_video_tip));
 
         QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
         QVERIFY(w.ui->video->recordingHasSound());
         QVERIFY(!meter->isHidden());
+        w.show();
+        QTRY_VERIFY_WITH_TIMEOUT(meter->y() > w.ui->lb_video_tip->height() / 2, 5000);
+        QVERIFY(meter->y() < w.ui->lb_video_tip->height() / 2 + 80);
         // A tone at half of full scale is -6 dB: most of the bar.
         QTRY_VERIFY_WITH_TIMEOUT(meter->shownPercent() >= 85, 5000);
         QTest::qWait(10000);
