@@ -1,6 +1,9 @@
 #include "imagesavepdfortiffdialog.h"
 #include "ui_imagesavepdfortiffdialog.h"
 
+#include "cache.h"
+#include "output/photopdf.h"
+#include "output/searchablepdf.h"
 #include "photooutput.h"
 
 #include <QCoreApplication>
@@ -10,10 +13,6 @@
 #include <QLabel>
 #include <QLayout>
 #include <QMessageBox>
-#include <QPageLayout>
-#include <QPageSize>
-#include <QPainter>
-#include <QPdfWriter>
 #include <QPixmap>
 #include <QProgressDialog>
 #include <QThread>
@@ -21,6 +20,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -36,10 +36,17 @@ const char *const createdThumbnailStyle = "border-radius:3px;border:1px groove g
 
 const int firstCreatedThumbnail = 5;
 
-QPageLayout::Orientation orientationFor(const QImage &photo)
+// Runs work beside the GUI thread and returns when it is done; the windows
+// stay painted meanwhile and the modal progress dialog holds the operator
+// off.
+void runBesideGui(const std::function<void()> &work)
 {
-    // A square photo stands upright.
-    return photo.width() > photo.height() ? QPageLayout::Landscape : QPageLayout::Portrait;
+    QEventLoop loop;
+    std::unique_ptr<QThread> worker(QThread::create(work));
+    QObject::connect(worker.get(), &QThread::finished, &loop, &QEventLoop::quit);
+    worker->start();
+    loop.exec();
+    worker->wait();
 }
 
 } // namespace
@@ -54,6 +61,12 @@ ImageSavePDFOrTiffDialog::ImageSavePDFOrTiffDialog(QWidget *parent)
 ImageSavePDFOrTiffDialog::~ImageSavePDFOrTiffDialog()
 {
     delete ui;
+}
+
+void ImageSavePDFOrTiffDialog::showEvent(QShowEvent *event)
+{
+    ui->checkBox_Ocr->setChecked(Cache::config->pdf_ocr);
+    QDialog::showEvent(event);
 }
 
 QLabel *ImageSavePDFOrTiffDialog::thumbnail(int number) const
@@ -134,12 +147,12 @@ void ImageSavePDFOrTiffDialog::on_btnClose_clicked()
     close();
 }
 
-// Null when the work is short. Otherwise a shown, window-modal dialog
+// Null when the work is short (few pages, and not slow). Otherwise a shown, window-modal dialog
 // without a cancel button: it keeps the operator from starting another save
 // and its setValue() keeps the windows painted between pages.
-QProgressDialog *ImageSavePDFOrTiffDialog::startProgress(int pages, const QString &text)
+QProgressDialog *ImageSavePDFOrTiffDialog::startProgress(int pages, const QString &text, bool slow)
 {
-    if (pages <= pagesWithoutProgress)
+    if (pages <= pagesWithoutProgress && !slow)
         return nullptr;
     auto *progress = new QProgressDialog(text, QString(), 0, pages, this);
     progress->setCancelButton(nullptr);
@@ -157,41 +170,33 @@ void ImageSavePDFOrTiffDialog::writePdf(const QString &fileName, const QList<QSt
 {
     QFile file(fileName);
     file.open(QIODevice::WriteOnly); // a file that cannot be opened stays unwritten, silently
-    {
-        QPdfWriter writer(&file);
-        QImage photo(pages.first());
-        writer.setPageSize(QPageSize(QPageSize::A4));
-        writer.setPageOrientation(orientationFor(photo));
-        writer.setPageMargins(QMarginsF(0, 0, 0, 0));
-
-        QPainter painter;
-        if (!painter.begin(&writer))
-            return;
-        // The viewport is that of the first page; its long and short sides
-        // give every page's full area whichever way the page is turned.
-        const QRect viewport = painter.viewport();
-        const int longSide = qMax(viewport.width(), viewport.height());
-        const int shortSide = qMin(viewport.width(), viewport.height());
-
-        for (int i = 0; i < pages.size(); ++i) {
-            if (progress)
-                progress->setValue(i);
-            if (i > 0) {
-                photo = QImage(pages.at(i));
-                writer.setPageOrientation(orientationFor(photo));
-                writer.newPage();
-            }
-            // Stretched edge to edge: the page takes the photo's orientation,
-            // so the stretch is only the difference in aspect ratio.
-            const QRect page = photo.width() > photo.height() ? QRect(0, 0, longSide, shortSide)
-                                                              : QRect(0, 0, shortSide, longSide);
-            painter.drawImage(page, photo);
-        }
-        painter.end();
-    }
+    writePhotoPdf(&file, pages, [progress](int page) {
+        if (progress)
+            progress->setValue(page);
+    });
     file.close();
     if (progress)
         progress->setValue(pages.size());
+}
+
+// Recognising the text takes seconds a page: it runs beside the GUI thread,
+// on every core, and the progress dialog moves as each page is recognised.
+void ImageSavePDFOrTiffDialog::writeSearchablePdf(const QString &fileName, const QList<QString> &pages,
+                                                  QProgressDialog *progress)
+{
+    TextLayerResult result = TextLayerResult::Added;
+    runBesideGui([&]() {
+        const int last = pages.size();
+        result = ::writeSearchablePdf(fileName, pages, QThread::idealThreadCount(), [progress, last](int done) {
+            // The last step is shown once the file is written, below.
+            if (done < last)
+                QMetaObject::invokeMethod(
+                    progress, [progress, done]() { progress->setValue(done); }, Qt::QueuedConnection);
+        });
+    });
+    progress->setValue(pages.size());
+    if (result == TextLayerResult::DataMissing)
+        QMessageBox::warning(this, "警告", "文字识别数据缺失，已生成不含文字层的PDF", QMessageBox::Ok);
 }
 
 void ImageSavePDFOrTiffDialog::writeTiff(const QString &fileName, const QList<QString> &pages,
@@ -221,21 +226,22 @@ void ImageSavePDFOrTiffDialog::writeTiff(const QString &fileName, const QList<QS
         return;
     }
 
-    // OpenCV writes all pages in one call: it runs beside the GUI thread so
-    // that the windows stay painted, and the progress dialog, being modal,
-    // holds the operator off meanwhile.
-    QEventLoop loop;
-    std::unique_ptr<QThread> writer(QThread::create(write));
-    connect(writer.get(), &QThread::finished, &loop, &QEventLoop::quit);
-    writer->start();
-    loop.exec();
-    writer->wait();
+    // OpenCV writes all pages in one call.
+    runBesideGui(write);
     progress->setValue(pages.size());
 }
 
 void ImageSavePDFOrTiffDialog::on_btnSavePDF_clicked()
 {
-    save("pdf", "PDF", &ImageSavePDFOrTiffDialog::writePdf);
+    const bool withText = ui->checkBox_Ocr->isChecked();
+    if (!saving && !image_list.isEmpty() && Cache::config->pdf_ocr != withText) {
+        Cache::config->pdf_ocr = withText;
+        Cache::config->save();
+    }
+    if (withText)
+        save("pdf", "PDF", &ImageSavePDFOrTiffDialog::writeSearchablePdf, true);
+    else
+        save("pdf", "PDF", &ImageSavePDFOrTiffDialog::writePdf);
 }
 
 void ImageSavePDFOrTiffDialog::on_btnSaveTiff_clicked()
@@ -245,7 +251,7 @@ void ImageSavePDFOrTiffDialog::on_btnSaveTiff_clicked()
 
 // Writes every collected photo into one new file of the given format,
 // reports it, then empties and closes the dialog.
-void ImageSavePDFOrTiffDialog::save(const QString &format, const QString &kindName, Writer write)
+void ImageSavePDFOrTiffDialog::save(const QString &format, const QString &kindName, Writer write, bool slow)
 {
     if (saving)
         return;
@@ -260,7 +266,7 @@ void ImageSavePDFOrTiffDialog::save(const QString &format, const QString &kindNa
     const QList<QString> pages = image_list;
     saving = true;
     std::unique_ptr<QProgressDialog> progress(
-        startProgress(pages.size(), QString("正在生成%1，共%2页").arg(kindName).arg(pages.size())));
+        startProgress(pages.size(), QString("正在生成%1，共%2页").arg(kindName).arg(pages.size()), slow));
     (this->*write)(fileName, pages, progress.get());
     progress.reset();
     saving = false;

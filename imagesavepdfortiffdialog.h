@@ -43,13 +43,18 @@ public slots:
     void on_btnSaveTiff_clicked();
     void on_btnDel_clicked();
 
+protected:
+    void showEvent(QShowEvent *event) override;
+
 private:
     QLabel *thumbnail(int number) const;
     void removeThumbnail(QLabel *label);
-    QProgressDialog *startProgress(int pages, const QString &text);
+    QProgressDialog *startProgress(int pages, const QString &text, bool slow);
     using Writer = void (ImageSavePDFOrTiffDialog::*)(const QString &, const QList<QString> &,
                                                       QProgressDialog *);
-    void save(const QString &format, const QString &kindName, Writer write);
+    void save(const QString &format, const QString &kindName, Writer write, bool slow = false);
+    void writeSearchablePdf(const QString &fileName, const QList<QString> &pages,
+                            QProgressDialog *progress);
     void writePdf(const QString &fileName, const QList<QString> &pages, QProgressDialog *progress);
     void writeTiff(const QString &fileName, const QList<QString> &pages, QProgressDialog *progress);
 

@@ -4,19 +4,26 @@
 
 #include <QColor>
 #include <QDateTime>
+#include <QDebug>
 #include <QFont>
 #include <QFontMetrics>
 #include <QImage>
+#include <QImageWriter>
 #include <QPainter>
 #include <QPen>
 
 QString nextOutputFileName(const QString &format)
 {
+    return nextOutputFileName(format, QDateTime::currentDateTime());
+}
+
+QString nextOutputFileName(const QString &format, const QDateTime &now)
+{
     Config *config = Cache::config;
     const QString folder = config->user_documentsLocation;
     if (config->save_type != 0) {
-        const QString now = QDateTime::currentDateTime().toString("yyyy_MM_dd HH_mm_ss.zzz");
-        return QString("%1/%2.%3").arg(folder).arg(now).arg(format);
+        const QString stamp = now.toString("yyyy_MM_dd HH_mm_ss.zzz");
+        return QString("%1/%2.%3").arg(folder).arg(stamp).arg(format);
     }
     const QString name =
         QString("%1/%2_%3.%4").arg(folder).arg(config->save_prefix).arg(config->save_number).arg(format);
@@ -26,9 +33,26 @@ QString nextOutputFileName(const QString &format)
 
 QString watermarkText()
 {
+    return watermarkText(QDateTime::currentDateTime());
+}
+
+QString watermarkText(const QDateTime &now)
+{
     if (Cache::config->watermark_time)
-        return QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss");
+        return now.toString("yyyy-MM-dd HH:mm:ss");
     return Cache::config->watermark_text;
+}
+
+void writePhoto(const QImage &image, const QString &fileName, const QString &format)
+{
+    QImageWriter writer(fileName, format.toUtf8());
+    writer.setQuality(Cache::config->image_quality);
+    // A failure is logged so that a photo lost to a full disk or a removed
+    // folder leaves a trace.
+    if (image.isNull())
+        qDebug() << Q_FUNC_INFO << "nothing to save as" << fileName << "(empty picture)";
+    else if (!writer.write(image))
+        qDebug() << Q_FUNC_INFO << "could not write" << fileName << ":" << writer.errorString();
 }
 
 QColor watermarkColour()

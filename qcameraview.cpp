@@ -9,12 +9,14 @@
 #include "threads/imageprocessing.h"
 
 #include <QDateTime>
+#include <QFileInfo>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QStyleOption>
 #include <QTimer>
 #include <QWheelEvent>
 
+#include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 namespace {
@@ -51,6 +53,8 @@ QCameraView::QCameraView(QWidget *parent)
     connect(m_imageProcessing, SIGNAL(openCameraSignal()), this, SLOT(openCameraSlot()));
     connect(m_imageProcessing, SIGNAL(closeCameraSignal()), this, SLOT(closeCameraSlot()));
     connect(timerWriter, SIGNAL(timeout()), this, SLOT(onWriterTimer()));
+    connect(m_imageProcessing, &ImageProcessing::cameraAwaySignal, this,
+            &QCameraView::showCameraAway);
 }
 
 QCameraView::~QCameraView()
@@ -134,15 +138,29 @@ void QCameraView::setCameraResolution(QSize size)
 
 void QCameraView::markOpen()
 {
-    if (isOpenTip) {
+    // A frame read before the camera was opened again (it crossed the
+    // request) does not end the opening.
+    if (isOpenTip && !m_imageProcessing->openPending()) {
         isOpenTip = false;
         emit openCameraSignal();
     }
 }
 
+QString QCameraView::cameraAwayNotice()
+{
+    return QStringLiteral("摄像头已断开，正在等待重新连接……");
+}
+
+void QCameraView::showCameraAway()
+{
+    cameraAway = true;
+    update();
+}
+
 void QCameraView::updateImage(QImage image)
 {
     markOpen();
+    cameraAway = false;
     m_Image = image;
     // The capture thread has usually scaled this picture to its shown size
     // already; taking that copy spares the GUI thread the scaling.
@@ -278,6 +296,8 @@ void QCameraView::paintEvent(QPaintEvent *event)
 
     if (m_Image.isNull()) {
         QWidget::paintEvent(event);
+        if (cameraAway)
+            paintAwayNotice(painter);
         return;
     }
 
@@ -297,6 +317,24 @@ void QCameraView::paintEvent(QPaintEvent *event)
         painter.scale(m_ZoomValue, m_ZoomValue);
         painter.drawImage(QRect(-w / 2, -h / 2, w, h), m_Image);
     }
+    if (cameraAway) {
+        painter.resetTransform();
+        paintAwayNotice(painter);
+    }
+}
+
+// A dark band across the middle with the notice in white, readable over
+// any picture.
+void QCameraView::paintAwayNotice(QPainter &painter)
+{
+    QFont font = painter.font();
+    font.setPixelSize(qBound(12, height() / 20, 28));
+    painter.setFont(font);
+    const int band = painter.fontMetrics().height() * 2;
+    const QRect area(0, (height() - band) / 2, width(), band);
+    painter.fillRect(area, QColor(0, 0, 0, 200));
+    painter.setPen(Qt::white);
+    painter.drawText(area, Qt::AlignCenter, cameraAwayNotice());
 }
 
 // The picture scaled down to the fitted size, made once per new picture and
@@ -373,11 +411,12 @@ void QCameraView::recordBegin()
     delete m_imageProcessing->writer;
     m_imageProcessing->writer = new cv::VideoWriter;
 
-    recordSize = m_imageProcessing->currentFrame().size();
-    m_imageProcessing->writer->open(m_cameraRecorderPath.toUtf8().toStdString(),
-                                    cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), recordFileRate,
-                                    recordSize, true);
-    frameWriter = std::make_unique<FrameWriter>(m_imageProcessing->writer);
+    // The file is opened with the first frame the camera delivers from now
+    // on, at that frame's size: a camera being set up again (a secondary
+    // window just closed) records at the size it runs at afterwards.
+    recordSize = cv::Size();
+    recordOpenTried = false;
+    recordStartFrames = m_imageProcessing->framesTaken;
 
     isCameraVideo = true;
     fps_count = 1;
@@ -395,7 +434,11 @@ void QCameraView::onWriterTimer()
         return;
     }
     cv::VideoWriter *writer = m_imageProcessing->writer;
-    if (!isCameraVideo || !writer || !writer->isOpened() || m_Image.isNull())
+    if (!isCameraVideo || !writer || m_Image.isNull() || cameraAway)
+        return;
+    if (!recordOpenTried && !openRecordingFile(false))
+        return;
+    if (!writer->isOpened())
         return;
     // A full queue drops this tick's frame: it is not even copied.
     if (isWriteVideo && !(frameWriter && frameWriter->hasRoom()))
@@ -405,13 +448,36 @@ void QCameraView::onWriterTimer()
     mutex.unlock();
     if (copy.empty())
         return;
-    // A frame of another size (the camera re-opened meanwhile) would spoil
-    // the file.
+    // The file's frame size is fixed: a frame of another size (the camera
+    // set up again meanwhile) goes in scaled to it.
     if (copy.size() != recordSize)
-        return;
+        cv::resize(copy, copy, recordSize, 0, 0, cv::INTER_AREA);
     if (isWriteVideo && !frameWriter->offer(copy))
         return;
     fps_count += 1;
+}
+
+// Opens the recording's file at the size of the camera's frame, once the
+// camera has delivered a frame since the start in its current set-up (any
+// frame at all when anyFrame). False while there is none yet.
+bool QCameraView::openRecordingFile(bool anyFrame)
+{
+    ImageProcessing *thread = m_imageProcessing;
+    if (!anyFrame && (thread->framesTaken == recordStartFrames || !thread->frameIsSettled()))
+        return false;
+    const cv::Mat first = thread->currentFrame();
+    if (first.empty())
+        return false;
+    recordOpenTried = true;
+    recordSize = first.size();
+    // A file that cannot be written (full disk, folder gone) leaves the
+    // writer closed: the recording then writes nothing and never retries.
+    thread->writer->open(m_cameraRecorderPath.toUtf8().toStdString(),
+                         cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), recordFileRate, recordSize,
+                         true);
+    frameWriter = std::make_unique<FrameWriter>(thread->writer);
+    frameWriter->keepRoomIn(QFileInfo(m_cameraRecorderPath).absolutePath().toStdString());
+    return true;
 }
 
 void QCameraView::recordEnd()
@@ -425,6 +491,9 @@ void QCameraView::recordEnd()
         return;
     }
     cv::VideoWriter *writer = m_imageProcessing->writer;
+    // Stopped before the camera delivered: the file still holds what there is.
+    if (isCameraVideo && writer && !recordOpenTried)
+        openRecordingFile(true);
     if (writer)
         writer->set(cv::CAP_PROP_FRAME_COUNT, fps_count);
     isWriteVideo = false;
@@ -466,12 +535,15 @@ bool QCameraView::recordBeginWithSound()
 // Each camera frame is offered once; the writer places it by its time.
 void QCameraView::offerWithSound()
 {
-    if (!isWriteVideo || !avRecorder->hasRoom())
+    if (!isWriteVideo || cameraAway || !avRecorder->hasRoom())
         return;
     qint64 stamp = 0;
     cv::Mat copy = m_imageProcessing->currentFrame(&stamp);
-    if (copy.empty() || copy.size() != recordSize || stamp == offeredStamp)
+    if (copy.empty() || stamp == offeredStamp)
         return;
+    // As without sound: a frame of another size goes in scaled to the file's.
+    if (copy.size() != recordSize)
+        cv::resize(copy, copy, recordSize, 0, 0, cv::INTER_AREA);
     if (avRecorder->offer(copy, stamp)) {
         offeredStamp = stamp;
         fps_count += 1;

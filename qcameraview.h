@@ -82,6 +82,11 @@ public:
     float soundLevel() const;
     bool soundMissing = false;
 
+    // Drawn over the last picture while the camera is away (unplugged);
+    // gone with the first frame after its return.
+    static QString cameraAwayNotice();
+    bool isCameraAway() const { return cameraAway; }
+
 signals:
     void sendTakePhotoImageSignal(QList<QString> files, int kind);
     void readFarme(QImage image);
@@ -98,6 +103,7 @@ public slots:
     void openCameraSlot();
     void closeCameraSlot();
     void onWriterTimer();
+    void showCameraAway();
 
 protected:
     void paintEvent(QPaintEvent *event) override;
@@ -111,6 +117,8 @@ private:
     bool inPlainPreview() const;
     void markOpen();
     QImage fittedImage(QSize size);
+    bool openRecordingFile(bool anyFrame);
+    void paintAwayNotice(QPainter &painter);
 
     bool recordBeginWithSound();
     void offerWithSound();
@@ -119,6 +127,9 @@ private:
     std::unique_ptr<AvRecorder> avRecorder;   // the recording's writer when it has sound
     qint64 offeredStamp = 0;                  // capture time of the last frame it got
     cv::Size recordSize;                      // frame size of the recording's file
+    unsigned recordStartFrames = 0;           // the thread's frame count when recording began
+    bool recordOpenTried = false;             // the file was opened, or failed to
+    bool cameraAway = false;
     PreviewFitter fitter;                     // fits pictures the capture thread did not
     qint64 fittedKey = 0;                     // m_Image that m_temp_Image was fitted from
 };

@@ -2,7 +2,8 @@
 # Installs what is needed, builds the program twice (plain, and with
 # AddressSanitizer + UndefinedBehaviorSanitizer) and runs the whole suite in
 # both builds; then builds the capture engine's tests with ThreadSanitizer
-# and runs those.
+# and runs those; then fuzzes each libFuzzer target for 30 s and runs the
+# real program through a 2-minute soak.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
@@ -24,4 +25,8 @@ echo "== build-tsan: building the capture engine's tests"
 bash scripts/build.sh build-tsan -DBRIVORA_TSAN=ON -- "${engine_tests[@]}"
 echo "== build-tsan: testing"
 (cd build-tsan && ctest --output-on-failure -R "^($(IFS='|'; echo "${engine_tests[*]}"))\$") || status=1
+echo "== fuzzing: each target for 30 s"
+bash scripts/fuzz.sh 30 || status=1
+echo "== soak: 2 minutes of the real program"
+bash scripts/soak.sh 2 build || status=1
 exit $status

@@ -7,10 +7,12 @@
 #include "cache.h"
 #include "camerainfo.h"
 #include "cameraviewdialog.h"
+#include "mainwindowqcamera.h"
 #include "qcameraview.h"
 #include "startup.h"
 #include "testsupport.h"
 #include "threads/imageprocessing.h"
+#include "ui_mainwindowqcamera.h"
 
 #include <QApplication>
 #include <QDateTime>
@@ -18,8 +20,10 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFileInfo>
+#include <QCheckBox>
 #include <QLabel>
 #include <QMouseEvent>
+#include <QPushButton>
 #include <QPainter>
 #include <QRegularExpression>
 #include <QSignalSpy>
@@ -120,6 +124,13 @@ bool nearly(const QRect &a, const QRect &b)
 }
 
 // The frames a finished recording holds, read back with OpenCV.
+QImage solidImage(int width, int height, QColor colour)
+{
+    QImage image(width, height, QImage::Format_RGB888);
+    image.fill(colour);
+    return image;
+}
+
 struct Recording
 {
     bool opened = false;
@@ -182,6 +193,14 @@ private:
         view.init(0);
         return QTest::qWaitFor([&] { return !view.m_Image.isNull() && !view.isOpenTip; },
                                frameDeadline);
+    }
+
+    // The small camera, opened in a view of its size.
+    bool openSmallCamera(QCameraView &view)
+    {
+        discoverSmallCamera();
+        view.resize(640, 480);
+        return openAndWait(view);
     }
 
 private slots:
@@ -533,6 +552,49 @@ private slots:
         CameraViewDialog dialog;
         QVERIFY(!dialog.isVisible());
         QVERIFY(dialog.getChildImage().isNull());
+
+        // A photo with picture-in-picture on while neither secondary window
+        // of the main window was ever shown.
+        discoverSmallCamera();
+        Cache::config->image_codec = "png";
+        Cache::config->image_out_resolution = 11; // 640x480
+        Cache::config->painting_percentage = 30;
+        MainWindowQCamera w;
+        QVERIFY(QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
+                                frameDeadline));
+        ImageProcessing *thread = w.ui->video->m_imageProcessing;
+        w.ui->chMergeImage_2->setChecked(true);
+        QVERIFY(thread->isTakePhotoChildCamera);
+        QVERIFY(!w.cameraView1->isVisible() && !w.cameraView2->isVisible());
+        // The hidden windows hold a picture each, so that an inset, were one
+        // drawn, would show; and the thread still has the flags of a photo
+        // taken with both windows open.
+        w.cameraView1->findChild<QCameraView *>("iVideo")->m_Image = solidImage(320, 240, Qt::red);
+        w.cameraView2->findChild<QCameraView *>("iVideo")->m_Image = solidImage(320, 240, Qt::blue);
+        thread->isShow1 = true;
+        thread->isShow2 = true;
+
+        QSignalSpy taken(w.ui->video, &QCameraView::sendTakePhotoImageSignal);
+        QTest::mouseClick(w.ui->btnShooting, Qt::LeftButton);
+        QTRY_COMPARE_WITH_TIMEOUT(taken.count(), 1, frameDeadline);
+        QVERIFY2(!thread->isShow1, "the first window's flag reached the thread as false");
+        QVERIFY2(!thread->isShow2, "the second window's flag reached the thread as false");
+
+        const QList<QString> files = taken.at(0).at(0).value<QList<QString>>();
+        QCOMPARE(files.size(), 1);
+        const QImage photo = QImage(files[0]).convertToFormat(QImage::Format_RGB32);
+        QCOMPARE(photo.size(), QSize(640, 480));
+        // Where the insets would sit (the top-left 30 %), nothing red or blue:
+        // only the desk and the sheet's corner.
+        const QRect corner(0, 0, 640 * 30 / 100, 480 * 30 / 100);
+        int coloured = 0;
+        for (int y = corner.top(); y <= corner.bottom(); ++y)
+            for (int x = corner.left(); x <= corner.right(); ++x) {
+                const QColor c = photo.pixelColor(x, y);
+                coloured += (c.red() > 150 || c.blue() > 150) && c.green() < 100;
+            }
+        QCOMPARE(coloured, 0);
+        QVERIFY2(photo.pixelColor(320, 240).red() > 200, "the sheet of the main camera is in the middle");
     }
 
     void windowShowsFramesAndClosesItsCamera()
@@ -650,13 +712,35 @@ private slots:
         QVERIFY2(r.frames >= 70 && r.frames <= 110, qPrintable(QString::number(r.frames)));
     }
 
+    void tenSecondsAtThirtyFramesASecondGiveAboutThreeHundredFrames()
+    {
+        qputenv("VCAM_0_FPS", "30");
+        QCameraView view;
+        QVERIFY(openSmallCamera(view));
+        int ticks = 0;
+        connect(view.timerWriter, &QTimer::timeout, [&ticks] { ++ticks; });
+
+        view.recordBegin();
+        QVERIFY(view.isCameraVideo);
+        const QString path = view.m_cameraRecorderPath;
+        idle(10000);
+        view.recordEnd();
+
+        const Recording r = readRecording(path);
+        QVERIFY2(r.opened, qPrintable(path));
+        qInfo("10 s recording: %d frames, %d timer ticks, fps_count %d", r.frames, ticks, view.fps_count);
+        QVERIFY2(r.frames >= 255 && r.frames <= 345, qPrintable(QString::number(r.frames)));
+        // Every tick that found a frame wrote it to the file and counted it,
+        // on top of the 1 the count starts at.
+        QCOMPARE(view.fps_count, r.frames + 1);
+        QVERIFY2(ticks >= r.frames, qPrintable(QString("%1 ticks").arg(ticks)));
+    }
+
     void recordingSurvivesAnUnpluggedCamera()
     {
         qputenv("VCAM_0_UNPLUG_AFTER", "45");
-        discoverSmallCamera();
         QCameraView view;
-        view.resize(640, 480);
-        QVERIFY(openAndWait(view));
+        QVERIFY(openSmallCamera(view));
         QSignalSpy taken(&view, &QCameraView::sendTakePhotoImageSignal);
         view.recordBegin();
         QVERIFY(view.isCameraVideo);

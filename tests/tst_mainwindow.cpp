@@ -401,18 +401,30 @@ private slots:
 
     void storedCameraBeyondTheListStartsCameraZeroAndSavesIt()
     {
-        attachCameras(1); // two nodes: the camera and its metadata node
-        QCOMPARE(Cache::cameras->size(), 2);
-        Cache::config->camera_index = 3;
+        // The real program, started with a file that names camera 3 while
+        // only camera 0 and its metadata node are attached.
+        const QString work = m_scratch->path() + "/work";
+        const QString home = m_scratch->path() + "/home";
+        QVERIFY(QDir().mkpath(work) && QDir().mkpath(home));
+        const QString ini = work + "/system.ini";
         {
-            MainWindowQCamera w;
-            QCOMPARE(Cache::config->camera_index, 0);
-            QCOMPARE(w.ui->video->id, 0);
-            QTRY_COMPARE_WITH_TIMEOUT(stateValue(0, "streaming"), QString("1"), frameDeadline);
-            Cache::config->camera_index = 0;
+            QSettings settings(ini, QSettings::IniFormat);
+            for (const auto &[key, value] : factorySettings(m_documents->path()))
+                settings.setValue(key, value);
+            settings.setValue("camera/index", 3);
         }
-        QSettings ini(Cache::config->ini_path, QSettings::IniFormat);
-        QCOMPARE(ini.value(Cache::config->ini_camera_index).toInt(), 0);
+        QCOMPARE(QSettings(ini, QSettings::IniFormat).value("camera/index").toInt(), 3);
+
+        const ProgramRun run = runProgram(work, home,
+                                          {{"VCAM_CAMERAS", "1"},
+                                           {"VCAM_0_SIZES", "640x480"},
+                                           {"VCAM_STATE_DIR", m_state->path()}},
+                                          2500);
+        QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(run.output.right(2000)));
+        QVERIFY(run.boxes.isEmpty());
+        // Camera 0 streamed, and the file holds 0 once the window is gone.
+        QVERIFY2(stateValue(0, "frames").toInt() > 0, qPrintable(run.output.right(2000)));
+        QCOMPARE(QSettings(ini, QSettings::IniFormat).value("camera/index").toInt(), 0);
     }
 
     void negativeStoredCameraStartsCameraZero()
@@ -513,6 +525,8 @@ private slots:
         MainWindowQCamera w;
         QVERIFY(waitOpen(w));
         ModalAnswerer answerer;
+        int ticks = 0;
+        connect(w.timerShooting, &QTimer::timeout, [&ticks] { ++ticks; });
         QTest::mouseClick(w.ui->btnShootingTime, Qt::LeftButton);
         QVERIFY(w.isTimeShooting);
         QCOMPARE(w.timerShooting->interval(), 1000);
@@ -520,10 +534,17 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(answerer.boxes.size(), 1, 5000);
         QCOMPARE(answerer.boxes[0].title, QString("警告"));
         QCOMPARE(answerer.boxes[0].text, QString("定时拍摄中......"));
-        QVERIFY2(!w.ui->video->m_imageProcessing->isTakePhoto, "no photo was asked for by the click");
         // The timer's photos go on.
-        QTRY_VERIFY_WITH_TIMEOUT(documents().size() >= 2, fileDeadline);
+        QTRY_VERIFY_WITH_TIMEOUT(ticks >= 2 && documents().size() >= 2, fileDeadline);
         QVERIFY(w.isTimeShooting);
+        QTest::mouseClick(w.ui->btnShootingTime, Qt::LeftButton);
+        QVERIFY(!w.isTimeShooting);
+        // One photo per tick of the timer and none for the refused click.
+        const int ticked = ticks;
+        QTRY_COMPARE_WITH_TIMEOUT(documents().size(), ticked, fileDeadline);
+        QTest::qWait(1000);
+        QCOMPARE(documents().size(), ticked);
+        QCOMPARE(ticks, ticked);
         QCOMPARE(answerer.boxes.size(), 1);
     }
 
@@ -690,6 +711,7 @@ private slots:
         const QString avi = w.file_paths.value(0);
         QCOMPARE(QFileInfo(avi).absolutePath(), m_documents->path());
         QVERIFY2(frameCount(avi) >= 10, qPrintable(QString("%1 frames").arg(frameCount(avi))));
+        QVERIFY2(!scaledIcon("/Resources/recored.png").isNull(), "/Resources/recored.png is there to compare with");
         QCOMPARE(slotPixmap(w, 1).toImage(), scaledIcon("/Resources/recored.png"));
         QCOMPARE(slotStyle(w, 1), QString(newestSlotStyle));
     }
@@ -1027,8 +1049,11 @@ private slots:
         const QString avi = QDir(m_scratch->path()).filePath("2026_01_01_10_00_00.000.avi");
         const QString tiff = QDir(m_scratch->path()).filePath("IMG_4.tiff");
         w.takePhotoImage({pdf, avi, tiff}, 1);
+        QVERIFY2(!scaledIcon("/Resources/pdf.png").isNull(), "/Resources/pdf.png is there to compare with");
         QCOMPARE(slotPixmap(w, 1).toImage(), scaledIcon("/Resources/pdf.png"));
+        QVERIFY2(!scaledIcon("/Resources/recored.png").isNull(), "/Resources/recored.png is there to compare with");
         QCOMPARE(slotPixmap(w, 2).toImage(), scaledIcon("/Resources/recored.png"));
+        QVERIFY2(!scaledIcon("/Resources/tiff.png").isNull(), "/Resources/tiff.png is there to compare with");
         QCOMPARE(slotPixmap(w, 3).toImage(), scaledIcon("/Resources/tiff.png"));
         QVERIFY(w.ui->pic21->hasScaledContents());
         QCOMPARE(w.file_paths.value(0), pdf);
@@ -1165,6 +1190,7 @@ private slots:
         std::vector<cv::Mat> pages;
         QVERIFY(cv::imreadmulti(document("IMG_6.tiff").toStdString(), pages));
         QCOMPARE(int(pages.size()), 2);
+        QVERIFY2(!scaledIcon("/Resources/tiff.png").isNull(), "/Resources/tiff.png is there to compare with");
         QCOMPARE(slotPixmap(w, 6).toImage(), scaledIcon("/Resources/tiff.png"));
     }
 };

@@ -399,51 +399,58 @@ private slots:
     {
         Config *c = Cache::config;
         c->save_type = 1;
-        const QRegularExpression pattern(
-            "^" + QRegularExpression::escape(folder) + "/(\\d{4}_\\d{2}_\\d{2} \\d{2}_\\d{2}_\\d{2}\\.\\d{3})\\.jpg$");
+        c->image_codec = "bmp";
 
         // Names by time: the local time to the millisecond, not counted.
+        const QDateTime when(QDate(2026, 3, 7), QTime(9, 5, 4, 27));
+        const QString first = nextOutputFileName("bmp", when);
+        const QString second = nextOutputFileName("bmp", when);
+        QCOMPARE(first, folder + "/2026_03_07 09_05_04.027.bmp");
+        QCOMPARE(second, first);
+        QCOMPARE(c->save_number, 1);
+        // A millisecond later is another name.
+        QCOMPARE(nextOutputFileName("bmp", when.addMSecs(1)), folder + "/2026_03_07 09_05_04.028.bmp");
+
+        // Two photos under the one name: the second replaces the first.
+        writePhoto(solid(8, 8, Qt::red), first, "bmp");
+        QCOMPARE(filesIn(folder), QStringList({"2026_03_07 09_05_04.027.bmp"}));
+        QVERIFY2(near(readBack(first).pixel(4, 4), Qt::red, 0), qPrintable(rgb(readBack(first).pixel(4, 4))));
+        writePhoto(solid(8, 8, Qt::blue), second, "bmp");
+        QCOMPARE(filesIn(folder), QStringList({"2026_03_07 09_05_04.027.bmp"}));
+        const QImage img = readBack(first);
+        QCOMPARE(img.size(), QSize(8, 8));
+        QVERIFY2(near(img.pixel(4, 4), Qt::blue, 0), qPrintable(rgb(img.pixel(4, 4))));
+    }
+
+    void photoByTimeIsNamedByTheTimeItWasTaken()
+    {
+        Cache::config->save_type = 1;
+        const QRegularExpression pattern(
+            "^" + QRegularExpression::escape(folder) + "/(\\d{4}_\\d{2}_\\d{2} \\d{2}_\\d{2}_\\d{2}\\.\\d{3})\\.jpg$");
+        ImageProcessing ip;
+        ip.frame = desk(8, 8);
         const QDateTime before = QDateTime::currentDateTime();
-        const QString name = nextOutputFileName("jpg");
+        const Shot shot = shoot(ip);
         const QDateTime after = QDateTime::currentDateTime();
-        const QRegularExpressionMatch m = pattern.match(name);
-        QVERIFY2(m.hasMatch(), qPrintable(name));
+        QCOMPARE(shot.files.size(), 1);
+        const QRegularExpressionMatch m = pattern.match(shot.files[0]);
+        QVERIFY2(m.hasMatch(), qPrintable(shot.files[0]));
         const QDateTime when = QDateTime::fromString(m.captured(1), "yyyy_MM_dd HH_mm_ss.zzz");
         QVERIFY(when.isValid());
-        QVERIFY2(when >= before.addMSecs(-1) && when <= after.addMSecs(1), qPrintable(name));
-        QCOMPARE(c->save_number, 1);
+        QVERIFY2(when >= before.addMSecs(-1) && when <= after.addMSecs(1), qPrintable(shot.files[0]));
+        QCOMPARE(Cache::config->save_number, 1);
+        QCOMPARE(filesIn(folder), QStringList({QFileInfo(shot.files[0]).fileName()}));
+    }
 
-        bool same = false;
-        for (int i = 0; i < 100000 && !same; ++i)
-            same = nextOutputFileName("jpg") == nextOutputFileName("jpg");
-        QVERIFY(same);
-
-        // Two quick photos: where they share a name, the second replaces the first.
-        c->image_codec = "bmp";
-        bool shared = false;
-        for (int attempt = 0; attempt < 200 && !shared; ++attempt) {
-            QTemporaryDir sub;
-            c->user_documentsLocation = sub.path();
-            ImageProcessing ip;
-            ip.frame = desk(8, 8);
-            ip.setCameraCorrection(3);
-            ip.setTakePhotoCammond(solid(8, 8, Qt::red), QImage(), true, false);
-            const Shot a = shoot(ip);
-            ip.setTakePhotoCammond(solid(8, 8, Qt::blue), QImage(), true, false);
-            const Shot b = shoot(ip);
-            QCOMPARE(a.files.size(), 1);
-            QCOMPARE(b.files.size(), 1);
-            const QStringList present = filesIn(sub.path());
-            if (a.files[0] == b.files[0]) {
-                shared = true;
-                QCOMPARE(present, QStringList({QFileInfo(a.files[0]).fileName()}));
-                const QImage img = readBack(a.files[0]);
-                QVERIFY2(near(img.pixel(4, 4), Qt::blue, 0), qPrintable(rgb(img.pixel(4, 4))));
-            } else {
-                QCOMPARE(present.size(), 2);
-            }
-        }
-        QVERIFY2(shared, "no two photos in the same millisecond in 200 attempts");
+    void watermarkByTimeStampsTheTimeGiven()
+    {
+        Config *c = Cache::config;
+        c->watermark_text = "ZZZZ";
+        c->watermark_time = false;
+        const QDateTime when(QDate(2026, 3, 7), QTime(9, 5, 4, 999));
+        QCOMPARE(watermarkText(when), QString("ZZZZ"));
+        c->watermark_time = true;
+        QCOMPARE(watermarkText(when), QString("2026-03-07 09:05:04"));
     }
 
     void photoIsScaledToFitOutputSizeKeepingAspectAndTurned()

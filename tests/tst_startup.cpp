@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QImageWriter>
+#include <QMap>
 #include <QPixmap>
 #include <QSettings>
 #include <QTemporaryDir>
@@ -42,6 +43,46 @@ QString describe(const ProgramRun &run)
         .arg(run.finished)
         .arg(run.boxes.join(" | "))
         .arg(run.output.right(3000));
+}
+
+// What the program left in its start-up report (see the preloaded helper):
+// the pictures it showed and "key=value" lines.
+struct StartupReport
+{
+    QImage splash;
+    QImage logo;
+    QMap<QString, QString> values;
+};
+
+StartupReport readStartupReport(const QString &folder)
+{
+    StartupReport report;
+    report.splash = QImage(folder + "/splash.png");
+    report.logo = QImage(folder + "/logo.png");
+    QFile file(folder + "/report.txt");
+    if (file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        for (const QString &line : QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts))
+            report.values.insert(line.section('=', 0, 0), line.section('=', 1));
+    }
+    return report;
+}
+
+// Runs the program in place with a virtual camera and its start-up report
+// asked for.
+StartupReport startAndReport(const Place &place, ProgramRun &run)
+{
+    const QString folder = place.root.path() + "/report";
+    QDir().mkpath(folder);
+    run = runProgram(place.work(), place.home(),
+                     {{"VCAM_CAMERAS", "1"}, {"BRIVORA_STARTUP_REPORT", folder}}, 2500);
+    return readStartupReport(folder);
+}
+
+// True when two pictures hold the same pixels, whatever their formats.
+bool samePixels(const QImage &a, const QImage &b)
+{
+    return !a.isNull() && a.size() == b.size()
+           && a.convertToFormat(QImage::Format_ARGB32) == b.convertToFormat(QImage::Format_ARGB32);
 }
 
 bool sanitizerSpoke(const ProgramRun &run)
@@ -89,17 +130,50 @@ private slots:
     {
         Place place;
         QVERIFY(place.work() != exeDir());
-        const ProgramRun run = runProgram(place.work(), place.home(), {{"VCAM_CAMERAS", "2"}}, 2500);
+        ProgramRun run;
+        const StartupReport report = startAndReport(place, run);
         QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(describe(run)));
+        QVERIFY2(!sanitizerSpoke(run), qPrintable(describe(run)));
         QVERIFY(QFile::exists(place.work() + "/system.ini"));
-        QVERIFY(!sanitizerSpoke(run));
+        QVERIFY(!QFile::exists(exeDir() + "/work/system.ini"));
+
+        // The splash and the logo show the picture beside the executable.
+        const QImage picture(exeDir() + "/Resources/brivora.png");
+        QCOMPARE(picture.size(), QSize(480, 300));
+        QVERIFY2(samePixels(report.splash, picture), "the splash holds the program's picture");
+        QVERIFY2(!report.logo.isNull(), "the logo label holds a picture");
+        QVERIFY(report.logo.width() <= picture.width());
+        const QImage fitted = QPixmap::fromImage(picture)
+                                  .scaled(report.logo.size(), Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                                  .toImage();
+        QVERIFY2(samePixels(report.logo, fitted), "the logo is the program's picture, fitted");
+        QCOMPARE(report.logo.width() * 300 / 480, report.logo.height());
     }
 
     void resourcesAreTakenRelativeToTheExecutable()
     {
-        // Whatever the working directory, every picture the program names
-        // lies under the executable's folder + "/Resources/".
-        QVERIFY(QDir::currentPath() != exeDir());
+        // A working directory with pictures of its own under the same
+        // names: the program must not take them.
+        Place place;
+        QVERIFY(QDir().mkpath(place.work() + "/Resources/back"));
+        QImage decoy(480, 300, QImage::Format_RGB32);
+        decoy.fill(Qt::red);
+        QVERIFY(decoy.save(place.work() + "/Resources/brivora.png"));
+        QVERIFY(decoy.scaled(90, 90).save(place.work() + "/Resources/back/Picture_90.png"));
+
+        ProgramRun run;
+        const StartupReport report = startAndReport(place, run);
+        QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(describe(run)));
+        // main sets the program's folder itself, from where it was started.
+        QCOMPARE(report.values.value("exe_path"), exeDir());
+        QVERIFY2(samePixels(report.splash, QImage(exeDir() + "/Resources/brivora.png")),
+                 "the splash comes from beside the executable");
+        QVERIFY2(!report.logo.isNull() && report.logo.pixel(report.logo.width() / 2, report.logo.height() / 2)
+                                              != QColor(Qt::red).rgb(),
+                 "the logo is not the working directory's picture");
+
+        // Every picture the program names lies under that folder +
+        // "/Resources/".
         const QStringList pictures{
             "/Resources/brivora.png",           "/Resources/back/Picture_90.png",
             "/Resources/pdf.png",               "/Resources/recored.png",
@@ -113,7 +187,6 @@ private slots:
             QVERIFY2(!image.isNull(), qPrintable(picture));
             QVERIFY2(image.width() >= 16 && image.height() >= 16, qPrintable(picture));
         }
-        QCOMPARE(QImage(exeDir() + "/Resources/brivora.png").size(), QSize(480, 300));
         QCOMPARE(QImage(exeDir() + "/Resources/back/Picture_90.png").size(), QSize(90, 90));
         QCOMPARE(QImage(exeDir() + "/Resources/icon/icon_snap_32.png").size(), QSize(32, 32));
         // The big buttons' style sheets address their pictures with a doubled
@@ -123,13 +196,23 @@ private slots:
 
     void resolutionsHoldTwelveSizesInOrder()
     {
+        // The list as main leaves it when the event loop starts: filled
+        // once, in order.
+        Place place;
+        ProgramRun run;
+        const StartupReport report = startAndReport(place, run);
+        QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(describe(run)));
+        QVERIFY2(report.values.contains("resolutions"), qPrintable(describe(run)));
+        QCOMPARE(report.values.value("resolutions").split(','),
+                 QStringList({"4640x3452", "4416x3312", "3742x2806", "3264x2448", "2592x1944", "2048x1536",
+                              "1920x1080", "1600x1200", "1280x960", "1280x720", "800x600", "640x480"}));
+
+        // The helper main fills it with appends the same twelve.
         QList<QSize> sizes;
         appendOutputSizes(sizes);
-        const QList<QSize> expected{QSize(4640, 3452), QSize(4416, 3312), QSize(3742, 2806),
-                                    QSize(3264, 2448), QSize(2592, 1944), QSize(2048, 1536),
-                                    QSize(1920, 1080), QSize(1600, 1200), QSize(1280, 960),
-                                    QSize(1280, 720),  QSize(800, 600),   QSize(640, 480)};
-        QCOMPARE(sizes, expected);
+        QCOMPARE(sizes.size(), 12);
+        QCOMPARE(sizes.first(), QSize(4640, 3452));
+        QCOMPARE(sizes.last(), QSize(640, 480));
     }
 
     void writableFormatsFollowTheImageWriter()

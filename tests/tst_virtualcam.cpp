@@ -8,6 +8,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include "testsupport.h"
+#include "tiltscene.h"
 
 #include <QtTest>
 
@@ -19,7 +20,9 @@
 #include <linux/videodev2.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/select.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -120,6 +123,20 @@ Listing discover(int n)
 }
 
 // A minimal memory-mapped capture client.
+// Opens node n once it can be opened, trying every 20 ms for up to ms;
+// the descriptor, or -1.
+int openWhenPresent(int n, int ms)
+{
+    QElapsedTimer clock;
+    clock.start();
+    for (;;) {
+        const int fd = openNode(n);
+        if (fd >= 0 || clock.elapsed() > ms)
+            return fd;
+        QThread::msleep(20);
+    }
+}
+
 struct RawStream {
     int fd = -1;
     std::vector<std::pair<void *, size_t>> maps;
@@ -132,9 +149,9 @@ struct RawStream {
             ::close(fd);
     }
 
-    bool start(int node, quint32 fourcc, int w, int h, quint32 count)
+    bool start(int node, quint32 fourcc, int w, int h, quint32 count, int flags = O_RDWR)
     {
-        fd = openNode(node);
+        fd = openNode(node, flags);
         if (fd < 0)
             return false;
         v4l2_format f{};
@@ -230,6 +247,8 @@ private slots:
     {
         // Read once by OpenCV when its back-end registry is first used.
         qputenv("OPENCV_VIDEOIO_PRIORITY_LIST", "V4L2");
+        // How long OpenCV's read waits in select() for a frame, in seconds.
+        qputenv("OPENCV_VIDEOIO_V4L_SELECT_TIMEOUT", "1");
     }
 
     void init()
@@ -532,7 +551,7 @@ private slots:
         QCOMPARE(stateKeys(0), QStringList({"pixelformat", "width", "height", "fps", "exposure_auto",
                                             "exposure_absolute", "exposure_absolute_requested",
                                             "exposure_auto_requested", "focus_auto", "streaming", "frames",
-                                            "opens"}));
+                                            "opens", "exposure", "autofocus"}));
         cap.release();
         st = readState(0);
         QCOMPARE(st.value("streaming"), QStringLiteral("0"));
@@ -639,6 +658,120 @@ private slots:
         QVERIFY(std::abs(r.center.x - 640) < 4 && std::abs(r.center.y - 360) < 4);
     }
 
+    // The corners of the largest bright blob of a frame, clockwise from the
+    // top-left one.
+    static std::vector<cv::Point2f> brightQuad(const cv::Mat &frame)
+    {
+        cv::Mat mask;
+        cv::threshold(grey(frame), mask, 150, 255, cv::THRESH_BINARY);
+        std::vector<std::vector<cv::Point>> contours;
+        cv::findContours(mask, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
+        size_t largest = 0;
+        for (size_t i = 1; i < contours.size(); ++i)
+            if (cv::contourArea(contours[i]) > cv::contourArea(contours[largest]))
+                largest = i;
+        std::vector<cv::Point> approx;
+        if (!contours.empty())
+            cv::approxPolyDP(contours[largest], approx, 0.02 * cv::arcLength(contours[largest], true), true);
+        return std::vector<cv::Point2f>(approx.begin(), approx.end());
+    }
+
+    static double farthestCorner(const std::vector<cv::Point2f> &found, const vcam::PageCorners &truth)
+    {
+        double worst = 0;
+        for (const cv::Point2d &t : truth) {
+            double best = 1e9;
+            for (const cv::Point2f &f : found)
+                best = std::min(best, cv::norm(cv::Point2d(f) - t));
+            worst = std::max(worst, best);
+        }
+        return worst;
+    }
+
+    void pageByFourCornersLiesThereWithItsPrint()
+    {
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", "quads:0.3,0.2,0.7,0.25,0.75,0.85,0.25,0.8");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+        const std::vector<cv::Point2f> quad = brightQuad(frame);
+        QCOMPARE(int(quad.size()), 4);
+        const vcam::PageCorners truth = {cv::Point2d(384, 144), cv::Point2d(896, 180), cv::Point2d(960, 612),
+                                         cv::Point2d(320, 576)};
+        QVERIFY2(farthestCorner(quad, truth) < 4, qPrintable(QString::number(farthestCorner(quad, truth))));
+        // The print: ink on the ruled frame's top line, paper between it and
+        // the page's edge.
+        const cv::Point2f unit[4] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+        cv::Point2f to[4];
+        for (int i = 0; i < 4; ++i)
+            to[i] = cv::Point2f(truth[i]);
+        std::vector<cv::Point2f> onPage = {{0.5f, float(vcam::kPageRuleInset)}, {0.5f, 0.04f}};
+        cv::perspectiveTransform(onPage, onPage, cv::getPerspectiveTransform(unit, to));
+        const cv::Point2f onRule = onPage[0], margin = onPage[1];
+        const cv::Mat g = grey(frame);
+        double ink = 255;
+        for (int dy = -3; dy <= 3; ++dy)
+            ink = std::min(ink, double(g.at<uchar>(int(onRule.y) + dy, int(onRule.x))));
+        QVERIFY2(ink < 150, qPrintable(QString::number(ink)));
+        QVERIFY(meanAt(g, int(margin.x), int(margin.y)) > 200);
+    }
+
+    void tiltedCameraSeesThePageAsTheHomographySays_data()
+    {
+        QTest::addColumn<QString>("tilt");
+        QTest::addColumn<QString>("focal");
+        QTest::addColumn<double>("tiltX");
+        QTest::addColumn<double>("tiltY");
+        QTest::addColumn<double>("focalWidths");
+        QTest::newRow("x:30") << "x:30" << "" << 30.0 << 0.0 << 1.0;
+        QTest::newRow("y:-20, focal 0.6") << "y:-20" << "0.6" << 0.0 << -20.0 << 0.6;
+        QTest::newRow("x:10,y:15") << "x:10,y:15" << "" << 10.0 << 15.0 << 1.0;
+        QTest::newRow("malformed: untilted") << "z:10" << "" << 0.0 << 0.0 << 1.0;
+    }
+
+    void tiltedCameraSeesThePageAsTheHomographySays()
+    {
+        QFETCH(QString, tilt);
+        QFETCH(QString, focal);
+        QFETCH(double, tiltX);
+        QFETCH(double, tiltY);
+        QFETCH(double, focalWidths);
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", "pages:0.5,0.5,0.3,0.6,10");
+        qputenv("VCAM_0_TILT", tilt.toLatin1());
+        if (!focal.isEmpty())
+            qputenv("VCAM_0_FOCAL", focal.toLatin1());
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+        cv::Mat frame;
+        QVERIFY(cap.read(frame));
+
+        vcam::SceneSpec scene;
+        scene.tiltX = tiltX;
+        scene.tiltY = tiltY;
+        scene.focal = focalWidths;
+        vcam::PageSpec page;
+        page.sheet = vcam::SheetSpec{0.5, 0.5, 0.3, 0.6, 10};
+        const vcam::PageCorners truth =
+            vcam::mapCorners(vcam::tiltHomography(scene, 1280, 720), vcam::pageCorners(page, 1280, 720));
+        const std::vector<cv::Point2f> quad = brightQuad(frame);
+        QCOMPARE(int(quad.size()), 4);
+        QVERIFY2(farthestCorner(quad, truth) < 4, qPrintable(QString::number(farthestCorner(quad, truth))));
+        if (tiltX >= 30) {
+            // Tilted about the horizontal axis, the lower edge is the far one.
+            QVERIFY(cv::norm(truth[2] - truth[3]) < 0.9 * cv::norm(truth[1] - truth[0]));
+        }
+        // The desk is still seen all over the frame, even where the tilted
+        // view reaches past the flat scene.
+        const cv::Mat g = grey(frame);
+        for (const cv::Point p : {cv::Point(4, 4), cv::Point(1275, 4), cv::Point(4, 715), cv::Point(1275, 715)})
+            QVERIFY(meanAt(g, p.x, p.y) > 25 && meanAt(g, p.x, p.y) < 80);
+        qunsetenv("VCAM_0_TILT");
+        qunsetenv("VCAM_0_FOCAL");
+    }
+
     void frameCounterChangesEveryFrameAndStaysDim()
     {
         for (const cv::Size size : {cv::Size(320, 240), cv::Size(1280, 720)}) {
@@ -706,11 +839,14 @@ private slots:
         QCOMPARE(st.value("exposure_absolute_requested"), QString());
         QCOMPARE(st.value("exposure_auto_requested"), QString());
         QCOMPARE(st.value("focus_auto"), QStringLiteral("1"));
+        QCOMPARE(st.value("exposure"), QStringLiteral("auto"));
+        QCOMPARE(st.value("autofocus"), QStringLiteral("on"));
 
         QVERIFY(cap.set(cv::CAP_PROP_AUTO_EXPOSURE, 1));
         st = readState(0);
         QCOMPARE(st.value("exposure_auto"), QStringLiteral("1"));
         QCOMPARE(st.value("exposure_auto_requested"), QStringLiteral("1"));
+        QCOMPARE(st.value("exposure"), QStringLiteral("manual"));
         QCOMPARE(cap.get(cv::CAP_PROP_AUTO_EXPOSURE), 1.0);
 
         QVERIFY(cap.set(cv::CAP_PROP_EXPOSURE, -3));
@@ -726,8 +862,10 @@ private slots:
 
         QVERIFY(cap.set(cv::CAP_PROP_AUTOFOCUS, 0));
         QCOMPARE(readState(0).value("focus_auto"), QStringLiteral("0"));
+        QCOMPARE(readState(0).value("autofocus"), QStringLiteral("off"));
         QVERIFY(cap.set(cv::CAP_PROP_AUTOFOCUS, 1));
         QCOMPARE(readState(0).value("focus_auto"), QStringLiteral("1"));
+        QCOMPARE(readState(0).value("autofocus"), QStringLiteral("on"));
 
         // A mode the camera does not offer is refused but still recorded.
         QVERIFY(!cap.set(cv::CAP_PROP_AUTO_EXPOSURE, 2));
@@ -891,6 +1029,161 @@ private slots:
         Fd again(openNode(0));
         QVERIFY(again.fd >= 0);
         QCOMPARE(readState(0).value("frames"), QStringLiteral("0"));
+    }
+
+    void stalledStreamDeliversNothingButAnswersEveryRequest()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_STALL_AFTER", "3");
+        qputenv("VCAM_0_STALL_MS", "700");
+        RawStream s;
+        QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2, O_RDWR | O_NONBLOCK));
+        for (int i = 0; i < 3; ++i) {
+            v4l2_buffer b;
+            QCOMPARE(s.dequeue(&b), 0);
+            QCOMPARE(s.requeue(&b), 0);
+        }
+        QElapsedTimer clock;
+        clock.start();
+        // A non-blocking descriptor hears EAGAIN at once, as from the driver.
+        v4l2_buffer b;
+        QCOMPARE(s.dequeue(&b), -1);
+        QCOMPARE(errno, EAGAIN);
+        QVERIFY(clock.elapsed() < 100);
+        v4l2_capability cap{};
+        QCOMPARE(xioctl(s.fd, VIDIOC_QUERYCAP, &cap), 0);
+        v4l2_format f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(s.fd, VIDIOC_G_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.width, 320u);
+
+        // select() times out while the stall lasts...
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(s.fd, &set);
+        timeval shortWait{0, 150000};
+        QCOMPARE(::select(s.fd + 1, &set, nullptr, nullptr, &shortWait), 0);
+        QVERIFY(!FD_ISSET(s.fd, &set));
+        QVERIFY(clock.elapsed() >= 140);
+        pollfd p{s.fd, POLLIN, 0};
+        QCOMPARE(::poll(&p, 1, 100), 0);
+        QCOMPARE(int(p.revents), 0);
+
+        // ... and reports the descriptor readable once it is over.
+        FD_ZERO(&set);
+        FD_SET(s.fd, &set);
+        timeval longWait{5, 0};
+        QCOMPARE(::select(s.fd + 1, &set, nullptr, nullptr, &longWait), 1);
+        QVERIFY(FD_ISSET(s.fd, &set));
+        QVERIFY2(clock.elapsed() >= 650 && clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(s.dequeue(&b), 0);
+        QCOMPARE(b.sequence, 3u);
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("4"));
+    }
+
+    void stalledStreamHoldsABlockingReaderUntilItEnds()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_STALL_AFTER", "1");
+        qputenv("VCAM_0_STALL_MS", "400");
+        RawStream s;
+        QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2));
+        v4l2_buffer b;
+        QCOMPARE(s.dequeue(&b), 0);
+        QCOMPARE(s.requeue(&b), 0);
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(s.dequeue(&b), 0);
+        QVERIFY2(clock.elapsed() >= 380, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(b.sequence, 1u);
+    }
+
+    void stallForGoodEndsAnOpenCvReadAfterItsSelectTimeout()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_STALL_AFTER", "4");
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 320, 240));
+        cv::Mat frame;
+        int good = 0;
+        QElapsedTimer clock;
+        clock.start();
+        while (good < 10 && cap.read(frame))
+            ++good;
+        // The read that meets the stall gives up when OpenCV's select()
+        // times out (one second in these tests) instead of hanging.
+        QVERIFY2(good >= 3 && good <= 4, qPrintable(QString::number(good)));
+        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("4"));
+    }
+
+    void replugBringsTheCameraBackAtTheSameNumber()
+    {
+        qputenv("VCAM_0_SIZES", "320x240,640x480");
+        qputenv("VCAM_0_UNPLUG_AFTER", "3");
+        qputenv("VCAM_0_REPLUG_AFTER_MS", "400");
+        QElapsedTimer clock;
+        {
+            RawStream s;
+            QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 640, 480, 2));
+            v4l2_buffer b;
+            for (int i = 0; i < 3; ++i) {
+                QCOMPARE(s.dequeue(&b), 0);
+                if (i < 2)
+                    QCOMPARE(s.requeue(&b), 0);
+            }
+            clock.start();
+            QCOMPARE(s.dequeue(&b), -1);
+            QCOMPARE(errno, ENODEV);
+            errno = 0;
+            QCOMPARE(openNode(0), -1);
+            QCOMPARE(errno, ENOENT);
+            QVERIFY(Fd(openWhenPresent(0, 3000)).fd >= 0);
+            QVERIFY2(clock.elapsed() >= 380, qPrintable(QString::number(clock.elapsed())));
+            // The old descriptor stays dead; the metadata node is back too.
+            QCOMPARE(s.dequeue(&b), -1);
+            QCOMPARE(errno, ENODEV);
+            QVERIFY(Fd(openNode(1)).fd >= 0);
+        }
+        // A fresh device: the format is back to its first size, and it is
+        // not unplugged again.
+        Fd fd(openNode(0));
+        v4l2_format f{};
+        f.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        QCOMPARE(xioctl(fd.fd, VIDIOC_G_FMT, &f), 0);
+        QCOMPARE(f.fmt.pix.width, 320u);
+        RawStream again;
+        QVERIFY(again.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2));
+        for (int i = 0; i < 6; ++i) {
+            v4l2_buffer b;
+            QCOMPARE(again.dequeue(&b), 0);
+            QCOMPARE(b.sequence, quint32(i));
+            QCOMPARE(again.requeue(&b), 0);
+        }
+        const QMap<QString, QString> st = readState(0);
+        QCOMPARE(st.value("frames"), QStringLiteral("9"));
+        QCOMPARE(st.value("opens"), QStringLiteral("4"));
+    }
+
+    void repeatedUnplugComesBackEveryTime()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_UNPLUG_AFTER", "2");
+        qputenv("VCAM_0_REPLUG_AFTER_MS", "100");
+        qputenv("VCAM_0_UNPLUG_REPEAT", "1");
+        for (int round = 0; round < 3; ++round) {
+            QVERIFY(Fd(openWhenPresent(0, 3000)).fd >= 0);
+            RawStream s;
+            QVERIFY(s.start(0, V4L2_PIX_FMT_YUYV, 320, 240, 2));
+            v4l2_buffer b;
+            QCOMPARE(s.dequeue(&b), 0);
+            QCOMPARE(s.requeue(&b), 0);
+            QCOMPARE(s.dequeue(&b), 0);
+            QCOMPARE(s.requeue(&b), -1);
+            QCOMPARE(s.dequeue(&b), -1);
+            QCOMPARE(errno, ENODEV);
+        }
+        QCOMPARE(readState(0).value("frames"), QStringLiteral("6"));
     }
 
     void unplugEndsOpenCvReadsWithoutEndingTheProcess()

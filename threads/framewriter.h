@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <deque>
 #include <mutex>
+#include <string>
 #include <thread>
 
 // Encodes the frames of a recording on a thread of its own, so that the
@@ -32,6 +33,18 @@ public:
     // Writes every queued frame, then stops the thread. Safe to call twice.
     void finish();
 
+    // Watches the free space of the file system holding folder: once a
+    // frame might not fit with room left for the file's index, it and
+    // every later frame are dropped, so that the file still closes whole
+    // and readable up to its last frame. Call before the first offer.
+    void keepRoomIn(const std::string &folder);
+    // Whether frames were dropped for want of space.
+    bool diskFull();
+
+    // Whether the file system holding folder has bytes free beyond a
+    // margin for the closing of a file.
+    static bool hasRoom(const std::string &folder, unsigned long long bytes);
+
 private:
     void run();
 
@@ -41,6 +54,9 @@ private:
     std::mutex lock;
     std::condition_variable wake;
     bool closing = false;
+    std::string watchedFolder; // set before the first frame, read by the worker
+    bool full = false;         // guarded by lock
+    unsigned long long written = 0; // the worker's own
     std::thread worker;
 };
 

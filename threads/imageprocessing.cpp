@@ -17,6 +17,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <chrono>
+#include <cmath>
 #include <utility>
 
 namespace {
@@ -100,6 +101,15 @@ ImageProcessing::ImageProcessing(QObject *parent)
       isCameraVideo(false),
       cameraVideoPath("")
 {
+    // OpenCV's read waits this many seconds in select() for a frame before
+    // it gives up (10 unless told). A stalled camera then holds the loop
+    // for a second at most, and never the window. Set before the first
+    // camera is opened, while no other thread reads the environment.
+    static std::once_flag selectTimeout;
+    std::call_once(selectTimeout, [] {
+        if (!qEnvironmentVariableIsSet("OPENCV_VIDEOIO_V4L_SELECT_TIMEOUT"))
+            qputenv("OPENCV_VIDEOIO_V4L_SELECT_TIMEOUT", "1");
+    });
 }
 
 ImageProcessing::~ImageProcessing()
@@ -161,10 +171,18 @@ void ImageProcessing::run()
             isTakePhoto = false;
             takePhoto();
         }
+        handleRequests();
         if (isSetVideoPParameter) {
+            reopening = true;
             isSetVideoPParameter = false;
             closeCamara(false);
             openCamara();
+            settleReconnection(true);
+            reopening = false;
+        }
+        if (reconnection.away()) {
+            waitForReturn();
+            continue;
         }
         if (!isRead) {
             msleep(33);
@@ -172,8 +190,16 @@ void ImageProcessing::run()
         }
         try {
             if (!readFrame()) {
-                // A camera that delivers nothing (unplugged, or failed to
-                // open) is retried at a calm pace rather than in a busy loop.
+                // A camera that has gone is waited for; one that delivers
+                // nothing for now (stalled, or failed to open) is retried at
+                // a calm pace rather than in a busy loop.
+                if (cameraGone()) {
+                    lostCameraApi = cap.getBackendName() == "V4L2" ? int(cv::CAP_V4L2) : int(cv::CAP_ANY);
+                    releaseNow();
+                    reconnection.lost();
+                    qDebug() << Q_FUNC_INFO << "camera" << driveId << "has gone; waiting for it";
+                    emit cameraAwaySignal();
+                }
                 msleep(10);
                 continue;
             }
@@ -196,8 +222,14 @@ void ImageProcessing::run()
 bool ImageProcessing::readFrame()
 {
     bool fresh = false;
-    if (nextRead.valid())
-        fresh = nextRead.get() == capGeneration;
+    if (nextRead.valid()) {
+        const unsigned generation = nextRead.get();
+        // The read ahead already waited for a frame in vain: another wait
+        // right away would only hold up the requests.
+        if (generation == 0)
+            return false;
+        fresh = generation == capGeneration;
+    }
     if (!fresh) {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
@@ -210,6 +242,8 @@ bool ImageProcessing::readFrame()
         std::swap(frame, readBuffer);
         frameStamp = readStamp;
     }
+    frameGeneration = capGeneration.load();
+    ++framesTaken;
     nextRead = std::async(std::launch::async, [this] {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
@@ -241,6 +275,82 @@ qint64 ImageProcessing::captureTime()
                            .count();
     const qint64 stamp = qint64(cap.get(cv::CAP_PROP_POS_MSEC) * 1e6);
     return stamp > 0 && stamp <= now && now - stamp < 1000000000 ? stamp : now;
+}
+
+bool ImageProcessing::frameIsSettled() const
+{
+    return !openPending() && frameGeneration == capGeneration;
+}
+
+bool ImageProcessing::openPending() const
+{
+    return isSetVideoPParameter || reopening || openSerialDoneShared != openSerial;
+}
+
+bool ImageProcessing::onLoopThread() const
+{
+    return QThread::currentThread() == this;
+}
+
+// Carries out the opening, closing and exposure other threads asked for.
+void ImageProcessing::handleRequests()
+{
+    const unsigned serial = openSerial;
+    const bool wanted = openWanted;
+    if (serial != openSerialDone) {
+        reopening = true;
+        openSerialDone = serial;
+        openSerialDoneShared = serial;
+        releaseNow();
+        if (wanted)
+            openNow();
+        settleReconnection(wanted);
+        reopening = false;
+    } else if (!wanted && capOpen) {
+        releaseNow();
+        reconnection.reset();
+    }
+    if (exposurePending.exchange(false))
+        applyExposure(cameraCurrentExposure);
+}
+
+// After an opening or closing asked for: a camera that opened, or that is
+// no longer wanted, is not waited for; one still away keeps being tried.
+void ImageProcessing::settleReconnection(bool wanted)
+{
+    if (!wanted || capOpen)
+        reconnection.reset();
+    else if (reconnection.away())
+        reconnection.failed();
+}
+
+// Whether the camera that just failed a read has gone, rather than merely
+// stalled: a camera still attached answers its requests, one unplugged
+// answers none.
+bool ImageProcessing::cameraGone()
+{
+    std::lock_guard<std::mutex> lock(capMutex);
+    return capOpen && cap.isOpened() && cap.get(cv::CAP_PROP_FPS) <= 0;
+}
+
+// One pass while the camera is away: about once a second the same device
+// is opened again, with the format, size and exposure asked for.
+void ImageProcessing::waitForReturn()
+{
+    if (!reconnection.due()) {
+        msleep(50);
+        return;
+    }
+    openNow();
+    if (!capOpen) {
+        releaseNow();
+        reconnection.failed();
+        return;
+    }
+    if (exposureAsked)
+        applyExposure(cameraCurrentExposure);
+    reconnection.reset();
+    qDebug() << Q_FUNC_INFO << "camera" << driveId << "is back";
 }
 
 void ImageProcessing::SetRecordVideo(bool on, QString path)
@@ -338,14 +448,8 @@ void ImageProcessing::takePhoto()
         QImage copy = image;
         paintPhoto(copy, first, second, show1, show2, insets);
         const QString fileName = nextOutputFileName(format);
-        QImageWriter writer(fileName, format.toUtf8());
-        writer.setQuality(Cache::config->image_quality);
-        // The name is reported whatever happens; a failure is logged so that
-        // a photo lost to a full disk or a removed folder leaves a trace.
-        if (copy.isNull())
-            qDebug() << Q_FUNC_INFO << "nothing to save as" << fileName << "(empty picture)";
-        else if (!writer.write(copy))
-            qDebug() << Q_FUNC_INFO << "could not write" << fileName << ":" << writer.errorString();
+        // The name is reported whatever happens.
+        writePhoto(copy, fileName, format);
         files.append(fileName);
     }
     emit sendTakePhotoImageSignal(files, 0);
@@ -366,8 +470,12 @@ QList<QImage> ImageProcessing::photoImages(const cv::Mat &processed,
             main = main.scaled(outSize, Qt::KeepAspectRatio, Qt::SmoothTransformation);
         images.append(handleQImage(main));
     } else if (correction == 1 || correction == 2) {
-        for (const cv::RotatedRect &r : rects)
-            images.append(handleQImage(MatQImage(deskewCutOut(processed, r))));
+        const bool flatten = sheetQuads.size() == rects.size();
+        for (size_t i = 0; i < rects.size(); ++i) {
+            const cv::Mat sheet = flatten ? flattenSheet(processed, sheetQuads[i], rects[i])
+                                          : deskewCutOut(processed, rects[i]);
+            images.append(handleQImage(MatQImage(sheet)));
+        }
     }
     if ((show1 || show2) && !insets) {
         if (show1)
@@ -412,6 +520,24 @@ void ImageProcessing::paintPhoto(QImage &image, const QImage &first, const QImag
 
 void ImageProcessing::openCamara()
 {
+    // The size is capped at once, so that it reads as it will be opened.
+    capFrameSize();
+    // The loop's own re-configuration leaves the requests alone: a close
+    // asked meanwhile still holds.
+    if (onLoopThread()) {
+        openNow();
+        return;
+    }
+    openWanted = true;
+    if (!isRunning()) {
+        openNow();
+        return;
+    }
+    ++openSerial;
+}
+
+void ImageProcessing::openNow()
+{
     const CameraInfo *camera = cameraAt(driveId);
     if (!camera) {
         isRead = true;
@@ -420,34 +546,54 @@ void ImageProcessing::openCamara()
     const int index = camera->index;
 
     // Opened and released once before the real open.
-    const bool wasOpen = cv::VideoCapture(index, 0).isOpened();
+    // A camera that went away is looked for again only through the back end
+    // that served it: trying every other one each second would start
+    // (and leave running) their device watchers.
+    const int api = reconnection.away() ? lostCameraApi : int(cv::CAP_ANY);
+    const bool wasOpen = cv::VideoCapture(index, api).isOpened();
     if (wasOpen)
-        cv::VideoCapture(index, 0).release();
+        cv::VideoCapture(index, api).release();
 
-    if (frameWidth > maxPreviewWidth) {
-        frameWidth = maxPreviewWidth;
-        frameHeight = maxPreviewHeight;
-    }
+    capFrameSize();
 
     {
         std::lock_guard<std::mutex> lock(capMutex);
         ++capGeneration;
-        cap.open(index, 0);
+        cap.open(index, api);
         videoParameterSettings();
+        capOpen = cap.isOpened();
     }
     isRead = true;
+}
+
+void ImageProcessing::capFrameSize()
+{
+    if (frameWidth > maxPreviewWidth) {
+        frameWidth = maxPreviewWidth;
+        frameHeight = maxPreviewHeight;
+    }
 }
 
 void ImageProcessing::closeCamara(bool)
 {
     isRead = false;
-    QThread::msleep(500);
+    if (!onLoopThread())
+        openWanted = false;
+    if (onLoopThread() || !isRunning()) {
+        QThread::msleep(500);
+        releaseNow();
+    }
+    emit closeCameraSignal();
+}
+
+void ImageProcessing::releaseNow()
+{
     {
         std::lock_guard<std::mutex> lock(capMutex);
         ++capGeneration;
         cap.release();
+        capOpen = false;
     }
-    emit closeCameraSignal();
 }
 
 // Called with capMutex held.
@@ -474,6 +620,16 @@ void ImageProcessing::videoParameterSettings()
 
 void ImageProcessing::setCameraExposure(int value)
 {
+    cameraCurrentExposure = value;
+    exposureAsked = true;
+    if (onLoopThread() || !isRunning())
+        applyExposure(value);
+    else
+        exposurePending = true;
+}
+
+void ImageProcessing::applyExposure(int value)
+{
     std::lock_guard<std::mutex> lock(capMutex);
     const ExposureModes modes = exposureModesFor(cap);
     if (value == automaticExposure) {
@@ -484,7 +640,6 @@ void ImageProcessing::setCameraExposure(int value)
         cap.set(cv::CAP_PROP_AUTO_EXPOSURE, modes.manual);
         cap.set(cv::CAP_PROP_EXPOSURE, value);
     }
-    cameraCurrentExposure = value;
 }
 
 void ImageProcessing::setCameraResolution(QSize size)
@@ -613,8 +768,23 @@ std::vector<cv::RotatedRect> ImageProcessing::processMat(const cv::Mat &src, cv:
     if (!draw || list.empty())
         return list;
 
-    drawOutlines(out, list, outlineColour(correction));
+    drawSheetOutlines(out, list, outlineColour(correction));
     return list;
+}
+
+// The sheets' quadrilaterals when the search found them, else their
+// rotated rectangles; the same colour, thickness and smallest area.
+void ImageProcessing::drawSheetOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
+                                        const cv::Scalar &colour) const
+{
+    if (sheetQuads.size() != sheets.size()) {
+        drawOutlines(img, sheets, colour);
+        return;
+    }
+    for (size_t i = 0; i < sheets.size(); ++i) {
+        if (sheets[i].size.width * sheets[i].size.height > minimumSheetArea)
+            drawQuad(img, sheetQuads[i], colour);
+    }
 }
 
 // Green around the one sheet of single correction, red around each of
@@ -639,6 +809,16 @@ void ImageProcessing::drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRe
 
 QImage ImageProcessing::previewImage(const cv::Mat &raw)
 {
+    // A camera's frames are 8-bit BGR; a grey or BGRA picture is made so
+    // first, and anything else (or nothing at all) gives no picture.
+    if (raw.empty() || raw.depth() != CV_8U)
+        return QImage();
+    if (raw.channels() == 1 || raw.channels() == 4) {
+        cv::cvtColor(raw, workBgr, raw.channels() == 1 ? cv::COLOR_GRAY2BGR : cv::COLOR_BGRA2BGR);
+        return previewImage(workBgr);
+    }
+    if (raw.channels() != 3)
+        return QImage();
     const int correction = correction_type;
     const int shooting = shooting_type;
     const int quarterTurns = angle;
@@ -655,7 +835,7 @@ QImage ImageProcessing::previewImage(const cv::Mat &raw)
         cv::Mat view(image.height(), image.width(), CV_8UC3, image.bits(),
                      size_t(image.bytesPerLine()));
         const cv::Scalar bgr = outlineColour(correction);
-        drawOutlines(view, sheets, cv::Scalar(bgr[2], bgr[1], bgr[0]));
+        drawSheetOutlines(view, sheets, cv::Scalar(bgr[2], bgr[1], bgr[0]));
         return image;
     }
     const cv::Mat *src = &raw;
@@ -787,6 +967,9 @@ std::vector<cv::RotatedRect> ImageProcessing::findSquaresInGrey(const cv::Mat &g
     cv::RotatedRect best(cv::Point2f(0, 0), cv::Size2f(0, 0), 0);
     int maxArea = 0;
     std::vector<cv::RotatedRect> all;
+    const bool quads = perspective;
+    const std::vector<cv::Point> *bestContour = nullptr;
+    sheetQuads.clear();
     for (const std::vector<cv::Point> &contour : contours) {
         const cv::RotatedRect r = cv::minAreaRect(contour);
         const float a = r.size.width * r.size.height;
@@ -797,13 +980,18 @@ std::vector<cv::RotatedRect> ImageProcessing::findSquaresInGrey(const cv::Mat &g
             if (a > float(maxArea)) {
                 best = r;
                 maxArea = int(a);
+                bestContour = &contour;
             }
             all.push_back(r);
+            if (quads && correction == 2)
+                sheetQuads.push_back(sheetCorners(contour, r));
         }
     }
 
     switch (correction) {
     case 1:
+        if (quads)
+            sheetQuads.push_back(bestContour ? sheetCorners(*bestContour, best) : SheetQuad{});
         return {best};
     case 2:
         return all;
@@ -830,17 +1018,43 @@ void ImageProcessing::uprightAngleAndSize(const cv::RotatedRect &r, float &angle
 
 cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r)
 {
+    // A sheet lies within the frame, so no side of it is longer than the
+    // frame's width and height together; a rectangle that is not a number
+    // or larger than that is nothing to cut out.
+    const bool finite = std::isfinite(r.center.x) && std::isfinite(r.center.y)
+                        && std::isfinite(r.size.width) && std::isfinite(r.size.height)
+                        && std::isfinite(r.angle);
+    const float longest = float(img.cols) + float(img.rows);
+    if (!finite || img.empty() || r.size.width > longest || r.size.height > longest)
+        return cv::Mat();
+    // Nor is a sheet centred farther than that from the frame.
+    if (r.center.x < -longest || r.center.y < -longest || r.center.x > 2 * longest
+        || r.center.y > 2 * longest)
+        return cv::Mat();
     float turn = 0;
     cv::Size size;
     uprightAngleAndSize(r, turn, size);
-    if (size.width <= 0 || size.height <= 0 || img.empty())
+    if (size.width <= 0 || size.height <= 0)
         return cv::Mat();
 
     const cv::Mat m = cv::getRotationMatrix2D(r.center, turn, 1.0);
     cv::Mat rotated;
     cv::warpAffine(img, rotated, m, img.size(), cv::INTER_CUBIC, cv::BORDER_CONSTANT, cv::Scalar());
     cv::Mat cropped;
-    cv::getRectSubPix(rotated, size, r.center, cropped, -1);
+    if (rotated.channels() == 1 || rotated.channels() == 3) {
+        cv::getRectSubPix(rotated, size, r.center, cropped, -1);
+        return cropped;
+    }
+    // OpenCV cuts out of grey and three-channel pictures only: others
+    // (BGRA) are cut plane by plane.
+    std::vector<cv::Mat> planes;
+    cv::split(rotated, planes);
+    for (cv::Mat &plane : planes) {
+        cv::Mat cut;
+        cv::getRectSubPix(plane, size, r.center, cut, -1);
+        plane = cut;
+    }
+    cv::merge(planes, cropped);
     return cropped;
 }
 

@@ -9,6 +9,8 @@
 #include <QThread>
 
 #include "previewfit.h"
+#include "imaging/perspective.h"
+#include "reconnection.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
@@ -59,6 +61,9 @@ public:
     std::atomic<double> cameraFps{0}; // the rate the open camera delivers
     QString cameraVideoPath;
 
+    // Opening, closing and exposure are carried out by the loop between two
+    // reads: called from another thread while the loop runs, they only ask
+    // for it and return at once, so the GUI thread never waits for a camera.
     void openCamara();
     void closeCamara(bool);
     void videoParameterSettings();
@@ -99,6 +104,9 @@ public:
 
     // Document detection.
     std::vector<cv::RotatedRect> findSquares(const cv::Mat &src);
+    // With perspective on, the four corners of each sheet the last search
+    // returned, in its order; empty with it off.
+    const std::vector<SheetQuad> &foundSheetCorners() const { return sheetQuads; }
 
     // The upright cut-out of one detected sheet: img turned about the
     // sheet's centre by the smallest angle that makes the sheet straight,
@@ -111,6 +119,14 @@ public:
     cv::Mat currentFrame();
     // The same, with the monotonic time the camera captured it.
     cv::Mat currentFrame(qint64 *capturedNs);
+    // Frames the loop has made current so far.
+    std::atomic<unsigned> framesTaken{0};
+    // Whether the current frame comes from the camera as it is set up now:
+    // read since its last opening, with no re-configuration asked for or
+    // under way. Safe to call from any thread.
+    bool frameIsSettled() const;
+    // Whether an opening or re-configuration is asked for or under way.
+    bool openPending() const;
 
     // The area the preview is shown in (GUI thread): the loop scales each
     // preview picture down to its shown size before handing it over, so the
@@ -131,6 +147,8 @@ signals:
     void sendTakePhotoImageSignal(std::vector<QImage> images, QList<QString> files, int kind);
     void openCameraSignal();
     void closeCameraSignal();
+    // The camera has gone away (unplugged); the loop waits for it to return.
+    void cameraAwaySignal();
 
 public slots:
     void readFarme(QImage image);
@@ -142,6 +160,15 @@ protected:
 
 private:
     void waitForLoop(int timeoutMs);
+    bool onLoopThread() const;
+    void handleRequests();
+    void openNow();
+    void capFrameSize();
+    void releaseNow();
+    void applyExposure(int value);
+    bool cameraGone();
+    void settleReconnection(bool wanted);
+    void waitForReturn();
     QList<QImage> photoImages(const cv::Mat &processed, const std::vector<cv::RotatedRect> &rects,
                               int correction, const QImage &first, const QImage &second,
                               bool show1, bool show2, bool insets);
@@ -154,6 +181,8 @@ private:
     std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
                                             int correction, int shooting);
     std::vector<cv::RotatedRect> findSquaresInGrey(const cv::Mat &grey, int correction);
+    void drawSheetOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
+                           const cv::Scalar &colour) const;
     QImage &previewBuffer(int width, int height, QImage::Format format);
     QImage &convertForPreview(const cv::Mat &mat);
     QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
@@ -171,14 +200,33 @@ private:
     std::atomic<unsigned> capGeneration{1};
     cv::Size recordSize;   // frame size of the thread-side recording
 
+    // Requests of other threads, carried out by the loop. Every open asked
+    // for bumps openSerial; openWanted says whether the camera should be
+    // open at all (a close asked after an open wins, and the other way).
+    std::atomic<bool> openWanted{false};
+    std::atomic<unsigned> openSerial{0};
+    unsigned openSerialDone = 0; // the loop's own
+    std::atomic<unsigned> openSerialDoneShared{0};
+    std::atomic<bool> exposurePending{false};
+    std::atomic<bool> exposureAsked{false};
+    std::atomic<bool> reopening{false};       // the loop is closing and opening the camera
+    std::atomic<unsigned> frameGeneration{0}; // capGeneration the current frame was read from
+    bool capOpen = false;                     // the loop's own: cap opened and not released since
+    Reconnection reconnection;                // the loop's own
+    int lostCameraApi = 0;                    // the back end of the camera that went away
+
     // Per-frame working buffers of the thread that processes frames, kept
     // from one frame to the next: allocating them anew costs page faults on
     // every frame at high resolution.
     cv::Mat workCopy;
+    cv::Mat workBgr; // a grey or BGRA frame made BGR
     cv::Mat workGrey;
     cv::Mat workBin;
     std::vector<cv::Mat> workMeans;
     cv::Mat workSheets; // thresholded frame inside a frame of zeros
+    // With perspective on, the corners of each sheet the last search
+    // returned, in its order; empty with it off.
+    std::vector<SheetQuad> sheetQuads;
     cv::Mat previewOut;
     QImage previewImages[4]; // handed out again once nobody else holds them
     QImage spareImage;

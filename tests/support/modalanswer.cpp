@@ -6,10 +6,19 @@
 // BRIVORA_QUIT_AFTER_MS=<n>: the application is asked to quit n ms after the
 //   library is loaded, so a test can let the program run a while and still
 //   see it end normally.
+// BRIVORA_STARTUP_REPORT=<folder>: what start-up left behind is written to
+//   the folder: splash.png, the picture given to the splash screen;
+//   logo.png, the main window's logo as shown when the event loop starts;
+//   report.txt, lines "exe_path=<folder>" and "resolutions=<WxH,...>" read
+//   from the settings record at that moment.
+#include "config.h"
+
 #include <QApplication>
 #include <QFile>
+#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QSplashScreen>
 #include <QTimer>
 
 #include <chrono>
@@ -67,7 +76,56 @@ struct QuitTimer
 };
 QuitTimer quitTimer;
 
+QString reportFolder()
+{
+    return qEnvironmentVariable("BRIVORA_STARTUP_REPORT");
+}
+
+// The program's settings record, found by name: the program exports its
+// symbols; another program run with this library has none.
+const Config *settingsRecord()
+{
+    auto *const *config = static_cast<Config *const *>(dlsym(RTLD_DEFAULT, "_ZN5Cache6configE"));
+    return config ? *config : nullptr;
+}
+
+void writeStartupReport(const QString &folder)
+{
+    for (QWidget *window : QApplication::topLevelWidgets()) {
+        if (auto *logo = window->findChild<QLabel *>("picLogo_2"))
+            logo->pixmap(Qt::ReturnByValue).save(folder + "/logo.png");
+    }
+    QFile report(folder + "/report.txt");
+    const Config *config = settingsRecord();
+    if (!config || !report.open(QIODevice::WriteOnly | QIODevice::Text))
+        return;
+    QStringList sizes;
+    for (const QSize &size : config->resolutions)
+        sizes << QString("%1x%2").arg(size.width()).arg(size.height());
+    report.write(QString("exe_path=%1\nresolutions=%2\n").arg(config->exe_path, sizes.join(',')).toUtf8());
+}
+
 } // namespace
+
+void QSplashScreen::setPixmap(const QPixmap &pixmap)
+{
+    static const auto real = reinterpret_cast<void (*)(QSplashScreen *, const QPixmap &)>(
+        dlsym(RTLD_NEXT, "_ZN13QSplashScreen9setPixmapERK7QPixmap"));
+    const QString folder = reportFolder();
+    if (!folder.isEmpty())
+        pixmap.save(folder + "/splash.png");
+    real(this, pixmap);
+}
+
+// Everything main does before the event loop is done when it asks for it.
+int QApplication::exec()
+{
+    static const auto real = reinterpret_cast<int (*)()>(dlsym(RTLD_NEXT, "_ZN12QApplication4execEv"));
+    const QString folder = reportFolder();
+    if (!folder.isEmpty())
+        writeStartupReport(folder);
+    return real();
+}
 
 QMessageBox::StandardButton QMessageBox::warning(QWidget *parent, const QString &title,
                                                  const QString &text, StandardButtons buttons,

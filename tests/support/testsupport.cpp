@@ -1,5 +1,7 @@
 #include "testsupport.h"
 
+#include "cache.h"
+
 #include <QAbstractButton>
 #include <QApplication>
 #include <QDir>
@@ -133,4 +135,33 @@ ProgramRun runProgram(const QString &workDir, const QString &home,
         run.boxes = text.split('\n', Qt::SkipEmptyParts);
     }
     return run;
+}
+
+void useNumberedOutput(const QString &folder)
+{
+    Config *c = Cache::config;
+    c->user_documentsLocation = folder;
+    c->save_type = 0;
+    c->save_prefix = "IMG";
+    c->save_number = 1;
+    c->image_codec = "jpg";
+    c->image_quality = 95;
+}
+
+GapMeter::GapMeter(QObject *parent) : QObject(parent)
+{
+    connect(&timer, &QTimer::timeout, this, [this] {
+        if (clock.isValid())
+            longest = qMax(longest, clock.elapsed());
+        clock.restart();
+    });
+    timer.start(10);
+}
+
+qint64 heldFor(const std::function<void()> &call)
+{
+    QElapsedTimer clock;
+    clock.start();
+    call();
+    return clock.elapsed();
 }

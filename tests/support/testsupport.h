@@ -5,10 +5,14 @@
 #include <QMap>
 #include <QPair>
 #include <QVariant>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
+
+#include <functional>
 
 // Answers warning boxes shown by the code under test in this process: each
 // box that becomes the active modal widget is recorded and its OK pressed.
@@ -57,6 +61,37 @@ QMap<QString, QString> readVirtualCameraState(const QString &dir, int node);
 // Every key of "system.ini" with the value a first run writes, in the
 // file's order; the output folder is given (it depends on HOME).
 QList<QPair<QString, QVariant>> factorySettings(const QString &documentsFolder);
+
+// Settings for files the program writes: into folder, named IMG_1, IMG_2,
+// ..., photos as JPEG of quality 95.
+void useNumberedOutput(const QString &folder);
+
+// The longest time between two ticks of a 10 ms timer while it lives: how
+// long the GUI thread was held at most.
+class GapMeter : public QObject
+{
+public:
+    explicit GapMeter(QObject *parent = nullptr);
+    qint64 longest = 0;
+
+private:
+    QTimer timer;
+    QElapsedTimer clock;
+};
+
+// How long one call held the calling (GUI) thread, in milliseconds.
+qint64 heldFor(const std::function<void()> &call);
+
+// Longest a GUI call may hold the GUI thread; AddressSanitizer makes every
+// call several times slower, so its builds allow three times as long.
+#ifdef __SANITIZE_ADDRESS__
+constexpr qint64 guiCallLimitMs = 300;
+#else
+constexpr qint64 guiCallLimitMs = 100;
+#endif
+// A 10 ms timer's gap also counts waits for a core on a machine busy with
+// other work, so it is held to a looser bound than the calls themselves.
+constexpr qint64 timerGapLimitMs = 250;
 
 // Removes every VCAM_* variable from this process's environment.
 void clearVirtualCameraEnvironment();

@@ -2,6 +2,7 @@
 
 #include <linux/videodev2.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
@@ -146,6 +147,10 @@ void fillCameraSettings(const Env &env, NodeSpec &node)
         node.scene = parseScene(*v);
     else
         node.scene = defaultScene();
+    if (const std::string *v = lookup(env, nodeVar(n, "TILT"))) {
+        const std::string *f = lookup(env, nodeVar(n, "FOCAL"));
+        parseTilt(*v, f ? *f : std::string(), &node.scene);
+    }
 
     if (const std::string *v = lookup(env, nodeVar(n, "ENUMFMT_FAIL")))
         node.enumFmtFail = trim(*v) == "1";
@@ -154,6 +159,19 @@ void fillCameraSettings(const Env &env, NodeSpec &node)
     if (const std::string *v = lookup(env, nodeVar(n, "UNPLUG_AFTER")))
         if (parseLong(*v, &after) && after >= 0)
             node.unplugAfter = after;
+
+    long long value = 0;
+    if (const std::string *v = lookup(env, nodeVar(n, "REPLUG_AFTER_MS")))
+        if (parseLong(*v, &value) && value >= 0)
+            node.replugAfterMs = value;
+    if (const std::string *v = lookup(env, nodeVar(n, "UNPLUG_REPEAT")))
+        node.unplugRepeat = trim(*v) == "1";
+    if (const std::string *v = lookup(env, nodeVar(n, "STALL_AFTER")))
+        if (parseLong(*v, &value) && value >= 0)
+            node.stallAfter = value;
+    if (const std::string *v = lookup(env, nodeVar(n, "STALL_MS")))
+        if (parseLong(*v, &value) && value >= 0)
+            node.stallMs = value;
 }
 
 }  // namespace
@@ -269,8 +287,65 @@ SceneSpec parseScene(const std::string &text)
             return scene;
         }
     }
+    if (t.compare(0, 6, "pages:") == 0 || t.compare(0, 6, "quads:") == 0) {
+        const bool byCorners = t[0] == 'q';
+        const size_t fields = byCorners ? 8 : 5;
+        scene.kind = SceneSpec::Sheets;
+        std::ostringstream key;
+        key << t.substr(0, 6);
+        for (const std::string &one : split(t.substr(6), ';')) {
+            std::vector<std::string> f = split(one, ',');
+            if (trim(one).empty() || f.size() != fields)
+                continue;
+            double v[8];
+            bool ok = true;
+            for (size_t i = 0; i < fields; ++i)
+                ok = ok && parseDouble(f[i], &v[i]);
+            if (!ok || (!byCorners && (v[2] <= 0 || v[3] <= 0)))
+                continue;
+            PageSpec page;
+            page.byCorners = byCorners;
+            if (byCorners)
+                std::copy(v, v + 8, page.corners);
+            else
+                page.sheet = SheetSpec{v[0], v[1], v[2], v[3], v[4]};
+            scene.pages.push_back(page);
+            for (size_t i = 0; i < fields; ++i)
+                key << v[i] << (i + 1 < fields ? ',' : ';');
+        }
+        if (!scene.pages.empty()) {
+            scene.key = key.str();
+            return scene;
+        }
+    }
     // Unrecognised text: keep the documented default rather than failing.
     return defaultScene();
+}
+
+bool parseTilt(const std::string &tilt, const std::string &focal, SceneSpec *scene)
+{
+    double x = 0, y = 0, f = scene->focal;
+    for (const std::string &part : split(tilt, ',')) {
+        const std::string p = trim(part);
+        double v = 0;
+        if (p.size() < 3 || p[1] != ':' || !parseDouble(p.substr(2), &v) || std::abs(v) >= 80)
+            return false;
+        if (p[0] == 'x')
+            x = v;
+        else if (p[0] == 'y')
+            y = v;
+        else
+            return false;
+    }
+    if (!trim(focal).empty() && (!parseDouble(focal, &f) || f <= 0.05 || f > 100))
+        return false;
+    scene->tiltX = x;
+    scene->tiltY = y;
+    scene->focal = f;
+    std::ostringstream key;
+    key << "|tilt:" << x << ',' << y << ',' << f;
+    scene->key += key.str();
+    return true;
 }
 
 Config parseConfig(const Env &env)

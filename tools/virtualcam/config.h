@@ -26,10 +26,25 @@ struct SheetSpec {
     double angle = 0;           // degrees, clockwise on screen
 };
 
+// A sheet printed with straight lines along its edges, a cross and text,
+// for measuring how flat a cut-out comes out: given like a plain sheet, or
+// by its four corners (top-left, top-right, bottom-right, bottom-left of
+// the print, fractions of the frame's width and height).
+struct PageSpec {
+    bool byCorners = false;
+    SheetSpec sheet;
+    double corners[8] = {};
+};
+
 struct SceneSpec {
     enum Kind { Sheets, Image, Desk };
     Kind kind = Sheets;
     std::vector<SheetSpec> sheets;
+    std::vector<PageSpec> pages;  // drawn over the sheets
+    // The camera tilted by these angles (degrees) about the scene's
+    // horizontal and vertical axes through its centre; focal length in frame
+    // widths.
+    double tiltX = 0, tiltY = 0, focal = 1.0;
     std::string imagePath;
     std::string key;  // canonical text, identifies the scene in caches
 };
@@ -52,6 +67,10 @@ struct NodeSpec {
     // is below flashMs (a test's sync marks); 0 = never.
     long long flashPeriodMs = 0;
     long long flashMs = 0;
+    long long replugAfterMs = -1;  // back this long after an unplug; -1 = never
+    bool unplugRepeat = false;     // a camera plugged back in is unplugged again after unplugAfter frames
+    long long stallAfter = -1;     // frames before the stream stalls; -1 = never
+    long long stallMs = -1;        // how long a stall lasts; -1 = for good
 };
 
 struct Config {
@@ -75,5 +94,9 @@ std::string fourccToString(uint32_t fourcc);
 std::vector<Size> parseSizes(const std::string &text);
 SceneSpec parseScene(const std::string &text);
 SceneSpec defaultScene();
+// "x:20", "y:-10", "x:20,y:10" (degrees), and the focal length ("" keeps
+// the default), into scene (and its key). False, scene untouched, when
+// malformed.
+bool parseTilt(const std::string &tilt, const std::string &focal, SceneSpec *scene);
 
 }  // namespace vcam

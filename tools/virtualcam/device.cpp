@@ -190,6 +190,14 @@ const char *ioctlName(unsigned int request)
 
 // ---------------------------------------------------------------- state file
 
+// What the exposure menu means for the exposure time: the camera chooses it
+// (automatic, aperture priority) or it is the value set by hand (manual,
+// shutter priority).
+const char *exposureMeaning(int menu)
+{
+    return menu == V4L2_EXPOSURE_MANUAL || menu == V4L2_EXPOSURE_SHUTTER_PRIORITY ? "manual" : "auto";
+}
+
 void writeState(Device &d)
 {
     if (d.stateDir.empty() || d.generation != g_generation.load())
@@ -211,7 +219,9 @@ void writeState(Device &d)
       << "focus_auto=" << d.controls[V4L2_CID_FOCUS_AUTO] << '\n'
       << "streaming=" << (d.streaming ? 1 : 0) << '\n'
       << "frames=" << d.frames << '\n'
-      << "opens=" << d.opens << '\n';
+      << "opens=" << d.opens << '\n'
+      << "exposure=" << exposureMeaning(d.controls[V4L2_CID_EXPOSURE_AUTO]) << '\n'
+      << "autofocus=" << (d.controls[V4L2_CID_FOCUS_AUTO] != 0 ? "on" : "off") << '\n';
     const std::string text = s.str();
 
     const std::string path = d.stateDir + "/video" + std::to_string(d.spec.index) + ".state";
@@ -539,6 +549,39 @@ bool flashing(const NodeSpec &spec, const struct timespec &ts)
     return ms % spec.flashPeriodMs < spec.flashMs;
 }
 
+void markUnplugged(Device &d)
+{
+    d.unplugged = true;
+    d.unpluggedAt = std::chrono::steady_clock::now();
+}
+
+// Milliseconds the stream stays stalled from now (0: not stalled, -1: for
+// good). The stall starts with the first request after the configured
+// number of frames of this plug.
+long long stallLeftMs(Device &d)
+{
+    if (d.spec.stallAfter < 0 || d.frames - d.plugFrames < static_cast<uint64_t>(d.spec.stallAfter))
+        return 0;
+    const auto now = std::chrono::steady_clock::now();
+    if (!d.stallStarted) {
+        d.stallStarted = true;
+        d.stallEnd = d.spec.stallMs < 0 ? std::chrono::steady_clock::time_point::max()
+                                        : now + std::chrono::milliseconds(d.spec.stallMs);
+    }
+    if (d.stallEnd == std::chrono::steady_clock::time_point::max())
+        return -1;
+    if (now >= d.stallEnd)
+        return 0;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(d.stallEnd - now).count();
+    return left > 0 ? left : 1;
+}
+
+bool nonBlocking(const OpenFile &file)
+{
+    const int flags = ::fcntl(file.fd, F_GETFL);
+    return flags >= 0 && (flags & O_NONBLOCK);
+}
+
 int dequeue(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, v4l2_buffer *b)
 {
     if (b->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || b->memory != V4L2_MEMORY_MMAP)
@@ -548,9 +591,23 @@ int dequeue(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, v4l2_
     if (!d.streaming || d.done.empty())
         return -EINVAL;
 
+    // A stalled stream has no frame: a non-blocking descriptor hears EAGAIN
+    // (and waits in select or poll), a blocking one waits here.
+    const uint64_t epoch = d.epoch;
+    for (long long left = stallLeftMs(d); left != 0; left = stallLeftMs(d)) {
+        if (nonBlocking(file))
+            return -EAGAIN;
+        lock.unlock();
+        std::this_thread::sleep_for(std::chrono::milliseconds(left < 0 || left > 20 ? 20 : left));
+        lock.lock();
+        if (d.unplugged)
+            return -ENODEV;
+        if (d.epoch != epoch || !d.streaming || d.done.empty() || d.owner != file.id)
+            return -EINVAL;
+    }
+
     // Frames come at the configured rate. Sleep here instead of answering
     // EAGAIN: clients need not be able to wait on the descriptor.
-    const uint64_t epoch = d.epoch;
     while (std::chrono::steady_clock::now() < d.due) {
         const auto due = d.due;
         lock.unlock();
@@ -589,8 +646,9 @@ int dequeue(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, v4l2_
     fillBuffer(d, static_cast<uint32_t>(index), b);
 
     ++d.frames;
-    if (d.spec.unplugAfter >= 0 && d.frames >= static_cast<uint64_t>(d.spec.unplugAfter))
-        d.unplugged = true;
+    const bool mayUnplug = d.plugs == 1 || d.spec.unplugRepeat;
+    if (mayUnplug && d.spec.unplugAfter >= 0 && d.frames - d.plugFrames >= static_cast<uint64_t>(d.spec.unplugAfter))
+        markUnplugged(d);
     writeState(d);
     return 0;
 }
@@ -840,7 +898,7 @@ Device::Device(const NodeSpec &s, uint64_t gen, std::string dir, bool tr)
     for (const ControlDef &c : kControls)
         controls[c.id] = c.def;
     if (spec.unplugAfter == 0)
-        unplugged = true;
+        markUnplugged(*this);
 }
 
 Device::~Device()
@@ -851,6 +909,34 @@ Device::~Device()
 bool nodeGone(const Node &node)
 {
     return node.device && node.device->unplugged.load();
+}
+
+std::shared_ptr<Device> pluggedBackIn(Device &gone)
+{
+    std::lock_guard<std::mutex> lock(gone.mutex);
+    if (!gone.unplugged || gone.spec.replugAfterMs < 0 ||
+        std::chrono::steady_clock::now() < gone.unpluggedAt + std::chrono::milliseconds(gone.spec.replugAfterMs))
+        return nullptr;
+    auto back = std::make_shared<Device>(gone.spec, gone.generation, gone.stateDir, gone.trace);
+    back->unplugged = false;
+    back->plugs = gone.plugs + 1;
+    back->frames = gone.frames;
+    back->plugFrames = gone.frames;
+    back->opens = gone.opens;
+    if (back->spec.unplugRepeat && back->spec.unplugAfter == 0)
+        markUnplugged(*back);
+    return back;
+}
+
+long long fileWaitMs(OpenFile &file)
+{
+    const std::shared_ptr<Device> &d = file.node->device;
+    if (!d || file.node->spec.kind != NodeKind::Camera)
+        return 0;
+    std::lock_guard<std::mutex> lock(d->mutex);
+    if (d->unplugged || !d->streaming || d->owner != file.id || d->done.empty())
+        return 0;  // DQBUF answers at once, with a frame or an error
+    return stallLeftMs(*d);
 }
 
 void fileOpened(OpenFile &file)

@@ -80,6 +80,16 @@ struct Device {
     uint64_t frames = 0;
     uint64_t opens = 0;
     std::atomic<bool> unplugged{false};
+    std::chrono::steady_clock::time_point unpluggedAt;
+
+    // Plugging back in: a returning camera is a fresh device of the same
+    // node number that counts on from the frames and opens of the last one.
+    int plugs = 1;            // 1 for the first time plugged in
+    uint64_t plugFrames = 0;  // frames delivered before this plug
+
+    // Stalling: once started, no frame is delivered until stallEnd.
+    bool stallStarted = false;
+    std::chrono::steady_clock::time_point stallEnd;
 
     FrameSource source;
 };
@@ -97,6 +107,15 @@ struct OpenFile {
 
 // True once the camera has been unplugged: its nodes can no longer be opened.
 bool nodeGone(const Node &node);
+
+// The camera that an unplugged device becomes when it is plugged back in,
+// or null while it stays away.
+std::shared_ptr<Device> pluggedBackIn(Device &gone);
+
+// Milliseconds until a DQBUF on the file can deliver a frame without
+// waiting for a stall to end: 0 when it can now (or fails at once), -1
+// when the stall lasts for good.
+long long fileWaitMs(OpenFile &file);
 
 void fileOpened(OpenFile &file);
 void fileClosed(OpenFile &file);

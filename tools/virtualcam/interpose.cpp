@@ -11,11 +11,17 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <poll.h>
 #include <sys/mman.h>
+#include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
+#include <vector>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -65,6 +71,18 @@ IoctlFn realIoctl()
 MmapFn realMmap()
 {
     static const MmapFn fn = nextSymbol<MmapFn>("mmap");
+    return fn;
+}
+using SelectFn = int (*)(int, fd_set *, fd_set *, fd_set *, struct timeval *);
+using PollFn = int (*)(struct pollfd *, nfds_t, int);
+SelectFn realSelect()
+{
+    static const SelectFn fn = nextSymbol<SelectFn>("select");
+    return fn;
+}
+PollFn realPoll()
+{
+    static const PollFn fn = nextSymbol<PollFn>("poll");
     return fn;
 }
 
@@ -123,6 +141,26 @@ void refreshLocked(Registry &r)
             kv.second->device = cameras[kv.second->spec.cameraIndex];
 }
 
+// An unplugged camera whose time away is over comes back at the same node
+// numbers as a fresh device; descriptors opened before keep the gone one.
+void plugBackInLocked(Registry &r, const std::shared_ptr<Node> &node)
+{
+    const std::shared_ptr<Device> gone = node->device;
+    const std::shared_ptr<Device> back = pluggedBackIn(*gone);
+    if (!back)
+        return;
+    for (auto &kv : r.nodes) {
+        if (kv.second->device != gone)
+            continue;
+        auto fresh = std::make_shared<Node>();
+        fresh->spec = kv.second->spec;
+        fresh->device = back;
+        kv.second = fresh;
+    }
+    if (r.trace)
+        std::fprintf(stderr, "virtualcam: /dev/video%d plugged back in\n", gone->spec.index);
+}
+
 // "/dev/video" followed by decimal digits only.
 bool videoNodeNumber(const char *path, int *number)
 {
@@ -152,6 +190,8 @@ int openNode(int number, int flags)
         std::lock_guard<std::mutex> lock(r.mutex);
         refreshLocked(r);
         auto it = r.nodes.find(number);
+        if (it != r.nodes.end() && nodeGone(*it->second))
+            plugBackInLocked(r, it->second);
         if (it == r.nodes.end() || nodeGone(*it->second)) {
             if (r.trace)
                 std::fprintf(stderr, "virtualcam: open /dev/video%d -> no such device\n", number);
@@ -203,6 +243,39 @@ void forgetFile(int fd)
         g_ours[fd].store(0, std::memory_order_release);
     }
     fileClosed(*file);
+}
+
+// Waits, as select and poll do on a capture node, until a DQBUF on one of
+// the descriptors (all ours) would not answer EAGAIN, or timeoutMs is over
+// (negative: no limit). Returns the ready ones.
+std::vector<int> waitForFrames(const std::vector<int> &fds, long long timeoutMs)
+{
+    const auto start = std::chrono::steady_clock::now();
+    for (;;) {
+        std::vector<int> ready;
+        long long soonest = -1;
+        for (int fd : fds) {
+            const std::shared_ptr<OpenFile> file = lookupFile(fd);
+            const long long wait = file ? fileWaitMs(*file) : 0;
+            if (wait == 0)
+                ready.push_back(fd);
+            else if (wait > 0 && (soonest < 0 || wait < soonest))
+                soonest = wait;
+        }
+        if (!ready.empty())
+            return ready;
+        const long long spent =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+        if (timeoutMs >= 0 && spent >= timeoutMs)
+            return ready;
+        // Short naps, so that a stream stopped or a device unplugged meanwhile is noticed.
+        long long nap = 20;
+        if (soonest > 0)
+            nap = std::min(nap, soonest);
+        if (timeoutMs >= 0)
+            nap = std::min(nap, timeoutMs - spent);
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::max(nap, 1LL)));
+    }
 }
 
 bool needsMode(int flags)
@@ -349,4 +422,69 @@ VCAM_EXPORT void *mmap(void *addr, size_t length, int prot, int flags, int fd, o
 VCAM_EXPORT void *mmap64(void *addr, size_t length, int prot, int flags, int fd, off64_t offset) __THROW
 {
     return vcamMmap(addr, length, prot, flags, fd, offset);
+}
+
+// select() and poll() on capture nodes wait for a frame as the driver's do.
+// Only calls about our descriptors alone are answered here; a set that
+// mixes in other descriptors goes to the C library unchanged.
+VCAM_EXPORT int select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout)
+{
+    std::vector<int> ours;
+    bool others = false;
+    for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd) {
+        const bool asked = (readfds && FD_ISSET(fd, readfds)) || (writefds && FD_ISSET(fd, writefds)) ||
+                           (exceptfds && FD_ISSET(fd, exceptfds));
+        if (!asked)
+            continue;
+        if (vcam::isOurs(fd))
+            ours.push_back(fd);
+        else
+            others = true;
+    }
+    if (ours.empty() || others)
+        return vcam::realSelect()(nfds, readfds, writefds, exceptfds, timeout);
+    const long long ms = timeout ? timeout->tv_sec * 1000LL + timeout->tv_usec / 1000 : -1;
+    const std::vector<int> ready = vcam::waitForFrames(ours, ms);
+    int count = 0;
+    for (int fd : ours) {
+        const bool isReady = std::find(ready.begin(), ready.end(), fd) != ready.end();
+        for (fd_set *set : {readfds, writefds}) {
+            if (!set || !FD_ISSET(fd, set))
+                continue;
+            if (isReady)
+                ++count;
+            else
+                FD_CLR(fd, set);
+        }
+        if (exceptfds)
+            FD_CLR(fd, exceptfds);
+    }
+    if (timeout && ready.empty())
+        *timeout = {0, 0};
+    return count;
+}
+
+VCAM_EXPORT int poll(struct pollfd *fds, nfds_t nfds, int timeout)
+{
+    std::vector<int> ours;
+    for (nfds_t i = 0; i < nfds; ++i) {
+        if (fds[i].fd < 0)
+            continue;
+        if (!vcam::isOurs(fds[i].fd))
+            return vcam::realPoll()(fds, nfds, timeout);
+        ours.push_back(fds[i].fd);
+    }
+    if (ours.empty())
+        return vcam::realPoll()(fds, nfds, timeout);
+    const std::vector<int> ready = vcam::waitForFrames(ours, timeout);
+    int count = 0;
+    for (nfds_t i = 0; i < nfds; ++i) {
+        fds[i].revents = 0;
+        if (fds[i].fd >= 0 && std::find(ready.begin(), ready.end(), fds[i].fd) != ready.end()) {
+            fds[i].revents = static_cast<short>(fds[i].events & (POLLIN | POLLRDNORM));
+            if (fds[i].revents)
+                ++count;
+        }
+    }
+    return count;
 }

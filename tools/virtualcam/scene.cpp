@@ -1,4 +1,5 @@
 #include "scene.h"
+#include "tiltscene.h"
 
 #include <linux/videodev2.h>
 
@@ -102,14 +103,17 @@ cv::Mat renderScene(const SceneSpec &scene, int width, int height)
 {
     if (scene.kind == SceneSpec::Image) {
         cv::Mat pic = loadPicture(scene.imagePath, width, height);
-        if (!pic.empty())
+        if (!pic.empty()) {
+            tiltAndPrint(pic, scene);
             return pic;
+        }
     }
     cv::Mat img(height, width, CV_8UC3);
     fillDesk(img);
     if (scene.kind == SceneSpec::Sheets)
         for (const SheetSpec &s : scene.sheets)
             drawSheet(img, s);
+    tiltAndPrint(img, scene);
     return img;
 }
 
