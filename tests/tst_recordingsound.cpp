@@ -226,7 +226,7 @@ private slots:
         QVERIFY(onsets.video.size() >= 50);
         QVERIFY(std::abs(double(onsets.audio.size())
                          - double(onsets.video.size() + std::size_t(onsets.uncertain)))
-                <= 1);
+                <= 2);
         QVERIFY(onsets.video.back() >= 60.0);
         const double period = 1.0 / cameraFps;
         for (std::size_t i = 0; i < found.size(); ++i) {
@@ -299,11 +299,10 @@ private slots:
         QTest::qWait(2000);
         QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
         QCOMPARE(answerer.boxes.size(), 0);
+        const QString difference =
+            differsFromSilentRecording(w.ui->video->m_cameraRecorderPath, documents->path());
+        QVERIFY2(difference.isEmpty(), qPrintable(difference));
         const RecordedFile file = readRecording(w.ui->video->m_cameraRecorderPath);
-        QVERIFY(file.ok);
-        const RecordedFile reference =
-            readRecording(writeReferenceRecording(documents->filePath("reference.avi"), 640, 480));
-        QCOMPARE(structureOf(file), structureOf(reference));
         QCOMPARE(structureOf(file), QString("streams 1; video mjpeg 640x480, time base 1/10, 10 fps; "
                                             "audio none 0 Hz 0 ch"));
     }

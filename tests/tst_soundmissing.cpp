@@ -49,12 +49,10 @@ private slots:
         QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
         QCOMPARE(answerer.boxes.size(), 1);
 
-        const RecordedFile file = readRecording(w.ui->video->m_cameraRecorderPath);
-        QVERIFY(file.ok);
-        const RecordedFile reference =
-            readRecording(writeReferenceRecording(documents.filePath("reference.avi"), 640, 480));
-        QCOMPARE(structureOf(file), structureOf(reference));
-        QVERIFY(file.frames.size() >= 5);
+        const QString difference =
+            differsFromSilentRecording(w.ui->video->m_cameraRecorderPath, documents.path());
+        QVERIFY2(difference.isEmpty(), qPrintable(difference));
+        QVERIFY(readRecording(w.ui->video->m_cameraRecorderPath).frames.size() >= 5);
     }
 };
 

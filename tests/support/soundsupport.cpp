@@ -261,8 +261,13 @@ Onsets findOnsets(const RecordedFile &file)
         if (white && !wasWhite) {
             // Where the frame just before is missing, the flash may have
             // begun on it: that onset says nothing about sync.
+            // In the last half second the beep may be cut off with the end
+            // of the file (the microphone stops first): not a mark either.
+            const double at = double(file.framePts[i]) / file.frameRate;
+            if (at > file.audioSeconds() - 0.5)
+                break;
             if (i > 0 && file.framePts[i - 1] == file.framePts[i] - 1)
-                onsets.video.push_back(double(file.framePts[i]) / file.frameRate);
+                onsets.video.push_back(at);
             else
                 ++onsets.uncertain;
         }
@@ -320,4 +325,15 @@ QString writeReferenceRecording(const QString &path, int width, int height)
         writer.write(grey);
     writer.release();
     return path;
+}
+
+QString differsFromSilentRecording(const QString &path, const QString &scratchDir)
+{
+    const RecordedFile file = readRecording(path);
+    if (!file.ok)
+        return QStringLiteral("%1 cannot be read").arg(path);
+    const RecordedFile reference = readRecording(writeReferenceRecording(
+        QDir(scratchDir).filePath(QStringLiteral("reference.avi")), file.width, file.height));
+    const QString mine = structureOf(file), theirs = structureOf(reference);
+    return mine == theirs ? QString() : mine + QStringLiteral(" instead of ") + theirs;
 }

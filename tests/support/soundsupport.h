@@ -85,6 +85,9 @@ QString structureOf(const RecordedFile &file);
 // A recording as the program makes without sound: OpenCV's own MJPG
 // writer, ten frames a second, at the given size.
 QString writeReferenceRecording(const QString &path, int width, int height);
+// Empty when the recording at path has the streams of such a reference
+// (written into scratchDir at the recording's size); else both structures.
+QString differsFromSilentRecording(const QString &path, const QString &scratchDir);
 
 // Sound measures over samples [from, to).
 double rmsOf(const std::vector<int16_t> &samples, std::size_t from, std::size_t to);
