@@ -75,6 +75,8 @@ std::vector<Row> settingRows()
         {&Config::ini_extra_perspective, "extra/perspective", &Config::perspective_correction, false, false, extension},
         {&Config::ini_extra_shooting_mode, "extra/shooting_mode", &Config::shooting_mode, int(ShootingModeInterval), int(ShootingModeInterval), extension},
         {&Config::ini_extra_pdf_ocr, "extra/pdf_ocr", &Config::pdf_ocr, false, false, extension},
+        {&Config::ini_extra_record_audio, "extra/record_audio", &Config::record_audio, false, false, extension},
+        {&Config::ini_extra_audio_input, "extra/audio_input", &Config::audio_input, "", "", extension},
     };
 }
 

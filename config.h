@@ -68,6 +68,8 @@ public:
     bool perspective_correction; // sheets cut out by their four corners
     int shooting_mode;           // series: 0 fixed interval, 1 on page turn
     bool pdf_ocr;                // PDF with a recognised text layer
+    bool record_audio;           // recordings carry the microphone's sound
+    QString audio_input;         // the microphone by its device name; empty for the default
 
     QString exe_path;
     bool isLinuxOS;
@@ -109,6 +111,8 @@ public:
     QString ini_extra_perspective;
     QString ini_extra_shooting_mode;
     QString ini_extra_pdf_ocr;
+    QString ini_extra_record_audio;
+    QString ini_extra_audio_input;
 };
 
 #endif // CONFIG_H

@@ -5,6 +5,7 @@
 #include "cameraviewdialog.h"
 #include "imagemergingdialog.h"
 #include "imagesavepdfortiffdialog.h"
+#include "levelmeter.h"
 #include "settingdialog.h"
 #include "shootingkeys.h"
 
@@ -21,6 +22,7 @@
 #include <QStyleOption>
 #include <QTimer>
 #include <QUrl>
+#include <QVBoxLayout>
 
 namespace {
 
@@ -66,9 +68,19 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
       isTimeShooting(false),
       isVideoShooting(false),
       isPageTurnShooting(false),
-      shootingKeys(nullptr)
+      shootingKeys(nullptr),
+      levelMeter(nullptr)
 {
     ui->setupUi(this);
+    // The meter sits just below the caption, which is centred on the preview;
+    // the layout leaves the caption's own size alone.
+    levelMeter = new LevelMeter(ui->lb_video_tip);
+    auto *meterPlace = new QVBoxLayout(ui->lb_video_tip);
+    meterPlace->setSizeConstraint(QLayout::SetNoConstraint);
+    meterPlace->addStretch(1);
+    meterPlace->addSpacing(64);
+    meterPlace->addWidget(levelMeter, 0, Qt::AlignHCenter);
+    meterPlace->addStretch(1);
     ui->lbUserWorkDir_2->setText(Cache::config->user_documentsLocation);
 
     connect(ui->video, SIGNAL(sendTakePhotoImageSignal(QList<QString>, int)),
@@ -320,12 +332,14 @@ void MainWindowQCamera::on_btnShootingVideo_clicked()
         ui->btnShootingVideo->setText(QStringLiteral("\n\n录像"));
         ui->lb_video_tip->setText(QString::fromUtf8(loadingTip));
         ui->lb_video_tip->hide();
+        levelMeter->stop();
         ui->video->recordEnd();
     } else {
         ui->btnShootingVideo->setText(QStringLiteral("\n\n录像中"));
         ui->lb_video_tip->setText(QStringLiteral("视频录像中......"));
         ui->lb_video_tip->show();
         ui->video->recordBegin();
+        showRecordingSound();
     }
     isVideoShooting = !isVideoShooting;
 }
@@ -632,4 +646,14 @@ bool MainWindowQCamera::eventFilter(QObject *watched, QEvent *event)
     }
     // The press is never consumed: the label still receives it.
     return QMainWindow::eventFilter(watched, event);
+}
+
+// Recording with sound: the meter while it runs, or the warning that this
+// recording has none.
+void MainWindowQCamera::showRecordingSound()
+{
+    if (ui->video->recordingHasSound())
+        levelMeter->follow([this] { return ui->video->soundLevel(); });
+    else if (ui->video->soundMissing)
+        warn(QStringLiteral("未找到麦克风，本次录像不含声音"));
 }

@@ -10,6 +10,7 @@
 class CameraViewDialog;
 class ImageMergingDialog;
 class ImageSavePDFOrTiffDialog;
+class LevelMeter;
 class QButtonGroup;
 class QDialog;
 class QLabel;
@@ -51,6 +52,7 @@ public:
     bool isVideoShooting;
     bool isPageTurnShooting; // the running series is the page-turn one
     ShootingKeys *shootingKeys;
+    LevelMeter *levelMeter; // beside the recording caption while sound is recorded
 
     void takePhoto();
     bool checkShootingVideo();
@@ -109,6 +111,7 @@ private:
     void startSeries();
     void stopSeries();
     bool dialogOpen() const;
+    void showRecordingSound();
 };
 
 #endif // MAINWINDOWQCAMERA_H

@@ -3,6 +3,8 @@
 
 #include "cache.h"
 #include "safeindex.h"
+#include "audio/microphone.h"
+#include "threads/avrecorder.h"
 #include "threads/framewriter.h"
 #include "threads/imageprocessing.h"
 
@@ -62,6 +64,7 @@ QCameraView::~QCameraView()
     // A recording still running is finished, so that its queued frames are
     // written before the writer goes with the capture thread object.
     frameWriter.reset();
+    avRecorder.reset();
     m_imageProcessing->end();
     delete ui;
     // Deleted only now that its loop has stopped (its destructor waits for
@@ -403,6 +406,14 @@ void QCameraView::recordBegin()
     m_cameraRecorderPath =
         QString("%1/%2.%3").arg(Cache::config->user_documentsLocation).arg(now).arg("avi");
 
+    avRecorder.reset();
+    soundMissing = false;
+    if (Cache::config->record_audio) {
+        if (recordBeginWithSound())
+            return;
+        soundMissing = true; // the picture is recorded as without sound
+    }
+
     // The writer of an earlier recording is closed and deleted, not leaked.
     frameWriter.reset();
     delete m_imageProcessing->writer;
@@ -426,6 +437,10 @@ void QCameraView::recordBegin()
 // counted, so the window never waits for the encoder.
 void QCameraView::onWriterTimer()
 {
+    if (avRecorder) {
+        offerWithSound();
+        return;
+    }
     cv::VideoWriter *writer = m_imageProcessing->writer;
     if (!isCameraVideo || !writer || m_Image.isNull() || cameraAway)
         return;
@@ -475,6 +490,14 @@ bool QCameraView::openRecordingFile(bool anyFrame)
 
 void QCameraView::recordEnd()
 {
+    if (avRecorder) {
+        isWriteVideo = false;
+        timerWriter->stop();
+        isCameraVideo = false;
+        avRecorder.reset(); // writes what is queued and closes the file
+        emit sendTakePhotoImageSignal(QList<QString>{m_cameraRecorderPath}, 0);
+        return;
+    }
     cv::VideoWriter *writer = m_imageProcessing->writer;
     // Stopped before the camera delivered: the file still holds what there is.
     if (isCameraVideo && writer && !recordOpenTried)
@@ -490,4 +513,52 @@ void QCameraView::recordEnd()
     if (writer)
         writer->release();
     emit sendTakePhotoImageSignal(QList<QString>{m_cameraRecorderPath}, 0);
+}
+
+// A recording with sound runs on the file's real clock: frames go with the
+// time the camera captured them, at the camera's own rate.
+bool QCameraView::recordBeginWithSound()
+{
+    qint64 stamp = 0;
+    const cv::Mat current = m_imageProcessing->currentFrame(&stamp);
+    if (current.empty())
+        return false;
+    const double rate = m_imageProcessing->cameraFps;
+    const int fps = rate >= 1 ? qRound(rate) : 30;
+    avRecorder = std::make_unique<AvRecorder>(m_cameraRecorderPath, current.size(), fps,
+                                              Microphone::resolve(Cache::config->audio_input));
+    if (!avRecorder->hasSound()) {
+        avRecorder.reset();
+        return false;
+    }
+    recordSize = current.size();
+    offeredStamp = 0;
+    isCameraVideo = true;
+    fps_count = 1;
+    timerWriter->start(recordTickMs);
+    isWriteVideo = true;
+    return true;
+}
+
+// Each camera frame is offered once; the writer places it by its time.
+void QCameraView::offerWithSound()
+{
+    if (!isWriteVideo || cameraAway || !avRecorder->hasRoom())
+        return;
+    qint64 stamp = 0;
+    cv::Mat copy = m_imageProcessing->currentFrame(&stamp);
+    if (copy.empty() || stamp == offeredStamp)
+        return;
+    // As without sound: a frame of another size goes in scaled to the file's.
+    if (copy.size() != recordSize)
+        cv::resize(copy, copy, recordSize, 0, 0, cv::INTER_AREA);
+    if (avRecorder->offer(copy, stamp)) {
+        offeredStamp = stamp;
+        fps_count += 1;
+    }
+}
+
+float QCameraView::soundLevel() const
+{
+    return avRecorder ? avRecorder->level() : 0.0f;
 }

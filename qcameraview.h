@@ -14,6 +14,7 @@
 
 #include <memory>
 
+class AvRecorder;
 class FrameWriter;
 class ImageProcessing;
 class QTimer;
@@ -75,6 +76,12 @@ public:
     void videoParameterSettings();
     void recordBegin();
     void recordEnd();
+    // Recording with sound (extension): whether the running recording has
+    // it, the microphone's level for the meter, and whether the last start
+    // asked for sound and found no microphone.
+    bool recordingHasSound() const { return avRecorder != nullptr; }
+    float soundLevel() const;
+    bool soundMissing = false;
 
     // Drawn over the last picture while the camera is away (unplugged);
     // gone with the first frame after its return.
@@ -115,7 +122,12 @@ private:
     bool openRecordingFile(bool anyFrame);
     void paintAwayNotice(QPainter &painter);
 
+    bool recordBeginWithSound();
+    void offerWithSound();
+
     std::unique_ptr<FrameWriter> frameWriter; // encodes the recording's frames
+    std::unique_ptr<AvRecorder> avRecorder;   // the recording's writer when it has sound
+    qint64 offeredStamp = 0;                  // capture time of the last frame it got
     cv::Size recordSize;                      // frame size of the recording's file
     unsigned recordStartFrames = 0;           // the thread's frame count when recording began
     bool recordOpenTried = false;             // the file was opened, or failed to

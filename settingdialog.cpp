@@ -1,6 +1,7 @@
 #include "settingdialog.h"
 #include "ui_settingdialog.h"
 
+#include "audio/microphone.h"
 #include "cache.h"
 #include "camerainfo.h"
 #include "photooutput.h"
@@ -12,6 +13,8 @@
 #include <QDebug>
 #include <QFontDialog>
 #include <QPalette>
+
+#include <algorithm>
 
 namespace {
 
@@ -132,6 +135,20 @@ void SettingDialog::init()
     // A mode this build does not know shows the fixed interval.
     ui->shootingModeBox->setCurrentIndex(
         config->shooting_mode == ShootingModePageTurn ? ShootingModePageTurn : ShootingModeInterval);
+    ui->checkBox_RecordAudio->setChecked(config->record_audio);
+    loadAudioInputs(config->audio_input);
+}
+
+// The system's default first, then the inputs the sound system lists; a
+// saved microphone that is gone shows the default.
+void SettingDialog::loadAudioInputs(const QString &saved)
+{
+    ui->audioInputBox->clear();
+    ui->audioInputBox->addItem(QStringLiteral("系统默认"), QString());
+    for (const QString &name : Microphone::inputNames())
+        ui->audioInputBox->addItem(name, name);
+    ui->audioInputBox->setCurrentIndex(
+        std::max(0, ui->audioInputBox->findData(Microphone::resolve(saved))));
 }
 
 void SettingDialog::setSampleColor(const QColor &color)
@@ -202,6 +219,8 @@ void SettingDialog::on_saveSetting_clicked()
 
     config->perspective_correction = ui->checkBox_Perspective->isChecked();
     config->shooting_mode = ui->shootingModeBox->currentIndex();
+    config->record_audio = ui->checkBox_RecordAudio->isChecked();
+    config->audio_input = ui->audioInputBox->currentData().toString();
 
     config->save();
     // Always: the receiver re-applies the stored capture settings, and

@@ -48,6 +48,7 @@ public slots:
     void on_painting_percentage_box_valueChanged(int value);
 
 private:
+    void loadAudioInputs(const QString &saved);
     void setSampleColor(const QColor &color);
 };
 

@@ -19,6 +19,8 @@ packages=(
   crossbuild-essential-arm64 cmake make pkg-config
   qtbase5-dev-tools librsvg2-bin
   qtbase5-dev:arm64 libopencv-dev:arm64
+  qtmultimedia5-dev:arm64 libqt5multimedia5-plugins:arm64
+  libavformat-dev:arm64 libavcodec-dev:arm64 libavutil-dev:arm64
   libtesseract-dev:arm64 libqpdf-dev:arm64 tesseract-ocr-chi-sim tesseract-ocr-eng qpdf
   qt5-image-formats-plugins:arm64 qttranslations5-l10n fonts-noto-cjk
   poppler-utils

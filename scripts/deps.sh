@@ -14,6 +14,9 @@ packages=(
   poppler-utils
   xvfb xauth imagemagick
   fonts-noto-cjk
+  qtmultimedia5-dev libqt5multimedia5-plugins
+  libavformat-dev libavcodec-dev libavutil-dev
+  pulseaudio pulseaudio-utils
   libtesseract-dev tesseract-ocr-chi-sim tesseract-ocr-eng
   libqpdf-dev qpdf
   clang-14 libclang-rt-14-dev

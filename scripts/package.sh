@@ -65,7 +65,7 @@ deb_arch=$(dpkg-deb -f "dist/$deb" Architecture)
 [ "$deb_arch" = "$arch" ] || { echo "package architecture $deb_arch, wanted $arch"; status=1; }
 depends=$(dpkg-deb -f "dist/$deb" Depends)
 for need in qt5-image-formats-plugins qttranslations5-l10n fonts-noto-cjk tesseract-ocr-chi-sim tesseract-ocr-eng \
-            libqt5widgets5 libopencv-videoio libtesseract5 libqpdf; do
+            libqt5multimedia5-plugins libqt5widgets5 libopencv-videoio libtesseract5 libqpdf libavformat; do
   [[ "$depends" == *"$need"* ]] || { echo "Depends lacks $need: $depends"; status=1; }
 done
 

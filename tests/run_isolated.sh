@@ -8,5 +8,10 @@ chmod 700 "$tmp/runtime"
 cd "$tmp/work" || exit 1
 rc=0
 HOME="$tmp/home" XDG_RUNTIME_DIR="$tmp/runtime" "$@" || rc=$?
+# A test that died before stopping its sound server and microphone feeder
+# leaves their process ids here.
+for pidfile in "$tmp/runtime/pulse/pid" "$tmp/runtime/virtualmic/feeder.pid"; do
+  [ -s "$pidfile" ] && kill "$(cat "$pidfile")" 2>/dev/null
+done
 rm -rf "$tmp"
 exit $rc

@@ -340,6 +340,36 @@ private slots:
         QSettings file("system.ini", QSettings::IniFormat);
         QCOMPARE(file.allKeys().size(), 29);
     }
+
+    void recordAudioSettingsAreExtensions()
+    {
+        WorkingDirectory wd;
+        Config config;
+        QCOMPARE(config.record_audio, false);
+        QCOMPARE(config.audio_input, QString());
+        QVERIFY(!readAll("system.ini").contains("[extra]"));
+
+        config.record_audio = true;
+        config.audio_input = QStringLiteral("desk_microphone");
+        config.save();
+        {
+            QSettings file("system.ini", QSettings::IniFormat);
+            QCOMPARE(file.allKeys().size(), 31);
+            QCOMPARE(file.value("extra/record_audio").toString(), QString("true"));
+            QCOMPARE(file.value("extra/audio_input").toString(), QString("desk_microphone"));
+        }
+        Config again;
+        QCOMPARE(again.record_audio, true);
+        QCOMPARE(again.audio_input, QString("desk_microphone"));
+
+        again.init();
+        QCOMPARE(again.record_audio, false);
+        QCOMPARE(again.audio_input, QString());
+        again.save();
+        QSettings file("system.ini", QSettings::IniFormat);
+        QCOMPARE(file.allKeys().size(), 29);
+        QVERIFY(!file.contains("extra/audio_input"));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestConfig)

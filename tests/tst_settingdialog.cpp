@@ -1,6 +1,7 @@
 // The settings window: its form, loading the controls from the settings
 // record and the current camera, the value labels, the colour and font
 // choices, the defaults button and the save into "system.ini".
+#include "audio/microphone.h"
 #include "cache.h"
 #include "camerainfo.h"
 #include "settingdialog.h"
@@ -80,6 +81,8 @@ struct Form
     CONTROL(QRadioButton, radioButton_Time)
     CONTROL(QCheckBox, checkBox_Perspective)
     CONTROL(QComboBox, shootingModeBox)
+    CONTROL(QCheckBox, checkBox_RecordAudio)
+    CONTROL(QComboBox, audioInputBox)
     CONTROL(QCheckBox, checkBox_Sound)
     CONTROL(QCheckBox, checkBox_SaveMergeSourceImageBox)
     CONTROL(QCheckBox, checkBox_SavePdfSourceBox)
@@ -354,7 +357,7 @@ private slots:
         QCOMPARE(dialog.windowTitle(), QString("设置"));
         // The extension group below the original ones makes the window
         // taller; the original groups keep their places.
-        QCOMPARE(dialog.size(), QSize(444, 856));
+        QCOMPARE(dialog.size(), QSize(444, 916));
         QCOMPARE(dialog.objectName(), QString("SettingDialog"));
         QVERIFY(!(dialog.windowFlags() & Qt::WindowContextHelpButtonHint));
 
@@ -373,11 +376,11 @@ private slots:
                                           {"groupWatermarkBoxConfigBox", QRect(10, 212, 424, 252)},
                                           {"groupSaveConfigBox", QRect(10, 470, 424, 118)},
                                           {"groupPanting", QRect(10, 594, 424, 122)},
-                                          {"groupExtra", QRect(10, 722, 424, 88)}};
+                                          {"groupExtra", QRect(10, 722, 424, 148)}};
         for (auto it = places.constBegin(); it != places.constEnd(); ++it)
             QCOMPARE(dialog.findChild<QGroupBox *>(it.key())->geometry(), it.value());
         // The buttons stay at the bottom, below the extension group.
-        QCOMPARE(dialog.findChild<QPushButton *>("saveSetting")->geometry(), QRect(92, 816, 120, 30));
+        QCOMPARE(dialog.findChild<QPushButton *>("saveSetting")->geometry(), QRect(92, 876, 120, 30));
 
         // Each control sits in its group.
         const QMap<QString, QString> home{{"imageFOURCCBox", "groupPictureParameters"},
@@ -389,7 +392,10 @@ private slots:
                                           {"painting_mian_resolutionBox", "groupPanting"},
                                           {"lbPaintingPercentage", "groupPanting"},
                                           {"checkBox_Perspective", "groupExtra"},
-                                          {"shootingModeBox", "groupExtra"}};
+                                          {"shootingModeBox", "groupExtra"},
+                                          {"checkBox_RecordAudio", "groupExtra"},
+                                          {"audioInputBox", "groupExtra"},
+                                          {"label_audio_input", "groupExtra"}};
         for (auto it = home.constBegin(); it != home.constEnd(); ++it) {
             QWidget *w = dialog.findChild<QWidget *>(it.key());
             QVERIFY2(w, qPrintable(it.key()));
@@ -411,7 +417,8 @@ private slots:
             {"label_20", "主头分辨率"},      {"label_24", "副头分辨率"},
             {"lbImageQuality", "80%"},       {"lbWatermarkTransparency", "50%"},
             {"lbWatermarkX", "50%"},         {"lbWatermarkY", "50%"},
-            {"lbPaintingPercentage", "30%"}, {"label_shooting_mode", "连拍方式"}};
+            {"lbPaintingPercentage", "30%"}, {"label_shooting_mode", "连拍方式"},
+            {"label_audio_input", "麦克风"}};
         for (auto it = labels.constBegin(); it != labels.constEnd(); ++it) {
             auto *label = dialog.findChild<QLabel *>(it.key());
             QVERIFY2(label, qPrintable(it.key()));
@@ -427,7 +434,8 @@ private slots:
             {"checkBox_Sound", "播放声音"},
             {"checkBox_SaveMergeSourceImageBox", "合并图像图保存源图像"},
             {"checkBox_SavePdfSourceBox", "存PDF不保存源图像"},
-            {"checkBox_Perspective", "透视矫正（按纸张四角拉正）"}};
+            {"checkBox_Perspective", "透视矫正（按纸张四角拉正）"},
+            {"checkBox_RecordAudio", "录像时同时录音"}};
         for (auto it = buttons.constBegin(); it != buttons.constEnd(); ++it) {
             auto *button = dialog.findChild<QAbstractButton *>(it.key());
             QVERIFY2(button, qPrintable(it.key()));
@@ -1202,6 +1210,55 @@ private slots:
         QCOMPARE(Cache::config->perspective_correction, false);
         QCOMPARE(Cache::config->shooting_mode, int(ShootingModeInterval));
         compareFile({});
+    }
+
+    // ---- recording with sound
+
+    void audioInputBoxOffersTheDefaultThenTheListedInputs()
+    {
+        SettingDialog dialog;
+        dialog.init();
+        const Form ui(dialog);
+        QCOMPARE(itemTexts(ui.audioInputBox),
+                 QStringList({"系统默认"}) + Microphone::inputNames());
+        QCOMPARE(ui.audioInputBox->currentIndex(), 0);
+        QVERIFY(!ui.checkBox_RecordAudio->isChecked());
+    }
+
+    void audioControlsLoadSaveAndReset()
+    {
+        Cache::config->record_audio = true;
+        SettingDialog dialog;
+        dialog.show();
+        dialog.init();
+        const Form ui(dialog);
+        QVERIFY(ui.checkBox_RecordAudio->isChecked());
+        ui.saveSetting->click();
+        QCOMPARE(stored("extra/record_audio").toString(), QString("true"));
+        // The default microphone is stored as no key at all.
+        QVERIFY(!stored("extra/audio_input").isValid());
+
+        dialog.show();
+        dialog.init();
+        ui.btnDefaultSetting->click();
+        QVERIFY(!ui.checkBox_RecordAudio->isChecked());
+        QCOMPARE(Cache::config->record_audio, false);
+        compareFile({});
+    }
+
+    void savedMicrophoneThatIsGoneFallsBackToTheDefault()
+    {
+        Cache::config->audio_input = QStringLiteral("unplugged_usb_microphone");
+        SettingDialog dialog;
+        dialog.show();
+        dialog.init();
+        const Form ui(dialog);
+        QCOMPARE(ui.audioInputBox->currentIndex(), 0);
+        QCOMPARE(ui.audioInputBox->currentText(), QString("系统默认"));
+        QCOMPARE(Microphone::resolve(Cache::config->audio_input), QString());
+        ui.saveSetting->click();
+        QCOMPARE(Cache::config->audio_input, QString());
+        QVERIFY(!stored("extra/audio_input").isValid());
     }
 };
 

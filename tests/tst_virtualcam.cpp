@@ -516,6 +516,48 @@ private slots:
         QCOMPARE(errno, EINVAL);
     }
 
+    // White frames exactly while the frame's own time stamp, in ms of the
+    // monotonic clock, modulo the period is below the flash's length.
+    void flashFramesFollowTheMonotonicClock()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_FLASH", "500,200");
+        for (const char *fourcc : {"MJPG", "YUYV"}) {
+            cv::VideoCapture cap;
+            QVERIFY(openCapture(cap, 0, fourcc, 320, 240));
+            int white = 0, dark = 0;
+            cv::Mat frame, grey;
+            for (int i = 0; i < 40; ++i) {
+                QVERIFY(cap.read(frame));
+                const auto ms = static_cast<long long>(std::floor(cap.get(cv::CAP_PROP_POS_MSEC)));
+                cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
+                const double mean = cv::mean(grey)[0];
+                const bool flash = ms % 500 < 200;
+                QVERIFY2(flash ? mean > 245 : mean < 200,
+                         qPrintable(QString("%1 frame at %2 ms has mean %3").arg(fourcc).arg(ms).arg(mean)));
+                (flash ? white : dark) += 1;
+            }
+            QVERIFY(white >= 8 && dark >= 8);
+        }
+    }
+
+    void malformedFlashLeavesTheSceneAlone()
+    {
+        qputenv("VCAM_0_SIZES", "320x240");
+        qputenv("VCAM_0_SCENE", "desk");
+        for (const char *value : {"200,500", "abc", "500", "0,0"}) {
+            qputenv("VCAM_0_FLASH", value);
+            cv::VideoCapture cap;
+            QVERIFY(openCapture(cap, 0, "MJPG", 320, 240));
+            cv::Mat frame, grey;
+            for (int i = 0; i < 20; ++i) {
+                QVERIFY(cap.read(frame));
+                cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
+                QVERIFY2(cv::mean(grey)[0] < 200, value);
+            }
+        }
+    }
+
     void opencvStreamsMjpegAtRequestedSize()
     {
         qputenv("VCAM_0_SIZES", "1280x720,640x480");

@@ -16,6 +16,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <chrono>
 #include <cmath>
 #include <chrono>
 #include <utility>
@@ -234,18 +235,21 @@ bool ImageProcessing::readFrame()
     if (!fresh) {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
+        readStamp = captureTime();
     }
     if (readBuffer.empty())
         return false;
     {
         std::lock_guard<std::mutex> lock(frameMutex);
         std::swap(frame, readBuffer);
+        frameStamp = readStamp;
     }
     frameGeneration = capGeneration.load();
     ++framesTaken;
     nextRead = std::async(std::launch::async, [this] {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readBuffer;
+        readStamp = captureTime();
         return readBuffer.empty() ? 0u : capGeneration.load();
     });
     return true;
@@ -272,6 +276,24 @@ cv::Mat ImageProcessing::currentFrame()
 {
     std::lock_guard<std::mutex> lock(frameMutex);
     return frame.clone();
+}
+
+cv::Mat ImageProcessing::currentFrame(qint64 *capturedNs)
+{
+    std::lock_guard<std::mutex> lock(frameMutex);
+    *capturedNs = frameStamp;
+    return frame.clone();
+}
+
+// The camera's own time stamp of the frame just read (the driver's, on the
+// monotonic clock), or the moment of reading when it has none that fits.
+qint64 ImageProcessing::captureTime()
+{
+    const qint64 now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                           std::chrono::steady_clock::now().time_since_epoch())
+                           .count();
+    const qint64 stamp = qint64(cap.get(cv::CAP_PROP_POS_MSEC) * 1e6);
+    return stamp > 0 && stamp <= now && now - stamp < 1000000000 ? stamp : now;
 }
 
 bool ImageProcessing::frameIsSettled() const
@@ -612,6 +634,7 @@ void ImageProcessing::videoParameterSettings()
     }
     qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
              << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
+    cameraFps = cap.get(cv::CAP_PROP_FPS);
 }
 
 void ImageProcessing::setCameraExposure(int value)

@@ -63,6 +63,7 @@ public:
     std::atomic<bool> isShow2;
     std::atomic<bool> isSaveTiff;
     std::atomic<bool> isCameraVideo;
+    std::atomic<double> cameraFps{0}; // the rate the open camera delivers
     QString cameraVideoPath;
 
     // Opening, closing and exposure are carried out by the loop between two
@@ -121,6 +122,8 @@ public:
 
     // A deep copy of the last frame read, safe to call from any thread.
     cv::Mat currentFrame();
+    // The same, with the monotonic time the camera captured it.
+    cv::Mat currentFrame(qint64 *capturedNs);
     // Frames the loop has made current so far.
     std::atomic<unsigned> framesTaken{0};
     // Whether the current frame comes from the camera as it is set up now:
@@ -195,6 +198,9 @@ private:
     std::mutex frameMutex; // frame swaps against currentFrame()
     std::mutex childMutex; // child1/child2
     cv::Mat readBuffer;    // the loop's next frame; swapped with frame
+    qint64 readStamp = 0;  // capture times of readBuffer and frame, in
+    qint64 frameStamp = 0; // monotonic nanoseconds
+    qint64 captureTime();  // of the frame cap just read (under capMutex)
     // Bumped (under capMutex) whenever cap is opened or released, so that a
     // frame read ahead from a camera since closed is not shown. Starts at 1:
     // a read ahead that got nothing answers 0.

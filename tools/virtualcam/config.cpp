@@ -86,6 +86,21 @@ std::vector<Size> defaultSizes()
     return {{3264, 2448}, {1920, 1080}, {1280, 720}, {640, 480}};
 }
 
+// VCAM_<N>_FLASH=period_ms,duration_ms
+void fillFlash(const Env &env, NodeSpec &node)
+{
+    const std::string *v = lookup(env, nodeVar(node.index, "FLASH"));
+    if (!v)
+        return;
+    const std::vector<std::string> parts = split(*v, ',');
+    long long period = 0, duration = 0;
+    if (parts.size() == 2 && parseLong(trim(parts[0]), &period) && parseLong(trim(parts[1]), &duration)
+        && period > 0 && duration > 0 && duration < period) {
+        node.flashPeriodMs = period;
+        node.flashMs = duration;
+    }
+}
+
 void fillCameraSettings(const Env &env, NodeSpec &node)
 {
     const int n = node.index;
@@ -400,6 +415,7 @@ Config parseConfig(const Env &env)
             node.usbPort = ++port;
             node.card = card ? *card : "Virtual Document Camera " + std::to_string(node.index);
             fillCameraSettings(env, node);
+            fillFlash(env, node);
             lastCamera = node.index;
             break;
         case NodeKind::Meta:

@@ -63,6 +63,10 @@ struct NodeSpec {
     SceneSpec scene;
     bool enumFmtFail = false;
     long long unplugAfter = -1;  // frames; -1 = never
+    // White frames while the monotonic clock, in ms, modulo flashPeriodMs
+    // is below flashMs (a test's sync marks); 0 = never.
+    long long flashPeriodMs = 0;
+    long long flashMs = 0;
     long long replugAfterMs = -1;  // back this long after an unplug; -1 = never
     bool unplugRepeat = false;     // a camera plugged back in is unplugged again after unplugAfter frames
     long long stallAfter = -1;     // frames before the stream stalls; -1 = never

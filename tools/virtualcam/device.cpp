@@ -541,6 +541,14 @@ int outputIoctl(unsigned int request)
     }
 }
 
+bool flashing(const NodeSpec &spec, const struct timespec &ts)
+{
+    if (spec.flashPeriodMs <= 0)
+        return false;
+    const long long ms = static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+    return ms % spec.flashPeriodMs < spec.flashMs;
+}
+
 void markUnplugged(Device &d)
 {
     d.unplugged = true;
@@ -630,11 +638,16 @@ int dequeue(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, v4l2_
     }
     const size_t used = d.source.render(d.sequence, d.memory + static_cast<size_t>(index) * d.stride, d.length,
                                         &s.stamp);
-    s.bytesused = static_cast<uint32_t>(used);
-    s.flags = used ? 0 : V4L2_BUF_FLAG_ERROR;
-    s.sequence = d.sequence++;
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
+    size_t written = used;
+    if (used && flashing(d.spec, ts)) {
+        written = d.source.renderWhite(d.memory + static_cast<size_t>(index) * d.stride, d.length);
+        s.stamp = 0;  // the slot no longer holds the scene
+    }
+    s.bytesused = static_cast<uint32_t>(written);
+    s.flags = written ? 0 : V4L2_BUF_FLAG_ERROR;
+    s.sequence = d.sequence++;
     s.timestamp.tv_sec = ts.tv_sec;
     s.timestamp.tv_usec = ts.tv_nsec / 1000;
     fillBuffer(d, static_cast<uint32_t>(index), b);

@@ -172,6 +172,7 @@ void FrameSource::preparePicture(const std::string &key, const cv::Mat &picture,
     still_ = still;
     stamp_ = ++g_stamps;
     static_ = picture.clone();
+    white_.clear();
 
     // Counter: mid-grey digits near the bottom-left corner, about 3.5 % of
     // the frame height tall (at least 9 px so it stays readable).
@@ -264,6 +265,27 @@ size_t FrameSource::render(uint32_t number, uint8_t *dst, size_t capacity, uint6
         return 0;
     std::memcpy(dst, jpeg_.data(), jpeg_.size());
     return jpeg_.size();
+}
+
+size_t FrameSource::renderWhite(uint8_t *dst, size_t capacity)
+{
+    if (width_ <= 0 || height_ <= 0)
+        return 0;
+    if (white_.empty()) {
+        const cv::Mat white(height_, width_, CV_8UC3, cv::Scalar::all(255));
+        if (fourcc_ == V4L2_PIX_FMT_YUYV) {
+            white_.resize(static_cast<size_t>(width_) * 2 * height_);
+            bgrToYuyv(white, white_.data(), static_cast<size_t>(width_) * 2);
+        } else {
+            std::vector<uchar> jpeg;
+            cv::imencode(".jpg", white, jpeg, {cv::IMWRITE_JPEG_QUALITY, 90});
+            white_.assign(jpeg.begin(), jpeg.end());
+        }
+    }
+    if (white_.size() > capacity)
+        return 0;
+    std::memcpy(dst, white_.data(), white_.size());
+    return white_.size();
 }
 
 }  // namespace vcam

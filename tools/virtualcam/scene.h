@@ -38,6 +38,9 @@ public:
     // holds, so unchanged pixels are not copied again.
     size_t render(uint32_t number, uint8_t *dst, size_t capacity, uint64_t *slotStamp);
 
+    // Writes an all-white frame (a flash) into dst; returns the bytes used.
+    size_t renderWhite(uint8_t *dst, size_t capacity);
+
     // Where the counter is drawn (for tests and documentation).
     cv::Rect counterRect() const { return counter_; }
 
@@ -55,6 +58,7 @@ private:
     cv::Mat work_;
     std::vector<uint8_t> yuyv_;
     std::vector<uchar> jpeg_;
+    std::vector<uint8_t> white_;  // the flash frame in this size and format
     // A camera compresses its frames itself, at no cost to the reader: the
     // next MJPG frame is encoded on a thread of its own while the reader
     // works on the current one.
