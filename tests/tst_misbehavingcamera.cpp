@@ -209,7 +209,9 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(QDir(m_documents->path()).entryList(QDir::Files).size(), 1,
                                   frameDeadline);
         const QString name = QDir(m_documents->path()).entryList(QDir::Files).first();
-        const QImage photo(QDir(m_documents->path()).filePath(name));
+        // The file shows in the folder as soon as its writing begins.
+        QImage photo;
+        QTRY_VERIFY_WITH_TIMEOUT(photo.load(QDir(m_documents->path()).filePath(name)), frameDeadline);
         QCOMPARE(photo.size(), QSize(640, 480));
         QCOMPARE(stateNumber(0, "frames"), 10);
     }
