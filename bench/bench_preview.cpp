@@ -5,7 +5,7 @@
 //   build/bench/bench_preview --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include "imaging/pageturn.h"
 #include "threads/imageprocessing.h"
-#include "threads/pixelops.h"
+#include "imaging/pixelops.h"
 
 #include <benchmark/benchmark.h>
 

@@ -2,7 +2,7 @@
 // modes and document outlines, rotation of the shown picture, document
 // detection and the upright cut-out of a detected sheet.
 #include "threads/imageprocessing.h"
-#include "threads/pixelops.h"
+#include "imaging/pixelops.h"
 
 #include <QtTest>
 

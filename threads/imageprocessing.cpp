@@ -3,7 +3,7 @@
 #include "cache.h"
 #include "photooutput.h"
 #include "safeindex.h"
-#include "threads/pixelops.h"
+#include "imaging/pixelops.h"
 #include "threads/racecheck.h"
 
 #include <QDebug>
