@@ -49,7 +49,7 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
         const cv::Mat even = source(cv::Rect(0, 0, source.cols / 2 * 2, source.rows / 2 * 2));
         half.create(even.rows / 2, even.cols / 2, even.type());
         // Every output row averages its own two input rows: bands of rows
-        // are halved on both cores independently.
+        // are halved on OpenCV's worker threads independently.
         cv::parallel_for_(cv::Range(0, 8), [&](const cv::Range &range) {
             for (int band = range.start; band < range.end; ++band) {
                 const int top = half.rows * band / 8;
