@@ -602,6 +602,7 @@ void MainWindowQCamera::closeCamera()
 
 void MainWindowQCamera::on_btnIDCard_clicked()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 // ------------------------------------------------------------ result strip

@@ -258,18 +258,22 @@ void QCameraView::setSaveImageToTiff(bool on)
 
 void QCameraView::videoSettingOpenWindow()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void QCameraView::videoParameterSettings()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void QCameraView::openCameraSlot()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void QCameraView::closeCameraSlot()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void QCameraView::onZoomInImage()
