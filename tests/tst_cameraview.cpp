@@ -164,7 +164,7 @@ Recording readRecording(const QString &path)
 
 } // namespace
 
-class TestCameraView : public QObject
+class tst_CameraView : public QObject
 {
     Q_OBJECT
 
@@ -814,5 +814,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestCameraView)
+QTEST_MAIN(tst_CameraView)
 #include "tst_cameraview.moc"

@@ -106,7 +106,7 @@ void startStreaming(ImageProcessing &p, FrameSink &sink, int driveId, const QSiz
 
 } // namespace
 
-class TestCaptureThread : public QObject
+class tst_CaptureThread : public QObject
 {
     Q_OBJECT
 
@@ -126,7 +126,7 @@ private:
         ImageProcessing p;
         bool ok = false;
 
-        explicit ExposureRun(TestCaptureThread &test)
+        explicit ExposureRun(tst_CaptureThread &test)
         {
             qputenv("VCAM_0_SIZES", "640x480");
             *Cache::cameras = CameraInfo::discover();
@@ -766,5 +766,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestCaptureThread)
+QTEST_MAIN(tst_CaptureThread)
 #include "tst_capturethread.moc"

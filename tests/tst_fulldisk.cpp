@@ -66,7 +66,7 @@ void fill(const QString &folder, qint64 leave)
 
 } // namespace
 
-class TestFullDisk : public QObject
+class tst_FullDisk : public QObject
 {
     Q_OBJECT
 
@@ -298,5 +298,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestFullDisk)
+QTEST_MAIN(tst_FullDisk)
 #include "tst_fulldisk.moc"

@@ -68,7 +68,7 @@ QString allPixels(const QImage &img, const QRect &rect, QRgb colour)
 
 } // namespace
 
-class tst_imagemergingdialog : public QObject
+class tst_ImageMergingDialog : public QObject
 {
     Q_OBJECT
 
@@ -450,5 +450,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_imagemergingdialog)
+QTEST_MAIN(tst_ImageMergingDialog)
 #include "tst_imagemergingdialog.moc"

@@ -270,7 +270,7 @@ cv::Mat numberedMat(int rows, int cols, int type)
 
 } // namespace
 
-class TestImageProcessing : public QObject
+class tst_ImageProcessing : public QObject
 {
     Q_OBJECT
 
@@ -1412,5 +1412,5 @@ private:
     }
 };
 
-QTEST_GUILESS_MAIN(TestImageProcessing)
+QTEST_GUILESS_MAIN(tst_ImageProcessing)
 #include "tst_imageprocessing.moc"

@@ -133,7 +133,7 @@ struct ProgressSeen
 
 } // namespace
 
-class tst_imagesavepdfortiffdialog : public QObject
+class tst_ImageSavePdfOrTiffDialog : public QObject
 {
     Q_OBJECT
 
@@ -640,5 +640,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_imagesavepdfortiffdialog)
+QTEST_MAIN(tst_ImageSavePdfOrTiffDialog)
 #include "tst_imagesavepdfortiffdialog.moc"

@@ -130,7 +130,7 @@ bool isDark(const QColor &c)
 
 } // namespace
 
-class TestMainWindow : public QObject
+class tst_MainWindow : public QObject
 {
     Q_OBJECT
 
@@ -1195,5 +1195,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestMainWindow)
+QTEST_MAIN(tst_MainWindow)
 #include "tst_mainwindow.moc"

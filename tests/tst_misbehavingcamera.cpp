@@ -62,7 +62,7 @@ Recording readRecording(const QString &path)
 
 } // namespace
 
-class TestMisbehavingCamera : public QObject
+class tst_MisbehavingCamera : public QObject
 {
     Q_OBJECT
 
@@ -369,5 +369,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestMisbehavingCamera)
+QTEST_MAIN(tst_MisbehavingCamera)
 #include "tst_misbehavingcamera.moc"

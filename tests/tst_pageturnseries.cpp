@@ -32,7 +32,7 @@ const char *const loadingTip = "视频加载中，请稍候......";
 
 } // namespace
 
-class TestPageTurnSeries : public QObject
+class tst_PageTurnSeries : public QObject
 {
     Q_OBJECT
 
@@ -363,5 +363,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestPageTurnSeries)
+QTEST_MAIN(tst_PageTurnSeries)
 #include "tst_pageturnseries.moc"

@@ -117,7 +117,7 @@ QImage readBack(const QString &name)
 
 } // namespace
 
-class tst_photo : public QObject
+class tst_Photo : public QObject
 {
     Q_OBJECT
 
@@ -579,5 +579,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_photo)
+QTEST_MAIN(tst_Photo)
 #include "tst_photo.moc"

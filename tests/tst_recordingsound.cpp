@@ -44,7 +44,7 @@ QString listed(const std::vector<double> &values)
 
 } // namespace
 
-class TestRecordingSound : public QObject
+class tst_RecordingSound : public QObject
 {
     Q_OBJECT
 
@@ -308,5 +308,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestRecordingSound)
+QTEST_MAIN(tst_RecordingSound)
 #include "tst_recordingsound.moc"

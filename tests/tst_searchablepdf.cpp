@@ -258,7 +258,7 @@ private:
 
 } // namespace
 
-class tst_searchablepdf : public QObject
+class tst_SearchablePdf : public QObject
 {
     Q_OBJECT
 
@@ -727,5 +727,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_searchablepdf)
+QTEST_MAIN(tst_SearchablePdf)
 #include "tst_searchablepdf.moc"
