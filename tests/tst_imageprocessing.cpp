@@ -2,7 +2,7 @@
 // modes and document outlines, rotation of the shown picture, document
 // detection and the upright cut-out of a detected sheet.
 #include "threads/imageprocessing.h"
-#include "imaging/pixelops.h"
+#include "matcompare.h"
 
 #include <QtTest>
 
@@ -35,38 +35,6 @@ template<> char *toString(const cv::Point2f &p)
 namespace {
 
 constexpr float sheetArea = 73500.0f;
-
-// Empty when a and b hold the same pixels, otherwise where they first differ.
-QString matDifference(const cv::Mat &a, const cv::Mat &b)
-{
-    if (a.size() != b.size() || a.type() != b.type())
-        return QString("shape differs: %1x%2 type %3 vs %4x%5 type %6")
-            .arg(a.cols).arg(a.rows).arg(a.type()).arg(b.cols).arg(b.rows).arg(b.type());
-    if (a.empty())
-        return QString();
-    cv::Mat diff;
-    cv::absdiff(a, b, diff);
-    const cv::Mat flat = diff.reshape(1);
-    const int count = cv::countNonZero(flat);
-    if (count == 0)
-        return QString();
-    std::vector<cv::Point> where;
-    cv::findNonZero(flat, where);
-    const cv::Point p = where.front();
-    return QString("%1 values differ, first at x=%2 y=%3 channel %4: %5 vs %6")
-        .arg(count)
-        .arg(p.x / a.channels())
-        .arg(p.y)
-        .arg(p.x % a.channels())
-        .arg(int(a.ptr<uchar>(p.y)[p.x]))
-        .arg(int(b.ptr<uchar>(p.y)[p.x]));
-}
-
-#define COMPARE_MATS(actual, expected)                                                    \
-    do {                                                                                  \
-        const QString d_ = matDifference((actual), (expected));                           \
-        QVERIFY2(d_.isEmpty(), qPrintable(d_));                                           \
-    } while (false)
 
 bool sameRect(const cv::RotatedRect &a, const cv::RotatedRect &b)
 {
@@ -285,57 +253,6 @@ private slots:
     }
 
     // ---- Matrix to image -------------------------------------------------
-
-    // The outline search that avoids OpenCV's copy, against OpenCV's own
-    // C++ search: same outlines, same order, whatever the picture's shape.
-    void outlineSearchWithoutCopyMatchesOpenCvSearch_data()
-    {
-        QTest::addColumn<int>("width");
-        QTest::addColumn<int>("height");
-        QTest::addColumn<bool>("window");
-        QTest::newRow("odd width") << 641 << 479 << false;
-        QTest::newRow("one row") << 320 << 1 << false;
-        QTest::newRow("one column") << 1 << 240 << false;
-        QTest::newRow("padded stride") << 500 << 300 << true;
-        QTest::newRow("3264x2448") << 3264 << 2448 << false;
-    }
-
-    void outlineSearchWithoutCopyMatchesOpenCvSearch()
-    {
-        QFETCH(int, width);
-        QFETCH(int, height);
-        QFETCH(bool, window);
-        cv::RNG rng(uint64(width) * 7919 + uint64(height));
-        cv::Mat whole(height + 20, width + 37, CV_8UC1);
-        rng.fill(whole, cv::RNG::UNIFORM, 0, 100);
-        // Sheets and specks, some touching the border, some holding holes.
-        for (int n = 0; n < 40; ++n) {
-            const cv::RotatedRect r(cv::Point2f(rng.uniform(0.f, float(whole.cols)), rng.uniform(0.f, float(whole.rows))),
-                                    cv::Size2f(rng.uniform(1.f, whole.cols / 3.f), rng.uniform(1.f, whole.rows / 3.f)),
-                                    rng.uniform(-90.f, 90.f));
-            cv::Point2f p[4];
-            r.points(p);
-            std::vector<cv::Point> corners(p, p + 4);
-            cv::fillConvexPoly(whole, corners, cv::Scalar(rng.uniform(110, 255)));
-            if (n % 3 == 0)
-                cv::circle(whole, r.center, int(std::min(r.size.width, r.size.height) / 4), cv::Scalar(20), -1);
-        }
-        const cv::Mat grey = window ? whole(cv::Rect(11, 7, width, height)) : whole(cv::Rect(0, 0, width, height)).clone();
-        QCOMPARE(grey.isContinuous(), !window || height == 1);
-
-        cv::Mat padded, bin;
-        std::vector<std::vector<cv::Point>> fast, reference;
-        findBrightOutlines(grey, 127, padded, fast);
-        findBrightOutlinesWithCopy(grey, 127, bin, reference);
-        QVERIFY(!reference.empty());
-        QCOMPARE(fast.size(), reference.size());
-        for (size_t i = 0; i < fast.size(); ++i)
-            QVERIFY2(fast[i] == reference[i], qPrintable(QString("outline %1 differs").arg(i)));
-
-        // Called again with the buffer of the first call, nothing changes.
-        findBrightOutlines(grey, 127, padded, fast);
-        QCOMPARE(fast.size(), reference.size());
-    }
 
     void greyMatBecomesIndexed8WithGreyTable()
     {
