@@ -244,6 +244,16 @@ class tst_ImageProcessing : public QObject
 
     ImageProcessing ip; // one for all: it waits a moment when destroyed
 
+    // The frame through the colour mode and the sheet search with the given
+    // correction and shooting type: the sheets found, the picture in out.
+    std::vector<cv::RotatedRect> handled(const cv::Mat &src, int correction, int shooting,
+                                         cv::Mat &out, bool draw)
+    {
+        ip.setCameraCorrection(correction);
+        ip.setCameraShootType(shooting);
+        return ip.handleMat(src, out, draw);
+    }
+
 private slots:
     void init()
     {
@@ -535,10 +545,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat src = documentFrame(true);
         const cv::Mat expected = referenceColourMode(src, shooting);
-        ip.setCameraCorrection(0);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 0, shooting, out, true);
         QVERIFY(list.empty());
         COMPARE_MATS(out, expected);
     }
@@ -562,10 +570,8 @@ private slots:
         const cv::Mat pristine = src.clone();
         const std::vector<cv::RotatedRect> all = referenceSheets(pristine);
         QCOMPARE(all.size(), size_t(2));
-        ip.setCameraCorrection(correction);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, false);
+        const std::vector<cv::RotatedRect> list = handled(src, correction, shooting, out, false);
         if (correction == 2) {
             COMPARE_RECT_LISTS(list, all);
         } else {
@@ -649,10 +655,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat pristine = documentFrame(true);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(1);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 1, shooting, out, true);
         QCOMPARE(list.size(), size_t(1));
         QVERIFY(std::abs(list[0].center.x - bigSheet.center.x) < 2);
         QVERIFY(std::abs(list[0].center.y - bigSheet.center.y) < 2);
@@ -679,10 +683,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat pristine = documentFrame(true);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(2);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 2, shooting, out, true);
         COMPARE_RECT_LISTS(list, referenceSheets(pristine));
         QCOMPARE(list.size(), size_t(2));
         cv::Mat expected = referenceColourMode(pristine, shooting);
@@ -704,10 +706,8 @@ private slots:
     {
         QFETCH(int, correction);
         const cv::Mat src = documentFrame(true);
-        ip.setCameraCorrection(correction);
-        ip.setCameraShootType(1);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, correction, 1, out, true);
         QCOMPARE(list.size(), size_t(correction == 1 ? 1 : 2));
         QCOMPARE(out.type(), CV_8UC1);
         cv::Mat expected = referenceColourMode(src, 1);
@@ -723,10 +723,8 @@ private slots:
         // Shooting 0 shares the frame's pixels, so the outline lands in it.
         const cv::Mat pristine = documentFrame(false);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(1);
-        ip.setCameraShootType(0);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 1, 0, out, true);
         QCOMPARE(list.size(), size_t(1));
         QVERIFY(out.data == src.data);
         cv::Mat expected = pristine.clone();
@@ -750,10 +748,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat pristine = documentFrame(true);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(correction);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, false);
+        const std::vector<cv::RotatedRect> list = handled(src, correction, shooting, out, false);
         QCOMPARE(list.size(), size_t(correction == 1 ? 1 : 2));
         COMPARE_MATS(out, referenceColourMode(pristine, shooting));
         COMPARE_MATS(src, pristine);
@@ -777,10 +773,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat pristine = documentFrame(true);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(correction);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, correction, shooting, out, true);
         QVERIFY2(list.empty(), qPrintable(describe(list)));
         COMPARE_MATS(out, referenceColourMode(pristine, shooting));
         COMPARE_MATS(src, pristine);
@@ -802,10 +796,8 @@ private slots:
         cv::rectangle(pristine, cv::Rect(60, 80, 351, 211), cv::Scalar(240, 240, 240), cv::FILLED);
         cv::rectangle(pristine, cv::Rect(500, 350, 200, 150), cv::Scalar(240, 240, 240), cv::FILLED);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(1);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 1, shooting, out, true);
         COMPARE_RECT_LISTS(list, std::vector<cv::RotatedRect>{
                                      cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0)});
         COMPARE_MATS(out, referenceColourMode(pristine, shooting));

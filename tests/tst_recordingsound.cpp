@@ -12,6 +12,7 @@
 #include "testsupport.h"
 #include "ui_mainwindowqcamera.h"
 #include "ui_settingdialog.h"
+#include "windowsupport.h"
 
 #include <QComboBox>
 #include <QCheckBox>
@@ -61,12 +62,6 @@ class tst_RecordingSound : public QObject
         if (flash)
             qputenv("VCAM_0_FLASH", "1000,200");
         *Cache::cameras = CameraInfo::discover();
-    }
-
-    static bool waitOpen(MainWindowQCamera &w)
-    {
-        return QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
-                               frameDeadline);
     }
 
     // Records for the given time with the record button; answers the path.
