@@ -253,7 +253,7 @@ QList<QStringList> scriptLog(const QString &path)
 
 }  // namespace
 
-class TstVirtualcam : public QObject {
+class tst_VirtualCam : public QObject {
     Q_OBJECT
 
 private:
@@ -1592,5 +1592,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TstVirtualcam)
+QTEST_GUILESS_MAIN(tst_VirtualCam)
 #include "tst_virtualcam.moc"
