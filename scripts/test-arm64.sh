@@ -22,13 +22,16 @@ inside "cmake -S '$top' -B '$build' -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_TOOLCHAIN_FILE='$top/scripts/arm64/toolchain.cmake' >/dev/null && \
   cmake --build '$build' -j2 -- --no-print-directory >/dev/null"
 
-# Tests that start the program as a subprocess reach an amd64 stand-in that
-# runs the arm64 program, moved beside it, under the emulator.
-if [ "$(od -An -tx1 -j18 -N2 "$build/brivora" | tr -d ' ')" = b700 ]; then
-  mv "$build/brivora" "$build/brivora.arm64"
-fi
-inside "gcc -static -O2 -Wall -o '$build/brivora' '$top/scripts/arm64/emulated.c' && \
-  aarch64-linux-gnu-gcc -shared -fPIC -O2 -Wall -o '$build/libnopidfd.so' '$top/scripts/arm64/nopidfd.c' -ldl"
+# Tests that start the program (or the test microphone's feeder) as a
+# subprocess reach an amd64 stand-in that runs the arm64 executable, moved
+# beside it, under the emulator.
+for exe in "$build/brivora" "$build/tools/virtualmic/virtualmic"; do
+  if [ "$(od -An -tx1 -j18 -N2 "$exe" | tr -d ' ')" = b700 ]; then
+    mv "$exe" "$exe.arm64"
+  fi
+  inside "gcc -static -O2 -Wall -o '$exe' '$top/scripts/arm64/emulated.c'"
+done
+inside "aarch64-linux-gnu-gcc -shared -fPIC -O2 -Wall -o '$build/libnopidfd.so' '$top/scripts/arm64/nopidfd.c' -ldl"
 
 echo "== running the tests under qemu-aarch64-static"
 # tst_install installs the built program with cmake and starts the copy,

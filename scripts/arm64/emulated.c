@@ -1,8 +1,9 @@
 /*
  * Stands in for an arm64 program where this machine cannot start one by
- * itself (no binfmt_misc): a test that starts "<folder>/brivora" as a
- * subprocess reaches this amd64 program, which starts the real arm64 one,
- * "<folder>/brivora.arm64", under qemu. Static, like qemu-aarch64-static,
+ * itself (no binfmt_misc): a test that starts "<folder>/brivora" (or the
+ * test microphone's feeder) as a subprocess reaches this amd64 program,
+ * which starts the real arm64 one beside it, "<folder>/brivora.arm64",
+ * under qemu. Static, like qemu-aarch64-static,
  * so that an arm64 library in LD_PRELOAD (the virtual camera) passes
  * untouched to the emulated program. The library named by ARM64_NOPIDFD,
  * if set, is preloaded first, as scripts/arm64/emulate.sh does.
