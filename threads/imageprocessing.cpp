@@ -755,12 +755,15 @@ std::vector<cv::RotatedRect> ImageProcessing::processMat(const cv::Mat &src, cv:
     // Detection and the grey, black-and-white and background modes all start
     // from the same grey picture of the unprocessed frame: made once.
     const bool colourOnly = shooting < 1 || shooting > 3;
-    if (correction != 0 || !colourOnly)
+    // With perspective on, sheets are found on any desk, from the colours.
+    const bool anyDesk = perspective;
+    if ((correction != 0 && !anyDesk) || !colourOnly)
         cv::cvtColor(src, workGrey, cv::COLOR_BGR2GRAY);
 
     std::vector<cv::RotatedRect> list;
     if (correction != 0)
-        list = findSquaresInGrey(workGrey, correction);
+        list = anyDesk ? findSheetsOnAnyDesk(src, correction, minimumSheetArea, sheetFinder, sheetQuads)
+                       : findSquaresInGrey(workGrey, correction);
 
     // out may still share the pixels of an earlier source; it is written
     // below only when it holds a buffer nobody else does.
@@ -973,6 +976,8 @@ void ImageProcessing::setCameraShootType(int code)
 
 std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
 {
+    if (perspective)
+        return findSheetsOnAnyDesk(src, correction_type, minimumSheetArea, sheetFinder, sheetQuads);
     cv::Mat grey;
     cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
     return findSquaresInGrey(grey, correction_type);

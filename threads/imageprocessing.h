@@ -11,6 +11,7 @@
 #include "previewfit.h"
 #include "imaging/pageturn.h"
 #include "imaging/perspective.h"
+#include "imaging/sheetfinder.h"
 #include "reconnection.h"
 
 #include <opencv2/core.hpp>
@@ -234,6 +235,7 @@ private:
     // With perspective on, the corners of each sheet the last search
     // returned, in its order; empty with it off.
     std::vector<SheetQuad> sheetQuads;
+    SheetFinderWork sheetFinder; // with perspective on: sheets on any desk
     cv::Mat previewOut;
     QImage previewImages[4]; // handed out again once nobody else holds them
     QImage spareImage;
