@@ -164,6 +164,24 @@ bool placeEdge(const cv::Mat &frame, cv::Point2f a, cv::Point2f b, cv::Point2f o
     return true;
 }
 
+// An edge of a sheet cut off by the frame lies on the frame's edge (the
+// outer side of its outermost pixels), which the reduced copy sees only to
+// a block; any other edge stays as it is.
+EdgeLine borderOr(cv::Size frame, const EdgeLine &edge, cv::Point2f end, float near)
+{
+    const cv::Point2f a = edge.point;
+    const float right = float(frame.width) - 0.5f, bottom = float(frame.height) - 0.5f;
+    if (a.x < near && end.x < near)
+        return EdgeLine{{-0.5f, a.y}, {0, 1}};
+    if (a.x > right - near && end.x > right - near)
+        return EdgeLine{{right, a.y}, {0, 1}};
+    if (a.y < near && end.y < near)
+        return EdgeLine{{a.x, -0.5f}, {1, 0}};
+    if (a.y > bottom - near && end.y > bottom - near)
+        return EdgeLine{{a.x, bottom}, {1, 0}};
+    return edge;
+}
+
 // The quadrilateral found on the reduced copy (its corners in full-frame
 // pixels), each edge placed on the full frame.
 SheetQuad placeQuad(const cv::Mat &frame, const SheetQuad &rough, float reduction,
@@ -180,7 +198,7 @@ SheetQuad placeQuad(const cv::Mat &frame, const SheetQuad &rough, float reductio
         if (out.dot(0.5f * (a + b) - centre) < 0)
             out = -out;
         if (!placeEdge(frame, a, b, out, 2 * reduction + 2, points, lines[i]))
-            lines[i] = EdgeLine{a, d};
+            lines[i] = borderOr(frame.size(), EdgeLine{a, d}, b, 2 * reduction + 2);
     }
     SheetQuad placed;
     for (int i = 0; i < 4; ++i) {
@@ -195,12 +213,13 @@ SheetQuad placeQuad(const cv::Mat &frame, const SheetQuad &rough, float reductio
 
 // An outline of the reduced copy in full-frame pixels: its corners as a
 // quadrilateral, or its rotated rectangle's when it is none. The outline
-// runs through the centres of the paper's outermost reduced pixels; the
-// sheet's edge lies half a reduced pixel further out.
+// runs through the paper's outermost reduced pixels; the sheet's edge lies
+// about half a reduced pixel further out.
 bool roughSheet(const std::vector<cv::Point> &contour, int reduction, SheetQuad &quad, cv::RotatedRect &rect)
 {
     const float f = float(reduction);
-    const cv::Point2f shift((f - 1) / 2, (f - 1) / 2);
+    const float at = float(reducedPixelAt(reduction));
+    const cv::Point2f shift(at, at);
     SheetQuad small;
     if (fitSheetQuad(contour, small)) {
         cv::Point2f centre(0, 0);
@@ -235,6 +254,26 @@ bool roughSheet(const std::vector<cv::Point> &contour, int reduction, SheetQuad 
 int sheetFinderReduction(int frameWidth)
 {
     return std::max(1, frameWidth / 800);
+}
+
+int reducedPixelAt(int reduction)
+{
+    return (reduction - 1) / 2;
+}
+
+void reduceFrame(const cv::Mat &bgr, int reduction, cv::Mat &small)
+{
+    if (reduction <= 1) {
+        small = bgr;
+        return;
+    }
+    // One pixel of each block, the one nearest its centre: averaging the
+    // blocks (INTER_AREA) costs more than the whole fixed threshold at
+    // 3264x2448, and the edges are placed on the full frame anyway.
+    const int at = reducedPixelAt(reduction);
+    const cv::Rect blocks(at, at, (bgr.cols - at) / reduction * reduction, (bgr.rows - at) / reduction * reduction);
+    cv::resize(bgr(blocks), small, cv::Size(blocks.width / reduction, blocks.height / reduction), 0, 0,
+               cv::INTER_NEAREST);
 }
 
 DeskLook estimateDesk(const cv::Mat &small, SheetFinderWork &work)
@@ -321,11 +360,7 @@ std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correct
     if (correction != 1 && correction != 2)
         return {};
     const int f = sheetFinderReduction(bgr.cols);
-    const cv::Rect whole(0, 0, bgr.cols / f * f, bgr.rows / f * f);
-    if (f == 1)
-        work.small = bgr;
-    else
-        cv::resize(bgr(whole), work.small, cv::Size(whole.width / f, whole.height / f), 0, 0, cv::INTER_AREA);
+    reduceFrame(bgr, f, work.small);
 
     findPaper(work.small, estimateDesk(work.small, work), work.paper);
     cv::findContours(work.paper, work.contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);

@@ -39,9 +39,15 @@ struct SheetFinderWork
     std::vector<cv::Point2f> edgePoints;
 };
 
-// The reduction of a frame so wide: whole pixels of the frame averaged into
-// one, so that the reduced copy is about 800 to 1600 pixels wide.
+// The reduction of a frame so wide: one pixel of the reduced copy for
+// each block of reduction x reduction pixels of the frame, so that the copy
+// is about 800 to 1600 pixels wide.
 int sheetFinderReduction(int frameWidth);
+
+// The reduced copy of a BGR frame: of each block, its pixel at
+// reducedPixelAt(reduction) down and right from the block's top-left one.
+void reduceFrame(const cv::Mat &bgr, int reduction, cv::Mat &small);
+int reducedPixelAt(int reduction);
 
 // The desk's look from the border of the reduced picture small, robust to
 // sheets and objects that reach the border.

@@ -361,6 +361,48 @@ private slots:
         }
     }
 
+    // The preview outlines the sheet the finder found, and the photo's
+    // flat cut-out is that sheet, with no desk in its corners.
+    void previewAndPhotoUseTheFinder()
+    {
+        const cv::Size size(1920, 1080);
+        const Shot &shot = shotOf("pages:0.5,0.5,0.33,0.62,12|wood", "", size);
+        ImageProcessing ip;
+        ip.setCameraCorrection(1);
+        ip.perspective = true;
+        const std::vector<cv::RotatedRect> expected = ip.findSquares(shot.frame);
+        QCOMPARE(int(expected.size()), 1);
+        const SheetQuad quad = ip.foundSheetCorners().at(0);
+        QVERIFY(cornerError(shot.truth.at(0), quad.data(), size) <= 0.01);
+
+        const QImage preview = ip.previewImage(shot.frame);
+        QCOMPARE(preview.size(), QSize(size.width, size.height));
+        for (int i = 0; i < 4; ++i) {
+            const cv::Point2f mid = 0.5f * (quad[i] + quad[(i + 1) % 4]);
+            QCOMPARE(preview.pixel(int(mid.x), int(mid.y)), qRgb(0, 255, 0));
+        }
+
+        cv::Mat processed;
+        const cv::Mat source = shot.frame.clone();
+        const std::vector<cv::RotatedRect> rects = ip.handleMat(source, processed, false);
+        QCOMPARE(int(rects.size()), 1);
+        QCOMPARE(rects[0].center, expected[0].center);
+        QCOMPARE(rects[0].size, expected[0].size);
+        const cv::Mat flat = flattenSheet(processed, ip.foundSheetCorners().at(0), rects[0]);
+        QVERIFY(!flat.empty());
+        const Measure m = measureCut(flat, vcam::kPageRuleInset);
+        qInfo().noquote() << "flat cut-out from light wood:" << describe(m);
+        QCOMPARE(m.darkCorners, 0);
+        // Paper, not wood, in every corner: wood is strongly coloured.
+        const int patch = std::max(4, flat.cols / 40);
+        for (const cv::Point at : {cv::Point(2, 2), cv::Point(flat.cols - patch - 2, 2),
+                                   cv::Point(2, flat.rows - patch - 2),
+                                   cv::Point(flat.cols - patch - 2, flat.rows - patch - 2)}) {
+            const cv::Scalar c = cv::mean(flat(cv::Rect(at, cv::Size(patch, patch))));
+            QVERIFY2(c[2] - c[0] < 20, qPrintable(QString("%1 %2 %3").arg(c[0]).arg(c[1]).arg(c[2])));
+        }
+    }
+
     // The desk is told from the frame's border, even where sheets and
     // objects reach it: its grey follows the lamp's gradient.
     void deskIsToldFromTheBorder()
@@ -371,7 +413,8 @@ private slots:
         SheetFinderWork work;
         const int f = sheetFinderReduction(size.width);
         QCOMPARE(f, 2);
-        cv::resize(shot.frame, work.small, cv::Size(size.width / f, size.height / f), 0, 0, cv::INTER_AREA);
+        reduceFrame(shot.frame, f, work.small);
+        QCOMPARE(work.small.size(), cv::Size(960, 540));
         const DeskLook desk = estimateDesk(work.small, work);
         // The lamp: the desk about 30 grey levels brighter top-left than in
         // the middle, as much darker bottom-right.

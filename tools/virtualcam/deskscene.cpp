@@ -68,7 +68,7 @@ void fillWoodDesk(cv::Mat &img)
             const double f = t - std::floor(t);
             const double noise = scale * ((1 - f) * pr[i] + f * pr[(i + 1) % steps]);
             const double rings = std::sin(2 * kPi * u * 40);
-            const double k = 1 + 0.045 * noise + 0.022 * rings;
+            const double k = 1 + 0.055 * noise + 0.025 * rings;
             row[x] = cv::Vec3b(cv::saturate_cast<uchar>(kWood[0] * k), cv::saturate_cast<uchar>(kWood[1] * k),
                                cv::saturate_cast<uchar>(kWood[2] * k));
         }

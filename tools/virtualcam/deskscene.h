@@ -10,7 +10,7 @@
 
 namespace vcam {
 
-// A light wooden desk: warm brown, grey about 172 to 199 in streaks of
+// A light wooden desk: warm brown, grey about 171 to 201 in streaks of
 // grain running across the frame with a gentle wave.
 void fillWoodDesk(cv::Mat &img);
 
