@@ -147,6 +147,17 @@ void addScene(const char *kind, const QString &scene, const QString &tilt = QStr
     }
 }
 
+// The shot of the current row of data, and its size.
+const Shot &currentShot(cv::Size &size)
+{
+    QFETCH(QString, scene);
+    QFETCH(QString, tilt);
+    QFETCH(int, width);
+    QFETCH(int, height);
+    size = cv::Size(width, height);
+    return shotOf(scene, tilt, size);
+}
+
 void addColumns()
 {
     QTest::addColumn<QString>("scene");
@@ -165,12 +176,8 @@ class tst_sheetfinder : public QObject
     // diagonal, and nothing else reported.
     void checkScene()
     {
-        QFETCH(QString, scene);
-        QFETCH(QString, tilt);
-        QFETCH(int, width);
-        QFETCH(int, height);
-        const cv::Size size(width, height);
-        const Shot &shot = shotOf(scene, tilt, size);
+        cv::Size size;
+        const Shot &shot = currentShot(size);
         QVERIFY(!shot.truth.empty());
         const Sheets found = findWithPerspective(shot.frame, 2);
         QCOMPARE(found.quads.size(), found.rects.size());
@@ -279,12 +286,8 @@ private slots:
     }
     void darkDeskFindsWhatTheFixedThresholdFinds()
     {
-        QFETCH(QString, scene);
-        QFETCH(QString, tilt);
-        QFETCH(int, width);
-        QFETCH(int, height);
-        const cv::Size size(width, height);
-        const Shot &shot = shotOf(scene, tilt, size);
+        cv::Size size;
+        const Shot &shot = currentShot(size);
         const Sheets fixed = findWithFixedThreshold(shot.frame);
         const Sheets found = findWithPerspective(shot.frame, 2);
         QCOMPARE(fixed.rects.size(), shot.truth.size());
@@ -311,10 +314,9 @@ private slots:
     void optionOffGivesTodaysRectangles()
     {
         QFETCH(QString, scene);
-        QFETCH(QString, tilt);
-        QFETCH(int, width);
-        QFETCH(int, height);
-        const Shot &shot = shotOf(scene, tilt, cv::Size(width, height));
+        cv::Size size;
+        const Shot &shot = currentShot(size);
+        const int width = size.width, height = size.height;
         const Sheets fixed = findWithFixedThreshold(shot.frame);
         for (int correction : {1, 2, 3}) {
             ImageProcessing ip;
