@@ -10,11 +10,11 @@ namespace {
 // Paper is never strongly coloured: yellowed paper has a saturation of
 // about 0.12, light wood about 0.4.
 constexpr double paperSaturation = 0.3;
-// What counts as brighter than the desk (in proportion, and in grey levels,
-// so that the dark desk's own shades and shadow edges do not), and as
-// plainly less coloured.
-constexpr double brighterThanDesk = 1.3;
-constexpr int greyAboveDesk = 40;
+// What counts as brighter than the desk: this many grey levels above it, or
+// more where the desk's own grain and noise spread more; and as plainly
+// less coloured.
+constexpr double greyAboveDesk = 25;
+constexpr double spreadsAboveDesk = 4;
 constexpr double lessColoured = 0.12;
 // Paper in a shadow still has this share of the desk's light beside it;
 // pens, phones and deep shadows have less.
@@ -317,6 +317,8 @@ DeskLook estimateDesk(const cv::Mat &small, SheetFinderWork &work)
         for (size_t i = 0; i < residuals.size(); ++i)
             spread[i] = std::abs(residuals[i]);
         std::nth_element(spread.begin(), spread.begin() + long(spread.size() / 2), spread.end());
+        // The median absolute deviation, as a standard deviation.
+        desk.spread = 1.4826 * spread[spread.size() / 2];
         limit = 2.5 * spread[spread.size() / 2] + 3;
     }
     // The desk's saturation: the middle of the samples on the plane.
@@ -337,6 +339,7 @@ void findPaper(const cv::Mat &small, const DeskLook &desk, cv::Mat &paper)
     paper.create(small.size(), CV_8UC1);
     // Less coloured than a coloured desk counts only when it is plainly so.
     const double neutral = std::min(paperSaturation, desk.saturation - lessColoured);
+    const double above = std::max(greyAboveDesk, spreadsAboveDesk * desk.spread);
     for (int y = 0; y < small.rows; ++y) {
         const uchar *p = small.ptr<uchar>(y);
         uchar *out = paper.ptr<uchar>(y);
@@ -346,7 +349,7 @@ void findPaper(const cv::Mat &small, const DeskLook &desk, cv::Mat &paper)
             const int grey = greyOf(p);
             const double light = grey / deskGrey;
             const double s = saturationOf(p);
-            const bool brighter = light >= brighterThanDesk && grey >= deskGrey + greyAboveDesk;
+            const bool brighter = grey >= deskGrey + above;
             const bool isPaper = s <= paperSaturation && light >= leastLight && (brighter || s <= neutral);
             out[x] = isPaper ? 255 : 0;
         }

@@ -23,6 +23,7 @@ struct DeskLook
     double greyX = 0; // grey levels more per pixel rightwards
     double greyY = 0; // ... downwards
     double saturation = 0;
+    double spread = 0; // of the desk's grey about the plane (its grain, its noise)
     double greyAt(double x, double y) const { return grey0 + greyX * x + greyY * y; }
 };
 

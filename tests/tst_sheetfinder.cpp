@@ -215,6 +215,9 @@ private slots:
         addColumns();
         addScene("lamp +-30 on light wood", "pages:0.45,0.52,0.33,0.6,-20|wood|lamp:30");
         addScene("lamp +-30 on light wood", "pages:0.5,0.5,0.33,0.6,15|wood|lamp:30", "y:15");
+        addScene("lamp +-30 on a plain light grey desk (grey 185)", "pages:0.45,0.52,0.33,0.6,-20|desk:185|lamp:30");
+        addScene("lamp +-30 on a plain grey desk (grey 120)", "pages:0.5,0.5,0.33,0.6,10|desk:120|lamp:30",
+                 "x:20");
     }
     void gradient() { checkScene(); }
 

@@ -283,6 +283,8 @@ void parseDeskLook(const std::string &parts, SceneSpec *scene)
         std::vector<double> v;
         if (p == "wood") {
             look.wood = true;
+        } else if (deskPart(p, "desk", 1, 1, &v) && v[0] >= 1 && v[0] <= 255) {
+            look.plainGrey = v[0];
         } else if (deskPart(p, "lamp", 1, 1, &v) && std::abs(v[0]) <= 100) {
             look.lamp = v[0];
         } else if (deskPart(p, "paper", 1, 2, &v) && v[0] >= 100 && v[0] <= 255 && (v.size() < 2 || v[1] >= 0)) {

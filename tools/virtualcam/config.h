@@ -51,6 +51,7 @@ struct ShadowSpec {
 
 struct DeskLookSpec {
     bool wood = false;       // a light wooden desk instead of the dark one
+    double plainGrey = 0;    // else, when not 0: a plain grey desk of this grey
     double lamp = 0;         // grey levels the lamp adds top-left and takes bottom-right
     double paperGrey = 0;    // 0: the usual paper; else its grey level
     double yellowing = 0;    // grey levels of blue the yellowed paper lacks
@@ -122,7 +123,7 @@ std::string fourccToString(uint32_t fourcc);
 std::vector<Size> parseSizes(const std::string &text);
 SceneSpec parseScene(const std::string &text);
 SceneSpec defaultScene();
-// The "|"-separated desk parts after a scene's main text ("wood",
+// The "|"-separated desk parts after a scene's main text ("wood", "desk:G",
 // "lamp:30", "shadow:...", "pen:...", "phone:...", "mug:...", "paper:..."),
 // appended to scene's key. Malformed parts are left out.
 void parseDeskLook(const std::string &parts, SceneSpec *scene);

@@ -75,6 +75,15 @@ void fillWoodDesk(cv::Mat &img)
     }
 }
 
+void fillPlainDesk(cv::Mat &img, double grey)
+{
+    img.setTo(cv::Scalar(grey + 2, grey, grey - 2));
+    cv::Mat texture(img.size(), CV_16SC3);
+    cv::RNG rng(0xde5c);
+    rng.fill(texture, cv::RNG::NORMAL, 0, 2);
+    cv::add(img, texture, img, cv::noArray(), CV_8U);
+}
+
 void drawDeskObjects(cv::Mat &img, const SceneSpec &scene)
 {
     const double w = img.cols, h = img.rows;

@@ -14,6 +14,9 @@ namespace vcam {
 // grain running across the frame with a gentle wave.
 void fillWoodDesk(cv::Mat &img);
 
+// A plain desk of the given grey, neutral, with a faint fine texture.
+void fillPlainDesk(cv::Mat &img, double grey);
+
 // The scene's pens, phones and mug rings, drawn on the desk.
 void drawDeskObjects(cv::Mat &img, const SceneSpec &scene);
 

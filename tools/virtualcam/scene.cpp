@@ -112,6 +112,8 @@ cv::Mat renderScene(const SceneSpec &scene, int width, int height)
     cv::Mat img(height, width, CV_8UC3);
     if (scene.look.wood)
         fillWoodDesk(img);
+    else if (scene.look.plainGrey > 0)
+        fillPlainDesk(img, scene.look.plainGrey);
     else
         fillDesk(img);
     drawDeskObjects(img, scene);
