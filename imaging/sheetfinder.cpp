@@ -313,7 +313,8 @@ DeskLook estimateDesk(const cv::Mat &small, SheetFinderWork &work)
             break;
         for (size_t i = 0; i < border.size(); ++i)
             residuals[i] = border[i].z - desk.greyAt(border[i].x, border[i].y);
-        std::vector<double> spread(residuals.size());
+        std::vector<double> &spread = work.spread;
+        spread.resize(residuals.size());
         for (size_t i = 0; i < residuals.size(); ++i)
             spread[i] = std::abs(residuals[i]);
         std::nth_element(spread.begin(), spread.begin() + long(spread.size() / 2), spread.end());
@@ -322,14 +323,15 @@ DeskLook estimateDesk(const cv::Mat &small, SheetFinderWork &work)
         limit = 2.5 * spread[spread.size() / 2] + 3;
     }
     // The desk's saturation: the middle of the samples on the plane.
-    std::vector<float> onDesk;
+    size_t onDesk = 0;
     for (size_t i = 0; i < border.size(); ++i) {
         if (std::abs(residuals[i]) <= limit)
-            onDesk.push_back(saturations[i]);
+            saturations[onDesk++] = saturations[i];
     }
-    if (!onDesk.empty()) {
-        std::nth_element(onDesk.begin(), onDesk.begin() + long(onDesk.size() / 2), onDesk.end());
-        desk.saturation = onDesk[onDesk.size() / 2];
+    if (onDesk > 0) {
+        std::nth_element(saturations.begin(), saturations.begin() + long(onDesk / 2),
+                         saturations.begin() + long(onDesk));
+        desk.saturation = saturations[onDesk / 2];
     }
     return desk;
 }
@@ -362,6 +364,13 @@ std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correct
     quads.clear();
     if (correction != 1 && correction != 2)
         return {};
+    if (bgr.empty() || bgr.type() != CV_8UC3) {
+        // Nothing to find in: what the search gives when it finds nothing.
+        if (correction == 2)
+            return {};
+        quads.push_back(SheetQuad{});
+        return {cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0)};
+    }
     const int f = sheetFinderReduction(bgr.cols);
     reduceFrame(bgr, f, work.small);
 
@@ -382,7 +391,7 @@ std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correct
         cv::RotatedRect r;
         if (roughSheet(contour, f, quad, r)) {
             quad = placeQuad(bgr, quad, float(f), work.edgePoints);
-            r = cv::minAreaRect(std::vector<cv::Point2f>(quad.begin(), quad.end()));
+            r = cv::minAreaRect(cv::Mat(4, 1, CV_32FC2, quad.data()));
         }
         const float a = r.size.width * r.size.height;
         if (a <= minimumArea)

@@ -36,6 +36,7 @@ struct SheetFinderWork
     std::vector<std::vector<cv::Point>> contours;
     std::vector<cv::Point3d> border; // x, y, grey of the border's samples
     std::vector<double> residuals;
+    std::vector<double> spread;
     std::vector<float> saturations;
     std::vector<cv::Point2f> edgePoints;
 };

@@ -458,6 +458,15 @@ private slots:
         QCOMPARE(int(single.quads.size()), 1);
         QCOMPARE(int(findWithPerspective(shot.frame, 2).rects.size()), 0);
         QCOMPARE(int(findWithPerspective(shot.frame, 3).rects.size()), 0);
+        // Nor in no frame at all.
+        SheetFinderWork work;
+        std::vector<SheetQuad> quads;
+        const std::vector<cv::RotatedRect> none = findSheetsOnAnyDesk(cv::Mat(), 1, 73500.0f, work, quads);
+        QCOMPARE(int(none.size()), 1);
+        QCOMPARE(none[0].size.area(), 0.0f);
+        QCOMPARE(int(quads.size()), 1);
+        QVERIFY(findSheetsOnAnyDesk(cv::Mat(), 2, 73500.0f, work, quads).empty());
+        QVERIFY(quads.empty());
     }
 };
 
