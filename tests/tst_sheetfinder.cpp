@@ -205,8 +205,8 @@ private slots:
     void lightDesk_data()
     {
         addColumns();
-        addScene("A4 on light wood", "pages:0.5,0.5,0.33,0.62,12|wood");
-        addScene("A4 on light wood", "pages:0.5,0.5,0.33,0.62,-25|wood", "x:20");
+        addScene("a page on light wood", "pages:0.5,0.5,0.33,0.62,12|wood");
+        addScene("a page on light wood", "pages:0.5,0.5,0.33,0.62,-25|wood", "x:20");
     }
     void lightDesk() { checkScene(); }
 
@@ -282,8 +282,8 @@ private slots:
     void darkDeskFindsWhatTheFixedThresholdFinds_data()
     {
         addColumns();
-        addScene("A4 on the dark desk", "pages:0.5,0.5,0.33,0.62,12");
-        addScene("A4 on the dark desk", "pages:0.5,0.5,0.33,0.62,-30", "x:30");
+        addScene("a page on the dark desk", "pages:0.5,0.5,0.33,0.62,12");
+        addScene("a page on the dark desk", "pages:0.5,0.5,0.33,0.62,-30", "x:30");
         addScene("two sheets on the dark desk", "pages:0.26,0.5,0.3,0.55,-10;0.72,0.5,0.3,0.55,15", "y:20");
         addScene("sheet cut off by the edge on the dark desk", "pages:0.16,0.5,0.36,0.66,2");
     }
@@ -311,7 +311,7 @@ private slots:
     void optionOffGivesTodaysRectangles_data()
     {
         addColumns();
-        addScene("A4 on light wood", "pages:0.5,0.5,0.33,0.62,12|wood");
+        addScene("a page on light wood", "pages:0.5,0.5,0.33,0.62,12|wood");
         addScene("two sheets on the dark desk", "pages:0.26,0.5,0.3,0.55,-10;0.72,0.5,0.3,0.55,15", "y:20");
     }
     void optionOffGivesTodaysRectangles()
