@@ -40,6 +40,7 @@ void CameraViewDialog::closeCamera()
 
 void CameraViewDialog::readFarme(QImage)
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void CameraViewDialog::closeEvent(QCloseEvent *e)

@@ -2,7 +2,8 @@
 #include "ui_imagemergingdialog.h"
 
 #include "cache.h"
-#include "photooutput.h"
+#include "modecodes.h"
+#include "output/photooutput.h"
 
 #include <QBoxLayout>
 #include <QFile>
@@ -125,6 +126,6 @@ void ImageMergingDialog::on_btnSave_clicked()
     const QString fileName = nextOutputFileName(config->image_codec);
     canvas.save(fileName, config->image_codec.toUtf8().constData(), config->image_quality);
 
-    emit saveImageMergingSignals(QList<QString>() << fileName, 1);
+    emit saveImageMergingSignals(QList<QString>() << fileName, ResultKind::FromDialog);
     close();
 }

@@ -2,9 +2,10 @@
 #include "ui_imagesavepdfortiffdialog.h"
 
 #include "cache.h"
+#include "modecodes.h"
 #include "output/photopdf.h"
 #include "output/searchablepdf.h"
-#include "photooutput.h"
+#include "output/photooutput.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>
@@ -271,6 +272,6 @@ void ImageSavePDFOrTiffDialog::save(const QString &format, const QString &kindNa
     progress.reset();
     saving = false;
 
-    emit saveImageMergingSignals(QList<QString>() << fileName, 1);
+    emit saveImageMergingSignals(QList<QString>() << fileName, ResultKind::FromDialog);
     on_btnClose_clicked();
 }

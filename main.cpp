@@ -26,8 +26,7 @@ int main(int argc, char *argv[])
 
     *Cache::cameras = CameraInfo::discover();
 
-    Cache::config->isLinuxOS = true;
-    Cache::config->exe_path = QCoreApplication::applicationDirPath();
+    completeRunTimeSettings(QCoreApplication::applicationDirPath());
 
     if (Cache::cameras->isEmpty()) {
         if (QMessageBox::warning(nullptr, QStringLiteral("警告"),
@@ -39,11 +38,8 @@ int main(int argc, char *argv[])
         return -1;
     }
 
-    appendOutputSizes(Cache::config->resolutions);
-    appendWritableFormats(Cache::config->iamge_formats);
-
     QSplashScreen *splash = new QSplashScreen(QPixmap());
-    splash->setPixmap(QPixmap(Cache::config->exe_path + "/Resources/brivora.png"));
+    splash->setPixmap(QPixmap(resourcePath("/Resources/brivora.png")));
     splash->show();
 
     splash->setFont(QFont("Helvetica", 9));

@@ -6,8 +6,11 @@
 #include "imagemergingdialog.h"
 #include "imagesavepdfortiffdialog.h"
 #include "levelmeter.h"
+#include "modecodes.h"
+#include "safeindex.h"
 #include "settingdialog.h"
 #include "shootingkeys.h"
+#include "startup.h"
 
 #include <QApplication>
 #include <QButtonGroup>
@@ -44,11 +47,6 @@ int otherCamera(int index)
     return index;
 }
 
-QString resourcePath(const QString &relative)
-{
-    return Cache::config->exe_path + relative;
-}
-
 } // namespace
 
 MainWindowQCamera::MainWindowQCamera(QWidget *parent)
@@ -72,8 +70,32 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
       levelMeter(nullptr)
 {
     ui->setupUi(this);
-    // The meter sits just below the caption, which is centred on the preview;
-    // the layout leaves the caption's own size alone.
+    placeLevelMeter();
+    ui->lbUserWorkDir_2->setText(Cache::config->user_documentsLocation);
+    wireDialogs();
+    setUpResultStrip();
+
+    // A camera that is no longer attached (or a negative number from a
+    // hand-edited file) falls back to the first camera.
+    Cache::config->camera_index = validCameraIndex(Cache::config->camera_index);
+
+    setUpModeGroups();
+    isReady = true;
+    connect(ui->video, SIGNAL(openCameraSignal()), this, SLOT(openCamera()));
+    connect(ui->video, SIGNAL(closeCameraSignal()), this, SLOT(closeCamera()));
+    hideUnusedControls();
+
+    ui->video->init(Cache::config->camera_index);
+    applyExtensionSettings();
+
+    setUpPictures();
+    setUpShootingKeys();
+}
+
+// The meter sits just below the caption, which is centred on the preview;
+// the layout leaves the caption's own size alone.
+void MainWindowQCamera::placeLevelMeter()
+{
     levelMeter = new LevelMeter(ui->lb_video_tip);
     auto *meterPlace = new QVBoxLayout(ui->lb_video_tip);
     meterPlace->setSizeConstraint(QLayout::SetNoConstraint);
@@ -81,8 +103,12 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
     meterPlace->addSpacing(64);
     meterPlace->addWidget(levelMeter, 0, Qt::AlignHCenter);
     meterPlace->addStretch(1);
-    ui->lbUserWorkDir_2->setText(Cache::config->user_documentsLocation);
+}
 
+// The preview's photos, the series timer and the dialogs this window owns,
+// with what they report wired to it.
+void MainWindowQCamera::wireDialogs()
+{
     connect(ui->video, SIGNAL(sendTakePhotoImageSignal(QList<QString>, int)),
             this, SLOT(takePhotoImage(QList<QString>, int)));
 
@@ -108,7 +134,12 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
     connect(imageSavePDFOrTiff, SIGNAL(takePhotoSignals()), this, SLOT(on_btnShooting_clicked()));
     connect(imageSavePDFOrTiff, SIGNAL(saveImageMergingSignals(QList<QString>, int)),
             this, SLOT(takePhotoImage(QList<QString>, int)));
+}
 
+// The strip of the last results: every slot shows the placeholder and
+// reports its clicks here.
+void MainWindowQCamera::setUpResultStrip()
+{
     const QPixmap placeholder(resourcePath("/Resources/back/Picture_90.png"));
     for (int n = 1; n <= picCount; ++n) {
         file_paths.append(QString());
@@ -117,42 +148,45 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
             slot->setPixmap(placeholder);
         }
     }
+}
 
-    // A camera that is no longer attached (or a negative number from a
-    // hand-edited file) falls back to the first camera.
-    if (Cache::config->camera_index >= Cache::cameras->size() || Cache::config->camera_index < 0)
-        Cache::config->camera_index = 0;
-
+// The correction and shooting-type radio buttons, whose ids are the codes
+// they send.
+void MainWindowQCamera::setUpModeGroups()
+{
     buttonGroupCorrection = new QButtonGroup(this);
-    buttonGroupCorrection->addButton(ui->rb_correction_10, 0);
-    buttonGroupCorrection->addButton(ui->rb_correction_11, 1);
-    buttonGroupCorrection->addButton(ui->rb_correction_12, 2);
-    buttonGroupCorrection->addButton(ui->rb_correction_13, 3);
+    buttonGroupCorrection->addButton(ui->rb_correction_10, Correction::None);
+    buttonGroupCorrection->addButton(ui->rb_correction_11, Correction::Single);
+    buttonGroupCorrection->addButton(ui->rb_correction_12, Correction::Several);
+    buttonGroupCorrection->addButton(ui->rb_correction_13, Correction::Custom);
     connect(buttonGroupCorrection, &QButtonGroup::idClicked,
             this, &MainWindowQCamera::buttonGroupCorrectionClicked);
-    ui->rb_correction_13->hide();
 
     buttonGroupShooting = new QButtonGroup(this);
-    buttonGroupShooting->addButton(ui->rb_Shooting_10, 0);
-    buttonGroupShooting->addButton(ui->rb_Shooting_11, 1);
-    buttonGroupShooting->addButton(ui->rb_Shooting_12, 2);
-    buttonGroupShooting->addButton(ui->rb_Shooting_13, 3);
+    buttonGroupShooting->addButton(ui->rb_Shooting_10, Shooting::Colour);
+    buttonGroupShooting->addButton(ui->rb_Shooting_11, Shooting::Grey);
+    buttonGroupShooting->addButton(ui->rb_Shooting_12, Shooting::BlackAndWhite);
+    buttonGroupShooting->addButton(ui->rb_Shooting_13, Shooting::WhiteBackground);
     connect(buttonGroupShooting, &QButtonGroup::idClicked,
             this, &MainWindowQCamera::buttonGroupShootingTypeClicked);
+}
 
-    isReady = true;
-
-    connect(ui->video, SIGNAL(openCameraSignal()), this, SLOT(openCamera()));
-    connect(ui->video, SIGNAL(closeCameraSignal()), this, SLOT(closeCamera()));
-
+// Controls of the form this window does not offer.
+void MainWindowQCamera::hideUnusedControls()
+{
+    ui->rb_correction_13->hide();
     ui->lb_exposure_2->hide();
     ui->lb_exposure_header_2->hide();
     ui->cbAutoExp_2->hide();
     ui->tbExposure_2->hide();
+    ui->btnSecCamCon_2->hide();
+    ui->check_image_merging_2->hide();
+    ui->cbSaveTiffImage_2->hide();
+}
 
-    ui->video->init(Cache::config->camera_index);
-    applyExtensionSettings();
-
+// The logo and the buttons' icons, from the pictures beside the program.
+void MainWindowQCamera::setUpPictures()
+{
     // The logo is the splash picture, shown whole in the column's width.
     const QPixmap logo(resourcePath("/Resources/brivora.png"));
     if (!logo.isNull())
@@ -164,18 +198,17 @@ MainWindowQCamera::MainWindowQCamera(QWidget *parent)
     ui->btnToggleDevice_2->setIcon(QIcon(resourcePath("/Resources/icon/icon_toggle_16.png")));
     ui->btnSecCam1Con_2->setIcon(QIcon(resourcePath("/Resources/icon/icon_webcam.png")));
     ui->btnSecCamCon_2->setIcon(QIcon(resourcePath("/Resources/icon/icon_webcam.png")));
-    ui->btnSecCamCon_2->hide();
-
     setBigButtonStyle();
+}
 
+// Space takes a photo and F5 starts or stops a series, from any control.
+void MainWindowQCamera::setUpShootingKeys()
+{
     shootingKeys = new ShootingKeys(this, [this] { return dialogOpen(); });
     connect(shootingKeys, &ShootingKeys::photoPressed, this, &MainWindowQCamera::on_btnShooting_clicked);
     connect(shootingKeys, &ShootingKeys::seriesPressed, this, &MainWindowQCamera::on_btnShootingTime_clicked);
     ui->btnShooting->setToolTip(QStringLiteral("拍照（空格键）"));
     ui->btnShootingTime->setToolTip(QStringLiteral("定时拍摄（F5）"));
-
-    ui->check_image_merging_2->hide();
-    ui->cbSaveTiffImage_2->hide();
 }
 
 MainWindowQCamera::~MainWindowQCamera()
@@ -388,7 +421,7 @@ void MainWindowQCamera::buttonGroupCorrectionClicked(int id)
         return;
     // The custom mode needs corners from the operator, which this window
     // does not ask for.
-    if (id != 3)
+    if (id != Correction::Custom)
         ui->video->setCameraCorrection(id);
 }
 
@@ -448,7 +481,7 @@ void MainWindowQCamera::on_cbAutoExp_2_stateChanged(int state)
 {
     if (state == Qt::Checked) {
         ui->tbExposure_2->setEnabled(false);
-        ui->video->setCameraExposure(-100);
+        ui->video->setCameraExposure(automaticExposure);
     } else {
         ui->tbExposure_2->setEnabled(true);
     }
@@ -569,6 +602,7 @@ void MainWindowQCamera::closeCamera()
 
 void MainWindowQCamera::on_btnIDCard_clicked()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 // ------------------------------------------------------------ result strip
@@ -580,53 +614,65 @@ QLabel *MainWindowQCamera::thumbnailSlot(int number) const
 
 void MainWindowQCamera::takePhotoImage(QList<QString> files, int kind)
 {
-    if (imageMerging->isVisible() && kind == 0)
+    if (imageMerging->isVisible() && kind == ResultKind::FromCamera)
         imageMerging->setImage(files);
-    if (imageSavePDFOrTiff->isVisible() && kind == 0)
+    if (imageSavePDFOrTiff->isVisible() && kind == ResultKind::FromCamera)
         imageSavePDFOrTiff->setImage(files);
 
-    int previous = currentPicIndex - 1;
+    const int previous = currentPicIndex - 1;
     int last = 0;
     for (const QString &file : files) {
         if (currentPicIndex < 1)
             currentPicIndex = 1;
-
-        // Documents and videos are shown by their kind's icon; the tests look
-        // only at the exact lower-case ending.
-        QString shown = file;
-        if (shown.endsWith("pdf"))
-            shown = resourcePath("/Resources/pdf.png");
-        else if (shown.endsWith("avi"))
-            shown = resourcePath("/Resources/recored.png");
-        else if (shown.endsWith("tiff"))
-            shown = resourcePath("/Resources/tiff.png");
-        const QPixmap pixmap(shown);
-
-        QLabel *slot = thumbnailSlot(currentPicIndex);
-        if (slot) {
-            // The test runs on the substituted path, so icons take the scaled
-            // branch too; only an unchanged pdf/avi path is shown as it is.
-            if (shown.endsWith("pdf") || shown.endsWith("avi")) {
-                slot->setPixmap(pixmap);
-                slot->setScaledContents(false);
-            } else {
-                slot->setPixmap(pixmap.scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation));
-                slot->setScaledContents(true);
-            }
-        }
-        // A slot number outside the strip (never from this window's own
-        // counting) must not index past the list.
-        if (currentPicIndex - 1 < file_paths.size())
-            file_paths[currentPicIndex - 1] = file;
-
+        showInSlot(currentPicIndex, file);
         last = currentPicIndex;
         currentPicIndex += 1;
         if (currentPicIndex > picCount)
             currentPicIndex = 1;
     }
+    markNewest(previous == 0 ? picCount : previous, last);
+}
 
-    if (previous == 0)
-        previous = picCount;
+// The picture a result file is shown by: documents and videos by their
+// kind's icon (only the exact lower-case ending counts), pictures by
+// themselves.
+QString MainWindowQCamera::thumbnailFor(const QString &file)
+{
+    if (file.endsWith("pdf"))
+        return resourcePath("/Resources/pdf.png");
+    if (file.endsWith("avi"))
+        return resourcePath("/Resources/recored.png");
+    if (file.endsWith("tiff"))
+        return resourcePath("/Resources/tiff.png");
+    return file;
+}
+
+// Shows file in the strip's slot number n and remembers it there.
+void MainWindowQCamera::showInSlot(int n, const QString &file)
+{
+    const QString shown = thumbnailFor(file);
+    const QPixmap pixmap(shown);
+    if (QLabel *slot = thumbnailSlot(n)) {
+        // The test runs on the substituted path, so icons take the scaled
+        // branch too; only an unchanged pdf/avi path is shown as it is.
+        if (shown.endsWith("pdf") || shown.endsWith("avi")) {
+            slot->setPixmap(pixmap);
+            slot->setScaledContents(false);
+        } else {
+            slot->setPixmap(pixmap.scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation));
+            slot->setScaledContents(true);
+        }
+    }
+    // A slot number outside the strip (never from this window's own
+    // counting) must not index past the list.
+    if (n - 1 < file_paths.size())
+        file_paths[n - 1] = file;
+}
+
+// The frame moves from the slot that was newest to the one that is now
+// (none when nothing came).
+void MainWindowQCamera::markNewest(int previous, int last)
+{
     if (QLabel *slot = thumbnailSlot(previous))
         slot->setStyleSheet(normalSlotStyle);
     if (last != 0) {

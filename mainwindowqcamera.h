@@ -106,6 +106,17 @@ private:
     QLabel *thumbnailSlot(int number) const;
     void toggleSecondaryWindow(CameraViewDialog *window, int camerasNeeded);
     void toggleCompositionDialog(QDialog *dialog, QDialog *other, const std::function<void()> &init);
+    static QString thumbnailFor(const QString &file);
+    void showInSlot(int n, const QString &file);
+    void markNewest(int previous, int last);
+    // The constructor's steps, in their order.
+    void placeLevelMeter();
+    void wireDialogs();
+    void setUpResultStrip();
+    void setUpModeGroups();
+    void hideUnusedControls();
+    void setUpPictures();
+    void setUpShootingKeys();
     void setBigButtonStyle();
     void applyExtensionSettings();
     void startSeries();

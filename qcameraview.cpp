@@ -3,10 +3,13 @@
 
 #include "cache.h"
 #include "safeindex.h"
+#include "modecodes.h"
 #include "audio/microphone.h"
-#include "threads/avrecorder.h"
-#include "threads/framewriter.h"
+#include "output/photooutput.h"
+#include "output/soundvideofile.h"
+#include "output/videofile.h"
 #include "threads/imageprocessing.h"
+#include "threads/recordingwriter.h"
 
 #include <QDateTime>
 #include <QFileInfo>
@@ -63,8 +66,7 @@ QCameraView::~QCameraView()
     timerWriter->stop();
     // A recording still running is finished, so that its queued frames are
     // written before the writer goes with the capture thread object.
-    frameWriter.reset();
-    avRecorder.reset();
+    recording.reset();
     m_imageProcessing->end();
     delete ui;
     // Deleted only now that its loop has stopped (its destructor waits for
@@ -175,8 +177,8 @@ void QCameraView::updateImage(QImage image)
 
 bool QCameraView::inPlainPreview() const
 {
-    return m_imageProcessing->correction_type == 0 && m_imageProcessing->shooting_type == 0
-           && m_imageProcessing->angle == 0;
+    return m_imageProcessing->correction_type == Correction::None
+           && m_imageProcessing->shooting_type == Shooting::Colour && m_imageProcessing->angle == 0;
 }
 
 void QCameraView::setImage(QImage image)
@@ -256,18 +258,22 @@ void QCameraView::setSaveImageToTiff(bool on)
 
 void QCameraView::videoSettingOpenWindow()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void QCameraView::videoParameterSettings()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void QCameraView::openCameraSlot()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void QCameraView::closeCameraSlot()
 {
+    // Declared for callers and connections that may name it; nothing to do.
 }
 
 void QCameraView::onZoomInImage()
@@ -402,29 +408,25 @@ void QCameraView::recordBegin()
     if (isOpenTip)
         return; // the camera is still opening: nothing to record yet
 
-    const QString now = QDateTime::currentDateTime().toString("yyyy_MM_dd_HH_mm_ss.zzz");
-    m_cameraRecorderPath =
-        QString("%1/%2.%3").arg(Cache::config->user_documentsLocation).arg(now).arg("avi");
-
-    avRecorder.reset();
-    soundMissing = false;
-    if (Cache::config->record_audio) {
-        if (recordBeginWithSound())
-            return;
-        soundMissing = true; // the picture is recorded as without sound
-    }
+    m_cameraRecorderPath = recordingFileName(QDateTime::currentDateTime());
 
     // The writer of an earlier recording is closed and deleted, not leaked.
-    frameWriter.reset();
+    recording.reset();
     delete m_imageProcessing->writer;
     m_imageProcessing->writer = new cv::VideoWriter;
 
     // The file is opened with the first frame the camera delivers from now
     // on, at that frame's size: a camera being set up again (a secondary
-    // window just closed) records at the size it runs at afterwards.
+    // window just closed) records at the size it runs at afterwards. A
+    // recording with sound starts at once with the current frame, so that
+    // the window knows right away whether it has sound.
     recordSize = cv::Size();
     recordOpenTried = false;
     recordStartFrames = m_imageProcessing->framesTaken;
+    offeredStamp = 0;
+    soundMissing = false;
+    if (Cache::config->record_audio && !openSoundFile())
+        soundMissing = true; // the picture is recorded as without sound
 
     isCameraVideo = true;
     fps_count = 1;
@@ -432,36 +434,32 @@ void QCameraView::recordBegin()
     isWriteVideo = true;
 }
 
-// Every tick takes a copy of the camera's latest raw frame and hands it to
-// the encoder thread; a frame the encoder has no room for is dropped and not
-// counted, so the window never waits for the encoder.
+// Every tick offers the camera's latest raw frame to the writer thread; a
+// frame it has no room for is dropped and not counted, so the window never
+// waits for the file. A file that places frames by their time takes each
+// camera frame once.
 void QCameraView::onWriterTimer()
 {
-    if (avRecorder) {
-        offerWithSound();
-        return;
-    }
-    cv::VideoWriter *writer = m_imageProcessing->writer;
-    if (!isCameraVideo || !writer || m_Image.isNull() || cameraAway)
+    if (!isCameraVideo || !isWriteVideo || m_Image.isNull() || cameraAway)
         return;
     if (!recordOpenTried && !openRecordingFile(false))
         return;
-    if (!writer->isOpened())
-        return;
     // A full queue drops this tick's frame: it is not even copied.
-    if (isWriteVideo && !(frameWriter && frameWriter->hasRoom()))
+    if (!recording || !recording->hasRoom())
         return;
+    qint64 stamp = 0;
     mutex.lock();
-    cv::Mat copy = m_imageProcessing->currentFrame();
+    cv::Mat copy = m_imageProcessing->currentFrame(&stamp);
     mutex.unlock();
-    if (copy.empty())
+    if (copy.empty() || (recording->file().placesByTime() && stamp == offeredStamp))
         return;
     // The file's frame size is fixed: a frame of another size (the camera
     // set up again meanwhile) goes in scaled to it.
     if (copy.size() != recordSize)
         cv::resize(copy, copy, recordSize, 0, 0, cv::INTER_AREA);
-    if (isWriteVideo && !frameWriter->offer(copy))
+    if (!recording->offer(copy, stamp))
         return;
+    offeredStamp = stamp;
     fps_count += 1;
 }
 
@@ -480,24 +478,40 @@ bool QCameraView::openRecordingFile(bool anyFrame)
     recordSize = first.size();
     // A file that cannot be written (full disk, folder gone) leaves the
     // writer closed: the recording then writes nothing and never retries.
-    thread->writer->open(m_cameraRecorderPath.toUtf8().toStdString(),
-                         cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), recordFileRate, recordSize,
-                         true);
-    frameWriter = std::make_unique<FrameWriter>(thread->writer);
-    frameWriter->keepRoomIn(QFileInfo(m_cameraRecorderPath).absolutePath().toStdString());
+    if (!openMjpgFile(*thread->writer, m_cameraRecorderPath, recordFileRate, recordSize))
+        return true;
+    startWriting(std::make_unique<OpenCvVideoFile>(thread->writer));
     return true;
+}
+
+// A recording with sound runs on the file's real clock: frames go with the
+// time the camera captured them, at the camera's own rate. False, with
+// nothing opened, when the microphone or the file cannot be.
+bool QCameraView::openSoundFile()
+{
+    const cv::Mat current = m_imageProcessing->currentFrame();
+    if (current.empty())
+        return false;
+    const double rate = m_imageProcessing->cameraFps;
+    auto file = std::make_unique<SoundVideoFile>(m_cameraRecorderPath, current.size(),
+                                                 rate >= 1 ? qRound(rate) : 30,
+                                                 Microphone::resolve(Cache::config->audio_input));
+    if (!file->hasSound())
+        return false;
+    recordOpenTried = true;
+    recordSize = current.size();
+    startWriting(std::move(file));
+    return true;
+}
+
+void QCameraView::startWriting(std::unique_ptr<VideoFile> file)
+{
+    recording = std::make_unique<RecordingWriter>(std::move(file));
+    recording->keepRoomIn(QFileInfo(m_cameraRecorderPath).absolutePath().toStdString());
 }
 
 void QCameraView::recordEnd()
 {
-    if (avRecorder) {
-        isWriteVideo = false;
-        timerWriter->stop();
-        isCameraVideo = false;
-        avRecorder.reset(); // writes what is queued and closes the file
-        emit sendTakePhotoImageSignal(QList<QString>{m_cameraRecorderPath}, 0);
-        return;
-    }
     cv::VideoWriter *writer = m_imageProcessing->writer;
     // Stopped before the camera delivered: the file still holds what there is.
     if (isCameraVideo && writer && !recordOpenTried)
@@ -507,58 +521,19 @@ void QCameraView::recordEnd()
     isWriteVideo = false;
     timerWriter->stop();
     isCameraVideo = false;
-    // Every queued frame is written (the encoder finishes as it goes) before
-    // the file is closed and reported.
-    frameWriter.reset();
+    // Every queued frame is written before the file is closed and reported.
+    recording.reset();
     if (writer)
         writer->release();
-    emit sendTakePhotoImageSignal(QList<QString>{m_cameraRecorderPath}, 0);
-}
-
-// A recording with sound runs on the file's real clock: frames go with the
-// time the camera captured them, at the camera's own rate.
-bool QCameraView::recordBeginWithSound()
-{
-    qint64 stamp = 0;
-    const cv::Mat current = m_imageProcessing->currentFrame(&stamp);
-    if (current.empty())
-        return false;
-    const double rate = m_imageProcessing->cameraFps;
-    const int fps = rate >= 1 ? qRound(rate) : 30;
-    avRecorder = std::make_unique<AvRecorder>(m_cameraRecorderPath, current.size(), fps,
-                                              Microphone::resolve(Cache::config->audio_input));
-    if (!avRecorder->hasSound()) {
-        avRecorder.reset();
-        return false;
-    }
-    recordSize = current.size();
-    offeredStamp = 0;
-    isCameraVideo = true;
-    fps_count = 1;
-    timerWriter->start(recordTickMs);
-    isWriteVideo = true;
-    return true;
-}
-
-// Each camera frame is offered once; the writer places it by its time.
-void QCameraView::offerWithSound()
-{
-    if (!isWriteVideo || cameraAway || !avRecorder->hasRoom())
-        return;
-    qint64 stamp = 0;
-    cv::Mat copy = m_imageProcessing->currentFrame(&stamp);
-    if (copy.empty() || stamp == offeredStamp)
-        return;
-    // As without sound: a frame of another size goes in scaled to the file's.
-    if (copy.size() != recordSize)
-        cv::resize(copy, copy, recordSize, 0, 0, cv::INTER_AREA);
-    if (avRecorder->offer(copy, stamp)) {
-        offeredStamp = stamp;
-        fps_count += 1;
-    }
+    emit sendTakePhotoImageSignal(QList<QString>{m_cameraRecorderPath}, ResultKind::FromCamera);
 }
 
 float QCameraView::soundLevel() const
 {
-    return avRecorder ? avRecorder->level() : 0.0f;
+    return recording ? recording->file().soundLevel() : 0.0f;
+}
+
+bool QCameraView::recordingHasSound() const
+{
+    return recording && recording->file().hasSound();
 }

@@ -14,8 +14,8 @@
 
 #include <memory>
 
-class AvRecorder;
-class FrameWriter;
+class RecordingWriter;
+class VideoFile;
 class ImageProcessing;
 class QTimer;
 
@@ -79,7 +79,7 @@ public:
     // Recording with sound (extension): whether the running recording has
     // it, the microphone's level for the meter, and whether the last start
     // asked for sound and found no microphone.
-    bool recordingHasSound() const { return avRecorder != nullptr; }
+    bool recordingHasSound() const;
     float soundLevel() const;
     bool soundMissing = false;
 
@@ -122,12 +122,11 @@ private:
     bool openRecordingFile(bool anyFrame);
     void paintAwayNotice(QPainter &painter);
 
-    bool recordBeginWithSound();
-    void offerWithSound();
+    bool openSoundFile();
+    void startWriting(std::unique_ptr<VideoFile> file);
 
-    std::unique_ptr<FrameWriter> frameWriter; // encodes the recording's frames
-    std::unique_ptr<AvRecorder> avRecorder;   // the recording's writer when it has sound
-    qint64 offeredStamp = 0;                  // capture time of the last frame it got
+    std::unique_ptr<RecordingWriter> recording; // writes the recording's frames into its file
+    qint64 offeredStamp = 0;                    // capture time of the last frame it got
     cv::Size recordSize;                      // frame size of the recording's file
     unsigned recordStartFrames = 0;           // the thread's frame count when recording began
     bool recordOpenTried = false;             // the file was opened, or failed to

@@ -4,7 +4,7 @@
 #include "audio/microphone.h"
 #include "cache.h"
 #include "camerainfo.h"
-#include "photooutput.h"
+#include "output/photooutput.h"
 #include "safeindex.h"
 
 #include <QButtonGroup>

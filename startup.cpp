@@ -1,5 +1,7 @@
 #include "startup.h"
 
+#include "cache.h"
+
 #include <QByteArray>
 #include <QImageWriter>
 
@@ -17,4 +19,17 @@ void appendWritableFormats(QList<QString> &formats)
     const QList<QByteArray> supported = QImageWriter::supportedImageFormats();
     for (const QByteArray &format : supported)
         formats.append(QString(format));
+}
+
+void completeRunTimeSettings(const QString &programFolder)
+{
+    Cache::config->isLinuxOS = true;
+    Cache::config->exe_path = programFolder;
+    appendOutputSizes(Cache::config->resolutions);
+    appendWritableFormats(Cache::config->iamge_formats);
+}
+
+QString resourcePath(const QString &relative)
+{
+    return Cache::config->exe_path + relative;
 }

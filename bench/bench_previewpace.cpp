@@ -118,7 +118,8 @@ int main(int argc, char **argv)
     qputenv("QT_QPA_PLATFORM", "offscreen");
     preferVideo4Linux2Capture();
     QApplication app(argc, argv);
-    appendOutputSizes(Cache::config->resolutions);
+    // As start-up does, with the pictures in the build folder above.
+    completeRunTimeSettings(QCoreApplication::applicationDirPath() + "/..");
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

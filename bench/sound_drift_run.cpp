@@ -72,7 +72,8 @@ int main(int argc, char **argv)
 
     QApplication app(argc, argv);
     preferVideo4Linux2Capture();
-    appendOutputSizes(Cache::config->resolutions);
+    // As start-up does, with the pictures in the build folder above.
+    completeRunTimeSettings(QCoreApplication::applicationDirPath() + "/..");
     qputenv("VCAM_CAMERAS", "1");
     qputenv("VCAM_0_SIZES", "640x480");
     qputenv("VCAM_0_FPS", QByteArray::number(cameraFps));

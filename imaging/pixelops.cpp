@@ -19,7 +19,8 @@ static const bool sequentialOpenCv = [] {
 }();
 #endif
 
-// The cut rows of the stripes a picture is divided into for both cores.
+// The cut rows of the stripes a picture is divided into for OpenCV's worker
+// threads.
 static int stripeCount(int rows, int reach)
 {
     return std::max(1, std::min(cv::getNumThreads() * 2, rows / std::max(1, 8 * reach)));

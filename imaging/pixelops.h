@@ -7,19 +7,21 @@
 
 #include <vector>
 
-// Whole-image operations of the frame path, written to use both cores and
-// the cache well while giving exactly the pixels of the plain calls.
+// Whole-image operations of the frame path, written to use OpenCV's worker
+// threads and the cache well while giving exactly the pixels of the plain
+// calls.
 
 // cv::adaptiveThreshold(grey, bin, 255, ADAPTIVE_THRESH_MEAN_C, THRESH_BINARY,
-// blockSize, c), computed in horizontal stripes on both cores. Each stripe
-// reads the rows its neighbourhoods reach, so the result is the same to the
-// bit. means holds the stripes' working buffers from call to call.
+// blockSize, c), computed in horizontal stripes on OpenCV's worker threads.
+// Each stripe reads the rows its neighbourhoods reach, so the result is the
+// same to the bit. means holds the stripes' working buffers from call to
+// call.
 void adaptiveThresholdMean(const cv::Mat &grey, cv::Mat &bin, int blockSize, double c,
                            std::vector<cv::Mat> &means);
 
 // cv::add(src, binBgr, out) where binBgr is the 0-or-255 picture bin
 // turned into three channels: every marked pixel white, the others as in
-// src. One pass, on both cores.
+// src. One pass, on OpenCV's worker threads.
 void whitenWhereMarked(const cv::Mat &src, const cv::Mat &bin, cv::Mat &out);
 
 // The outer contours of the pixels of grey brighter than level, as

@@ -52,7 +52,7 @@ const double a4LongSideInches = 297.0 / 25.4;
 const char *const textLayerFont = "pdf.ttf";
 
 // Tesseract splits each step of its line recogniser over a team of OpenMP
-// threads. On two cores the teams only wait for each other: a page takes
+// threads. With few cores the teams only wait for each other: a page takes
 // several times as long as on one thread. Pages are spread over the cores
 // instead, so the calling thread's OpenMP regions run on that thread alone
 // (the setting belongs to the thread that makes it).
@@ -197,14 +197,19 @@ bool textRecognitionAvailable()
     return Recogniser().ready;
 }
 
-TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString> &pages, int workers,
-                                   const std::function<void(int)> &pageDone)
+namespace {
+
+// Recognises pages on up to workers threads of their own, each page's text
+// layer into scratch as "page<i>.pdf". Which pages were recognised; false
+// in dataMissing's place when the language data could not be loaded.
+std::vector<bool> recognisePages(const QList<QString> &pages, int workers,
+                                 const QTemporaryDir &scratch,
+                                 const std::function<void(int)> &pageDone, bool &dataMissing)
 {
-    QTemporaryDir scratch;
     const int n = int(pages.size());
     std::vector<bool> recognised(size_t(n), false);
     std::atomic<int> next{0};
-    std::atomic<bool> dataMissing{false};
+    std::atomic<bool> missing{false};
     std::mutex reportMutex;
     int done = 0;
 
@@ -214,7 +219,7 @@ TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString>
         recogniseBehindTheGui();
         Recogniser r;
         if (!r.ready) {
-            dataMissing = true;
+            missing = true;
             return;
         }
         for (int i = next++; i < n; i = next++) {
@@ -232,6 +237,48 @@ TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString>
         pool.emplace_back(work);
     for (std::thread &t : pool)
         t.join();
+    dataMissing = missing;
+    return recognised;
+}
+
+// The photo PDF plain with the recognised pages' text layers laid over
+// their pictures, written to fileName; plain as it is when that fails.
+void writeWithTextLayers(const QString &fileName, const QByteArray &plain,
+                         const std::vector<bool> &recognised, const QTemporaryDir &scratch)
+{
+    try {
+        QPDF pdf;
+        pdf.processMemoryFile("photos", plain.constData(), size_t(plain.size()));
+        // Kept open until the file is written: qpdf copies their streams then.
+        std::vector<std::unique_ptr<QPDF>> texts(recognised.size());
+        for (size_t i = 0; i < recognised.size(); ++i) {
+            if (!recognised[i])
+                continue;
+            texts[i].reset(new QPDF);
+            const QByteArray textPage =
+                QFile::encodeName(scratch.filePath(QString("page%1.pdf").arg(i)));
+            texts[i]->processFile(textPage.constData());
+        }
+        addTextLayers(pdf, texts);
+        // The writer keeps the name it is given until it has written.
+        const QByteArray target = QFile::encodeName(fileName);
+        QPDFWriter writer(pdf, target.constData());
+        writer.write();
+    } catch (const std::exception &e) {
+        qDebug() << "text layer not added:" << e.what();
+        writeBytes(fileName, plain);
+    }
+}
+
+} // namespace
+
+TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString> &pages, int workers,
+                                   const std::function<void(int)> &pageDone)
+{
+    QTemporaryDir scratch;
+    bool dataMissing = false;
+    const std::vector<bool> recognised =
+        recognisePages(pages, workers, scratch, pageDone, dataMissing);
 
     QByteArray plain;
     {
@@ -243,28 +290,6 @@ TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString>
         writeBytes(fileName, plain);
         return TextLayerResult::DataMissing;
     }
-
-    try {
-        QPDF pdf;
-        pdf.processMemoryFile("photos", plain.constData(), size_t(plain.size()));
-        // Kept open until the file is written: qpdf copies their streams then.
-        std::vector<std::unique_ptr<QPDF>> texts;
-        texts.resize(size_t(n));
-        for (int i = 0; i < n; ++i) {
-            if (!recognised[size_t(i)])
-                continue;
-            texts[size_t(i)].reset(new QPDF);
-            const QByteArray textPage = QFile::encodeName(scratch.filePath(QString("page%1.pdf").arg(i)));
-            texts[size_t(i)]->processFile(textPage.constData());
-        }
-        addTextLayers(pdf, texts);
-        // The writer keeps the name it is given until it has written.
-        const QByteArray target = QFile::encodeName(fileName);
-        QPDFWriter writer(pdf, target.constData());
-        writer.write();
-    } catch (const std::exception &e) {
-        qDebug() << "text layer not added:" << e.what();
-        writeBytes(fileName, plain);
-    }
+    writeWithTextLayers(fileName, plain, recognised, scratch);
     return TextLayerResult::Added;
 }

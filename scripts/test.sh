@@ -21,7 +21,7 @@ for variant in build build-asan; do
   (cd "$variant" && ctest --output-on-failure -j2) || status=1
 done
 
-engine_tests=(tst_imageprocessing tst_capturethread)
+engine_tests=(tst_imageprocessing tst_capturethread tst_recordingwriter)
 echo "== build-tsan: building the capture engine's tests"
 bash scripts/build.sh build-tsan -DBRIVORA_TSAN=ON -- "${engine_tests[@]}"
 echo "== build-tsan: testing"

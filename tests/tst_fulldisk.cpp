@@ -10,7 +10,7 @@
 #include "qcameraview.h"
 #include "startup.h"
 #include "testsupport.h"
-#include "threads/framewriter.h"
+#include "threads/recordingwriter.h"
 #include "threads/imageprocessing.h"
 #include "ui_mainwindowqcamera.h"
 
@@ -243,10 +243,10 @@ private slots:
         const QString dir = smallFileSystem(4);
         if (dir.isEmpty())
             QSKIP("mounting a small file system is not allowed here");
-        QVERIFY(FrameWriter::hasRoom(dir.toStdString(), 1024 * 1024));
+        QVERIFY(RecordingWriter::hasRoom(dir.toStdString(), 1024 * 1024));
         fill(dir, 1536 * 1024);
-        QVERIFY(FrameWriter::hasRoom(dir.toStdString(), 256 * 1024));
-        QVERIFY(!FrameWriter::hasRoom(dir.toStdString(), 1024 * 1024));
+        QVERIFY(RecordingWriter::hasRoom(dir.toStdString(), 256 * 1024));
+        QVERIFY(!RecordingWriter::hasRoom(dir.toStdString(), 1024 * 1024));
     }
 
     void joinedImagePdfAndTiffIntoAFullOrUnwritableFolder_data()

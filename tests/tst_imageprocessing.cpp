@@ -166,7 +166,7 @@ float area(const cv::RotatedRect &r)
     return r.size.width * r.size.height;
 }
 
-void drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &list, const cv::Scalar &colour)
+void drawExpectedOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &list, const cv::Scalar &colour)
 {
     for (const cv::RotatedRect &r : list) {
         if (area(r) <= sheetArea)
@@ -740,7 +740,7 @@ private slots:
         QVERIFY(std::abs(list[0].center.x - bigSheet.center.x) < 2);
         QVERIFY(std::abs(list[0].center.y - bigSheet.center.y) < 2);
         cv::Mat expected = referenceColourMode(pristine, shooting);
-        drawOutlines(expected, list, cv::Scalar(0, 255, 0));
+        drawExpectedOutlines(expected, list, cv::Scalar(0, 255, 0));
         COMPARE_MATS(out, expected);
         for (int edge = 0; edge < 4; ++edge)
             QCOMPARE(out.at<cv::Vec3b>(edgeMidpoint(list[0], edge)), cv::Vec3b(0, 255, 0));
@@ -769,7 +769,7 @@ private slots:
         COMPARE_RECT_LISTS(list, referenceSheets(pristine));
         QCOMPARE(list.size(), size_t(2));
         cv::Mat expected = referenceColourMode(pristine, shooting);
-        drawOutlines(expected, list, cv::Scalar(0, 0, 255));
+        drawExpectedOutlines(expected, list, cv::Scalar(0, 0, 255));
         COMPARE_MATS(out, expected);
         for (const cv::RotatedRect &r : list)
             for (int edge = 0; edge < 4; ++edge)
@@ -794,7 +794,7 @@ private slots:
         QCOMPARE(list.size(), size_t(correction == 1 ? 1 : 2));
         QCOMPARE(out.type(), CV_8UC1);
         cv::Mat expected = referenceColourMode(src, 1);
-        drawOutlines(expected, list, cv::Scalar(0));
+        drawExpectedOutlines(expected, list, cv::Scalar(0));
         COMPARE_MATS(out, expected);
         for (const cv::RotatedRect &r : list)
             for (int edge = 0; edge < 4; ++edge)
@@ -813,7 +813,7 @@ private slots:
         QCOMPARE(list.size(), size_t(1));
         QVERIFY(out.data == src.data);
         cv::Mat expected = pristine.clone();
-        drawOutlines(expected, list, cv::Scalar(0, 255, 0));
+        drawExpectedOutlines(expected, list, cv::Scalar(0, 255, 0));
         COMPARE_MATS(src, expected);
     }
 

@@ -2,7 +2,7 @@
 // written, and what is painted on them (watermark, picture-in-picture insets).
 // Every case reads the written files back.
 #include "cache.h"
-#include "photooutput.h"
+#include "output/photooutput.h"
 #include "startup.h"
 #include "threads/imageprocessing.h"
 

@@ -1,23 +1,20 @@
 #include "imageprocessing.h"
 
 #include "cache.h"
-#include "photooutput.h"
+#include "modecodes.h"
+#include "output/photocomposition.h"
+#include "output/photooutput.h"
 #include "safeindex.h"
-#include "imaging/pixelops.h"
+#include "imaging/detection.h"
+#include "imaging/frameconversion.h"
 #include "threads/racecheck.h"
 
 #include <QDebug>
 #include <QElapsedTimer>
-#include <QImageWriter>
-#include <QPainter>
-#include <QTransform>
-#include <QVector>
 #include <QCoreApplication>
 
 #include <opencv2/imgproc.hpp>
 
-#include <chrono>
-#include <cmath>
 #include <chrono>
 #include <utility>
 
@@ -30,8 +27,8 @@ const char *const fourccCodes[] = {"MJPG", "PIM1", "MP42", "DIV3", "DIVX", "U263
 constexpr int maxPreviewWidth = 3264;
 constexpr int maxPreviewHeight = 2448;
 
-// Exposure value that means "let the camera decide".
-constexpr int automaticExposure = -100;
+// The thread-side recording's rate.
+constexpr double loopRecordingRate = 25.0;
 
 // OpenCV's Video4Linux2 back end hands CAP_PROP_AUTO_EXPOSURE to the camera's
 // exposure menu as it stands: 1 is manual, 3 is automatic (aperture
@@ -47,35 +44,6 @@ ExposureModes exposureModesFor(const cv::VideoCapture &cap)
     if (cap.getBackendName() == "V4L2")
         return {3, 1};
     return {1, 0};
-}
-
-// Colour table of the grey preview and photo images: entry i is grey i.
-const QVector<QRgb> &greyTable()
-{
-    static const QVector<QRgb> table = [] {
-        QVector<QRgb> entries(256);
-        for (int i = 0; i < 256; ++i)
-            entries[i] = qRgb(i, i, i);
-        return entries;
-    }();
-    return table;
-}
-
-// MatQImage's pixels for a 1-channel (grey) or 3-channel (BGR) matrix,
-// written into an image of the matrix's size in Format_Indexed8 or
-// Format_RGB888.
-void copyIntoImage(const cv::Mat &mat, QImage &image)
-{
-    if (mat.type() == CV_8UC1) {
-        image.setColorTable(greyTable());
-        cv::Mat view(mat.rows, mat.cols, CV_8UC1, image.bits(), size_t(image.bytesPerLine()));
-        mat.copyTo(view);
-        return;
-    }
-    // Straight from BGR into RGB: the same pixels as wrapping the matrix and
-    // swapping red and blue, in one pass.
-    cv::Mat view(mat.rows, mat.cols, CV_8UC3, image.bits(), size_t(image.bytesPerLine()));
-    cv::cvtColor(mat, view, cv::COLOR_BGR2RGB);
 }
 
 } // namespace
@@ -120,6 +88,7 @@ ImageProcessing::~ImageProcessing()
     isWork = false;
     isRead = false;
     waitForLoop(-1);
+    loopRecording.reset(); // writes what is queued before the writer goes
     delete writer;
 }
 
@@ -374,14 +343,16 @@ void ImageProcessing::waitForReturn()
 
 void ImageProcessing::SetRecordVideo(bool on, QString path)
 {
+    // The frames of an earlier recording are written before its writer goes.
+    loopRecording.reset();
     if (on) {
         // A writer left from an earlier recording is closed, not leaked.
         delete writer;
         writer = new cv::VideoWriter;
-        const int fourcc = cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
         recordSize = frame.size();
-        writer->open(path.toUtf8().toStdString(), fourcc, 25.0, recordSize, true);
-        qDebug() << Q_FUNC_INFO << "fourcc" << fourcc;
+        openMjpgFile(*writer, path, loopRecordingRate, recordSize);
+        qDebug() << Q_FUNC_INFO << "fourcc" << cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
+        loopRecording = std::make_unique<RecordingWriter>(std::make_unique<OpenCvVideoFile>(writer));
     } else if (writer) {
         writer->release();
     }
@@ -391,12 +362,12 @@ void ImageProcessing::SetRecordVideo(bool on, QString path)
 
 void ImageProcessing::recordVideo()
 {
-    if (!writer || !writer->isOpened())
+    if (!writer || !writer->isOpened() || !loopRecording)
         return;
     mutex.lock();
     const QImage shown = srcImage.copy();
     mutex.unlock();
-    cv::Mat picture = QImageToMat(shown);
+    cv::Mat picture = imageToMat(shown);
     {
         std::lock_guard<std::mutex> lock(frameMutex);
         frame = picture;
@@ -405,7 +376,9 @@ void ImageProcessing::recordVideo()
     // (turned a quarter, say) would corrupt it and is left out.
     if (picture.empty() || picture.size() != recordSize || picture.type() != CV_8UC3)
         return;
-    writer->write(picture);
+    // The loop waits for room rather than leave out a picture: every pass
+    // records one.
+    loopRecording->offerWaiting(picture, RecordingWriter::monotonicNs());
 }
 
 void ImageProcessing::setTakePhotoCammond(QImage first, QImage second, bool show1, bool show2)
@@ -437,20 +410,19 @@ void ImageProcessing::takePhoto()
     if (frame.empty()) {
         // Asked before the camera delivered anything: nothing to save.
         qDebug() << Q_FUNC_INFO << "no camera frame yet, no photo taken";
-        emit sendTakePhotoImageSignal(files, 0);
+        emit sendTakePhotoImageSignal(files, ResultKind::FromCamera);
         return;
     }
 
-    QImage first, second;
-    bool show1, show2;
+    PhotoExtras extras;
     {
         std::lock_guard<std::mutex> lock(childMutex);
-        first = child1;
-        second = child2;
-        show1 = isShow1;
-        show2 = isShow2;
+        extras.first = child1;
+        extras.second = child2;
+        extras.show1 = isShow1;
+        extras.show2 = isShow2;
     }
-    const bool insets = isTakePhotoChildCamera;
+    extras.insets = isTakePhotoChildCamera;
     const int correction = correction_type;
 
     // Processing without outlines only reads the frame, and only this thread
@@ -460,81 +432,18 @@ void ImageProcessing::takePhoto()
         processMat(frame, processed, false, correction, shooting_type);
 
     const QList<QImage> images =
-        photoImages(processed, rects, correction, first, second, show1, show2, insets);
+        photoImages(processed, rects, work.sheets.quads, correction, angle, extras);
 
     const QString format = isSaveTiff ? QString("tiff") : Cache::config->image_codec;
     for (const QImage &image : images) {
         QImage copy = image;
-        paintPhoto(copy, first, second, show1, show2, insets);
+        paintPhoto(copy, extras);
         const QString fileName = nextOutputFileName(format);
         // The name is reported whatever happens.
         writePhoto(copy, fileName, format);
         files.append(fileName);
     }
-    emit sendTakePhotoImageSignal(files, 0);
-}
-
-// The pictures a photo consists of, in the order they are saved.
-QList<QImage> ImageProcessing::photoImages(const cv::Mat &processed,
-                                           const std::vector<cv::RotatedRect> &rects, int correction,
-                                           const QImage &first, const QImage &second, bool show1,
-                                           bool show2, bool insets)
-{
-    QList<QImage> images;
-    if (correction == 0) {
-        QImage main = MatQImage(processed);
-        const QSize outSize = outputSizeAt(Cache::config->image_out_resolution);
-        // Without a list of output sizes the photo keeps the camera's size.
-        if (outSize.isValid())
-            main = main.scaled(outSize, Qt::KeepAspectRatio, Qt::SmoothTransformation);
-        images.append(handleQImage(main));
-    } else if (correction == 1 || correction == 2) {
-        const bool flatten = sheetQuads.size() == rects.size();
-        for (size_t i = 0; i < rects.size(); ++i) {
-            const cv::Mat sheet = flatten ? flattenSheet(processed, sheetQuads[i], rects[i])
-                                          : deskewCutOut(processed, rects[i]);
-            images.append(handleQImage(MatQImage(sheet)));
-        }
-    }
-    if ((show1 || show2) && !insets) {
-        if (show1)
-            images.append(first);
-        if (show2)
-            images.append(second);
-    }
-    return images;
-}
-
-// Watermark and picture-in-picture insets, drawn on one picture of a photo.
-void ImageProcessing::paintPhoto(QImage &image, const QImage &first, const QImage &second,
-                                 bool show1, bool show2, bool insets)
-{
-    const QString text = watermarkText();
-    const bool anyInset = insets && ((show1 && !first.isNull()) || (show2 && !second.isNull()));
-    if (image.isNull() || (text.isEmpty() && !anyInset))
-        return;
-    // A grey photo has a colour table, on which nothing can be painted: it
-    // takes its watermark and insets as a colour picture of the same greys.
-    if (image.format() == QImage::Format_Indexed8)
-        image = image.convertToFormat(QImage::Format_RGB888);
-
-    QPainter p(&image);
-    p.setRenderHint(QPainter::Antialiasing, true);
-    p.setCompositionMode(QPainter::CompositionMode_SourceOver);
-    if (!text.isEmpty())
-        drawWatermark(image, p, text);
-    if (insets) {
-        p.setOpacity(1.0);
-        // Both insets sit at the top-left corner, the second over the first.
-        for (const auto &[inset, shown] : {std::make_pair(first, show1), std::make_pair(second, show2)}) {
-            if (!shown || inset.isNull())
-                continue;
-            const int w = int(Cache::config->painting_percentage / 100.0 * image.width());
-            const int h = int(double(w) / inset.width() * inset.height());
-            p.drawImage(QRect(0, 0, w, h), inset);
-        }
-    }
-    p.end();
+    emit sendTakePhotoImageSignal(files, ResultKind::FromCamera);
 }
 
 void ImageProcessing::openCamara()
@@ -651,7 +560,7 @@ void ImageProcessing::applyExposure(int value)
 {
     std::lock_guard<std::mutex> lock(capMutex);
     const ExposureModes modes = exposureModesFor(cap);
-    if (value == automaticExposure) {
+    if (value == ::automaticExposure) {
         cap.set(cv::CAP_PROP_AUTO_EXPOSURE, modes.automatic);
         cap.set(cv::CAP_PROP_AUTOFOCUS, 1);
         cap.set(cv::CAP_PROP_SETTINGS, 0);
@@ -693,52 +602,12 @@ void ImageProcessing::setFrameWidthAndHeight(int width, int height)
 
 QImage ImageProcessing::MatQImage(const cv::Mat &mat)
 {
-    switch (mat.type()) {
-    case CV_8UC1:
-    case CV_8UC3: {
-        QImage image(mat.cols, mat.rows,
-                     mat.type() == CV_8UC1 ? QImage::Format_Indexed8 : QImage::Format_RGB888);
-        copyIntoImage(mat, image);
-        return image;
-    }
-    case CV_8UC4: {
-        const QImage view(mat.data, mat.cols, mat.rows, int(mat.step), QImage::Format_ARGB32);
-        return view.copy();
-    }
-    default:
-        return QImage();
-    }
+    return matToImage(mat);
 }
 
 cv::Mat ImageProcessing::QImageToMat(QImage image)
 {
-    cv::Mat mat;
-    switch (image.format()) {
-    case QImage::Format_Indexed8: {
-        const cv::Mat view(image.height(), image.width(), CV_8UC1,
-                           const_cast<uchar *>(image.constBits()), size_t(image.bytesPerLine()));
-        // A copy: the image passed in goes away when this returns.
-        mat = view.clone();
-        break;
-    }
-    case QImage::Format_RGB32:
-    case QImage::Format_ARGB32:
-    case QImage::Format_ARGB32_Premultiplied: {
-        const cv::Mat view(image.height(), image.width(), CV_8UC4,
-                           const_cast<uchar *>(image.constBits()), size_t(image.bytesPerLine()));
-        cv::cvtColor(view, mat, cv::COLOR_BGRA2BGR);
-        break;
-    }
-    case QImage::Format_RGB888: {
-        const cv::Mat view(image.height(), image.width(), CV_8UC3,
-                           const_cast<uchar *>(image.constBits()), size_t(image.bytesPerLine()));
-        cv::cvtColor(view, mat, cv::COLOR_RGB2BGR);
-        break;
-    }
-    default:
-        break;
-    }
-    return mat;
+    return imageToMat(image);
 }
 
 std::vector<cv::RotatedRect> ImageProcessing::handleMat(const cv::Mat &src, cv::Mat &out, bool draw)
@@ -752,81 +621,7 @@ std::vector<cv::RotatedRect> ImageProcessing::handleMat(const cv::Mat &src, cv::
 std::vector<cv::RotatedRect> ImageProcessing::processMat(const cv::Mat &src, cv::Mat &out,
                                                          bool draw, int correction, int shooting)
 {
-    // Detection and the grey, black-and-white and background modes all start
-    // from the same grey picture of the unprocessed frame: made once.
-    const bool colourOnly = shooting < 1 || shooting > 3;
-    // With perspective on, sheets are found on any desk, from the colours.
-    const bool anyDesk = perspective;
-    if ((correction != 0 && !anyDesk) || !colourOnly)
-        cv::cvtColor(src, workGrey, cv::COLOR_BGR2GRAY);
-
-    std::vector<cv::RotatedRect> list;
-    if (correction != 0)
-        list = anyDesk ? findSheetsOnAnyDesk(src, correction, minimumSheetArea, sheetFinder, sheetQuads)
-                       : findSquaresInGrey(workGrey, correction);
-
-    // out may still share the pixels of an earlier source; it is written
-    // below only when it holds a buffer nobody else does.
-    if (!colourOnly && out.u && out.u->refcount > 1)
-        out.release();
-
-    switch (shooting) {
-    case 2:
-        adaptiveThresholdMean(workGrey, workBin, 25, 20, workMeans);
-        cv::cvtColor(workBin, out, cv::COLOR_GRAY2BGR);
-        break;
-    case 3:
-        adaptiveThresholdMean(workGrey, workBin, 25, 20, workMeans);
-        whitenWhereMarked(src, workBin, out);
-        break;
-    case 1:
-        workGrey.copyTo(out);
-        break;
-    default:
-        out = src;
-        break;
-    }
-
-    if (!draw || list.empty())
-        return list;
-
-    drawSheetOutlines(out, list, outlineColour(correction));
-    return list;
-}
-
-// The sheets' quadrilaterals when the search found them, else their
-// rotated rectangles; the same colour, thickness and smallest area.
-void ImageProcessing::drawSheetOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
-                                        const cv::Scalar &colour) const
-{
-    if (sheetQuads.size() != sheets.size()) {
-        drawOutlines(img, sheets, colour);
-        return;
-    }
-    for (size_t i = 0; i < sheets.size(); ++i) {
-        if (sheets[i].size.width * sheets[i].size.height > minimumSheetArea)
-            drawQuad(img, sheetQuads[i], colour);
-    }
-}
-
-// Green around the one sheet of single correction, red around each of
-// several; in blue-green-red order.
-cv::Scalar ImageProcessing::outlineColour(int correction)
-{
-    return correction == 1 ? cv::Scalar(0, 255, 0) : cv::Scalar(0, 0, 255);
-}
-
-void ImageProcessing::drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
-                                   const cv::Scalar &colour)
-{
-    for (const cv::RotatedRect &r : sheets) {
-        if (r.size.width * r.size.height <= minimumSheetArea)
-            continue;
-        cv::Point2f p[4];
-        r.points(p);
-        for (int i = 0; i < 4; ++i)
-            cv::line(img, p[i], p[(i + 1) % 4], colour, 10, 8, 0);
-    }
+    return processFrame(src, out, draw, correction, shooting, perspective, work);
 }
 
 QImage ImageProcessing::previewImage(const cv::Mat &raw)
@@ -849,15 +644,14 @@ QImage ImageProcessing::previewImage(const cv::Mat &raw)
     // themselves, which must not be the raw frame: photos and recordings use
     // it. Unturned, they are drawn on the preview image instead, in its own
     // channel order, giving the same pixels without copying the frame.
-    const bool drawsOnSource = correction != 0 && (shooting < 1 || shooting > 3);
+    const bool drawsOnSource = correction != Correction::None && isColourOnly(shooting);
     if (drawsOnSource && !turned) {
         const std::vector<cv::RotatedRect> sheets =
             processMat(raw, previewOut, false, correction, shooting);
         QImage &image = convertForPreview(previewOut);
-        cv::Mat view(image.height(), image.width(), CV_8UC3, image.bits(),
-                     size_t(image.bytesPerLine()));
+        cv::Mat view = matView(image);
         const cv::Scalar bgr = outlineColour(correction);
-        drawSheetOutlines(view, sheets, cv::Scalar(bgr[2], bgr[1], bgr[0]));
+        drawSheetOutlines(view, sheets, work.sheets.quads, cv::Scalar(bgr[2], bgr[1], bgr[0]));
         return image;
     }
     const cv::Mat *src = &raw;
@@ -902,7 +696,7 @@ QImage &ImageProcessing::convertForPreview(const cv::Mat &mat)
     QImage &image = previewBuffer(mat.cols, mat.rows,
                                   mat.type() == CV_8UC1 ? QImage::Format_Indexed8
                                                         : QImage::Format_RGB888);
-    copyIntoImage(mat, image);
+    copyMatIntoImage(mat, image);
     return image;
 }
 
@@ -911,38 +705,20 @@ QImage &ImageProcessing::convertForPreview(const cv::Mat &mat)
 // from the matrix, swapping blue and red on the way.
 QImage ImageProcessing::turnedPreviewImage(const cv::Mat &mat, int quarterTurns)
 {
-    QImage::Format format;
-    if (mat.type() == CV_8UC3)
-        format = QImage::Format_RGB888;
-    else if (mat.type() == CV_8UC1)
-        format = QImage::Format_Indexed8;
-    else
+    if (mat.type() != CV_8UC3 && mat.type() != CV_8UC1)
         return handleQImage(MatQImage(mat));
-
-    const bool sideways = quarterTurns != 2;
+    const QImage::Format format =
+        mat.type() == CV_8UC3 ? QImage::Format_RGB888 : QImage::Format_Indexed8;
+    const bool sideways = isSidewaysTurn(quarterTurns);
     QImage &turned = previewBuffer(sideways ? mat.rows : mat.cols, sideways ? mat.cols : mat.rows,
                                    format);
-    const Plane src{mat.data, qsizetype(mat.step), mat.cols, mat.rows};
-    const Plane dst{turned.bits(), turned.bytesPerLine(), turned.width(), turned.height()};
-    turnPixels(src, int(mat.elemSize()), true, quarterTurns, dst);
-    if (format == QImage::Format_Indexed8)
-        turned.setColorTable(greyTable());
+    turnMatIntoImage(mat, quarterTurns, turned);
     return turned;
 }
 
 QImage ImageProcessing::handleQImage(QImage image)
 {
-    const int quarterTurns = angle;
-    if (quarterTurns < 1 || quarterTurns > 3 || image.isNull())
-        return image;
-    const bool sideways = quarterTurns != 2;
-    QImage turned(sideways ? image.height() : image.width(),
-                  sideways ? image.width() : image.height(), image.format());
-    if (turnQuarters(image, quarterTurns, turned))
-        return turned;
-    QTransform matrix;
-    matrix.rotate(90 * quarterTurns);
-    return image.transformed(matrix, Qt::SmoothTransformation);
+    return turnedImage(image, angle);
 }
 
 void ImageProcessing::setAngle(int direction)
@@ -977,109 +753,21 @@ void ImageProcessing::setCameraShootType(int code)
 std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
 {
     if (perspective)
-        return findSheetsOnAnyDesk(src, correction_type, minimumSheetArea, sheetFinder, sheetQuads);
+        return findSheetsOnAnyDesk(src, correction_type, smallestSheetArea, work.anyDesk, work.sheets.quads);
     cv::Mat grey;
     cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
-    return findSquaresInGrey(grey, correction_type);
+    return findSheetsInGrey(grey, correction_type, perspective, work.sheets);
 }
 
-std::vector<cv::RotatedRect> ImageProcessing::findSquaresInGrey(const cv::Mat &grey, int correction)
-{
-    std::vector<std::vector<cv::Point>> contours;
-    findBrightOutlines(grey, 127, workSheets, contours);
-
-    cv::RotatedRect best(cv::Point2f(0, 0), cv::Size2f(0, 0), 0);
-    int maxArea = 0;
-    std::vector<cv::RotatedRect> all;
-    const bool quads = perspective;
-    const std::vector<cv::Point> *bestContour = nullptr;
-    sheetQuads.clear();
-    for (const std::vector<cv::Point> &contour : contours) {
-        const cv::RotatedRect r = cv::minAreaRect(contour);
-        const float a = r.size.width * r.size.height;
-        if (a > minimumSheetArea) {
-            // Compared with the best area so far truncated to whole pixels:
-            // of two equal whole areas the first found stays, while a later
-            // area above the truncated one wins even when a fraction smaller.
-            if (a > float(maxArea)) {
-                best = r;
-                maxArea = int(a);
-                bestContour = &contour;
-            }
-            all.push_back(r);
-            if (quads && correction == 2)
-                sheetQuads.push_back(sheetCorners(contour, r));
-        }
-    }
-
-    switch (correction) {
-    case 1:
-        if (quads)
-            sheetQuads.push_back(bestContour ? sheetCorners(*bestContour, best) : SheetQuad{});
-        return {best};
-    case 2:
-        return all;
-    default:
-        return {};
-    }
-}
 
 void ImageProcessing::uprightAngleAndSize(const cv::RotatedRect &r, float &angle, cv::Size &size)
 {
-    angle = r.angle;
-    size = cv::Size(r.size);
-    // minAreaRect reports angles in (-90, 0] in some OpenCV versions and in
-    // (0, 90] in others. Either way a sheet is turned by the smallest angle,
-    // with its sides exchanged when that angle is the other way round.
-    if (angle < -45) {
-        angle += 90;
-        std::swap(size.width, size.height);
-    } else if (angle > 45) {
-        angle -= 90;
-        std::swap(size.width, size.height);
-    }
+    ::uprightAngleAndSize(r, angle, size);
 }
 
 cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r)
 {
-    // A sheet lies within the frame, so no side of it is longer than the
-    // frame's width and height together; a rectangle that is not a number
-    // or larger than that is nothing to cut out.
-    const bool finite = std::isfinite(r.center.x) && std::isfinite(r.center.y)
-                        && std::isfinite(r.size.width) && std::isfinite(r.size.height)
-                        && std::isfinite(r.angle);
-    const float longest = float(img.cols) + float(img.rows);
-    if (!finite || img.empty() || r.size.width > longest || r.size.height > longest)
-        return cv::Mat();
-    // Nor is a sheet centred farther than that from the frame.
-    if (r.center.x < -longest || r.center.y < -longest || r.center.x > 2 * longest
-        || r.center.y > 2 * longest)
-        return cv::Mat();
-    float turn = 0;
-    cv::Size size;
-    uprightAngleAndSize(r, turn, size);
-    if (size.width <= 0 || size.height <= 0)
-        return cv::Mat();
-
-    const cv::Mat m = cv::getRotationMatrix2D(r.center, turn, 1.0);
-    cv::Mat rotated;
-    cv::warpAffine(img, rotated, m, img.size(), cv::INTER_CUBIC, cv::BORDER_CONSTANT, cv::Scalar());
-    cv::Mat cropped;
-    if (rotated.channels() == 1 || rotated.channels() == 3) {
-        cv::getRectSubPix(rotated, size, r.center, cropped, -1);
-        return cropped;
-    }
-    // OpenCV cuts out of grey and three-channel pictures only: others
-    // (BGRA) are cut plane by plane.
-    std::vector<cv::Mat> planes;
-    cv::split(rotated, planes);
-    for (cv::Mat &plane : planes) {
-        cv::Mat cut;
-        cv::getRectSubPix(plane, size, r.center, cut, -1);
-        plane = cut;
-    }
-    cv::merge(planes, cropped);
-    return cropped;
+    return ::deskewCutOut(img, r);
 }
 
 void ImageProcessing::setPreviewArea(QSize area)
@@ -1094,8 +782,9 @@ void ImageProcessing::fitForPreview(const QImage &picture)
     const QSize size = fittedSize(picture.size(), area);
     // Pictures four times the shown size and more come from cameras whose
     // frames already keep this thread and the reading ahead busy; the GUI
-    // thread averages those down itself on both cores, at about the cost of
-    // copying them, while this thread goes on with the next frame.
+    // thread averages those down itself on OpenCV's worker threads, at about
+    // the cost of copying them, while this thread goes on with the next
+    // frame.
     const bool large = 4 * size.width() <= picture.width() && 4 * size.height() <= picture.height();
     QImage shown = size.isEmpty() || large ? QImage() : previewFitter.fit(picture, size);
     std::lock_guard<std::mutex> lock(fittedMutex);

@@ -9,24 +9,51 @@
 #include <QThread>
 
 #include "previewfit.h"
+#include "imaging/detection.h"
+#include "imaging/frameprocessing.h"
 #include "imaging/pageturn.h"
 #include "imaging/perspective.h"
-#include "imaging/sheetfinder.h"
 #include "reconnection.h"
+#include "recordingwriter.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <vector>
 
 // The worker behind one live preview: it owns a camera, reads its frames in
-// run(), processes each one (colour mode, document outlines, rotation) and
-// hands the result to the view. The GUI thread steers it through the request
-// flags and mode codes below; they are atomics, so a request written by the
-// GUI thread is seen whole by the loop on its next pass.
+// run(), has each one processed (colour mode, document outlines, rotation:
+// the picture work lives in imaging/) and hands the result to the view. The
+// GUI thread steers it through the request flags and mode codes below; they
+// are atomics, so a request written by the GUI thread is seen whole by the
+// loop on its next pass.
+//
+// Who writes and reads what is shared ("GUI" is the thread that owns the
+// object, "loop" is run(), "ahead" the read of the next frame):
+//
+//   member                         written by        read by             guarded by
+//   isWork, isRead, angle, the     GUI (loop: isRead) loop                atomic
+//     mode codes, the requests
+//   srcImage                       GUI (readFarme)   loop (recordVideo)  mutex
+//   child1, child2, isShow1/2      GUI               loop (takePhoto)    childMutex
+//   frame                          loop              any, by             frameMutex for the
+//                                                    currentFrame()      swap and the copy
+//   cap                            loop, GUI while   loop, ahead         capMutex
+//                                  the loop is not running
+//   readBuffer, readStamp          ahead, or loop    loop                the future nextRead
+//                                  when none is under way
+//   work, previewOut, the preview  loop (or one      loop                one thread at a time
+//     buffers                      caller while the loop is not reading)
+//   fitted, fittedKey              loop              GUI                 fittedMutex
+//   writer                         GUI (recordBegin, a recording's     its recording's writer
+//                                  SetRecordVideo)   writer thread       is finished before it
+//                                                                        is released or replaced
+//   loopRecording                  GUI (SetRecordVideo) loop (recordVideo) set before isCameraVideo
+//                                                                        is raised
 class ImageProcessing : public QThread
 {
     Q_OBJECT
@@ -112,7 +139,7 @@ public:
     std::vector<cv::RotatedRect> findSquares(const cv::Mat &src);
     // With perspective on, the four corners of each sheet the last search
     // returned, in its order; empty with it off.
-    const std::vector<SheetQuad> &foundSheetCorners() const { return sheetQuads; }
+    const std::vector<SheetQuad> &foundSheetCorners() const { return work.sheets.quads; }
 
     // The upright cut-out of one detected sheet: img turned about the
     // sheet's centre by the smallest angle that makes the sheet straight,
@@ -145,7 +172,7 @@ public:
     void fitForPreview(const QImage &picture);
 
     // Smallest area, in square pixels, of a sheet worth finding or outlining.
-    static constexpr float minimumSheetArea = 73500.0f;
+    static constexpr float minimumSheetArea = smallestSheetArea;
 
 signals:
     void sendFarmeSignal(QImage image);
@@ -176,20 +203,9 @@ private:
     bool cameraGone();
     void settleReconnection(bool wanted);
     void waitForReturn();
-    QList<QImage> photoImages(const cv::Mat &processed, const std::vector<cv::RotatedRect> &rects,
-                              int correction, const QImage &first, const QImage &second,
-                              bool show1, bool show2, bool insets);
-    void paintPhoto(QImage &image, const QImage &first, const QImage &second, bool show1,
-                    bool show2, bool insets);
-    static cv::Scalar outlineColour(int correction);
-    static void drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
-                             const cv::Scalar &colour);
     bool readFrame();
     std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
                                             int correction, int shooting);
-    std::vector<cv::RotatedRect> findSquaresInGrey(const cv::Mat &grey, int correction);
-    void drawSheetOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
-                           const cv::Scalar &colour) const;
     QImage &previewBuffer(int width, int height, QImage::Format format);
     QImage &convertForPreview(const cv::Mat &mat);
     QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
@@ -207,6 +223,7 @@ private:
     // a read ahead that got nothing answers 0.
     std::atomic<unsigned> capGeneration{1};
     cv::Size recordSize;   // frame size of the thread-side recording
+    std::unique_ptr<RecordingWriter> loopRecording; // writes the thread-side recording
 
     // Requests of other threads, carried out by the loop. Every open asked
     // for bumps openSerial; openWanted says whether the camera should be
@@ -225,17 +242,11 @@ private:
 
     // Per-frame working buffers of the thread that processes frames, kept
     // from one frame to the next: allocating them anew costs page faults on
-    // every frame at high resolution.
+    // every frame at high resolution. With perspective on, work.sheets.quads
+    // holds the corners of each sheet the last search returned.
+    FrameWork work;
     cv::Mat workCopy;
     cv::Mat workBgr; // a grey or BGRA frame made BGR
-    cv::Mat workGrey;
-    cv::Mat workBin;
-    std::vector<cv::Mat> workMeans;
-    cv::Mat workSheets; // thresholded frame inside a frame of zeros
-    // With perspective on, the corners of each sheet the last search
-    // returned, in its order; empty with it off.
-    std::vector<SheetQuad> sheetQuads;
-    SheetFinderWork sheetFinder; // with perspective on: sheets on any desk
     cv::Mat previewOut;
     QImage previewImages[4]; // handed out again once nobody else holds them
     QImage spareImage;

@@ -1,5 +1,7 @@
 #include "previewfit.h"
 
+#include "imaging/frameconversion.h"
+
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -35,9 +37,7 @@ QImage PreviewFitter::fit(const QImage &picture, QSize size)
 
 QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channels)
 {
-    const int type = channels == 3 ? CV_8UC3 : CV_8UC1;
-    const cv::Mat from(picture.height(), picture.width(), type,
-                       const_cast<uchar *>(picture.constBits()), size_t(picture.bytesPerLine()));
+    const cv::Mat from = matView(picture);
     // Halving averages 2x2 blocks with OpenCV's vector code; the halving goes
     // on while the picture stays at least twice the fitted size; the last
     // step is less than a halving (OpenCV's own averaging at such ratios
@@ -49,7 +49,7 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
         const cv::Mat even = source(cv::Rect(0, 0, source.cols / 2 * 2, source.rows / 2 * 2));
         half.create(even.rows / 2, even.cols / 2, even.type());
         // Every output row averages its own two input rows: bands of rows
-        // are halved on both cores independently.
+        // are halved on OpenCV's worker threads independently.
         cv::parallel_for_(cv::Range(0, 8), [&](const cv::Range &range) {
             for (int band = range.start; band < range.end; ++band) {
                 const int top = half.rows * band / 8;
@@ -76,7 +76,7 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
     if (channels == 1) {
         QImage fitted(size, QImage::Format_Indexed8);
         fitted.setColorTable(picture.colorTable());
-        cv::Mat to(size.height(), size.width(), CV_8UC1, fitted.bits(), size_t(fitted.bytesPerLine()));
+        cv::Mat to = matView(fitted);
         cv::resize(source, to, to.size(), 0, 0, cv::INTER_LINEAR);
         return fitted;
     }
@@ -84,7 +84,7 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
     // of converting every pixel each time.
     cv::resize(source, lastStep, cv::Size(size.width(), size.height()), 0, 0, cv::INTER_LINEAR);
     QImage fitted(size, QImage::Format_RGB32);
-    cv::Mat to(size.height(), size.width(), CV_8UC4, fitted.bits(), size_t(fitted.bytesPerLine()));
+    cv::Mat to = matView(fitted);
     cv::cvtColor(lastStep, to, cv::COLOR_RGB2BGRA);
     return fitted;
 }

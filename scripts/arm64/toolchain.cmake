@@ -11,3 +11,8 @@ set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 # Test executables run through user-mode emulation, started explicitly
 # (no binfmt_misc), inside the same root, where the arm64 libraries are.
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/emulate.sh)
+
+# pkg-config answers for the arm64 libraries (Tesseract, qpdf, FFmpeg), not
+# the host's.
+set(PKG_CONFIG_EXECUTABLE aarch64-linux-gnu-pkg-config CACHE FILEPATH "pkg-config for arm64")
+set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)

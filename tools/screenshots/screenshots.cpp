@@ -74,10 +74,7 @@ int main(int argc, char *argv[])
 
     // As start-up does, with the pictures beside the program.
     *Cache::cameras = CameraInfo::discover();
-    Cache::config->isLinuxOS = true;
-    Cache::config->exe_path = QCoreApplication::applicationDirPath() + "/..";
-    appendOutputSizes(Cache::config->resolutions);
-    appendWritableFormats(Cache::config->iamge_formats);
+    completeRunTimeSettings(QCoreApplication::applicationDirPath() + "/..");
     if (Cache::cameras->size() < 3) {
         std::fprintf(stderr, "needs three cameras\n");
         return 1;

@@ -20,6 +20,10 @@ QString nextOutputFileName(const QString &format);
 // The same, with now as the time a name by time is made of.
 QString nextOutputFileName(const QString &format, const QDateTime &now);
 
+// The file a recording started at now goes to: the documents folder,
+// named by the local time "yyyy_MM_dd_HH_mm_ss.zzz.avi".
+QString recordingFileName(const QDateTime &now);
+
 // The watermark text the settings ask for: the local time when time
 // stamping is on, else the configured text; empty for no watermark.
 QString watermarkText();

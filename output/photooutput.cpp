@@ -31,6 +31,14 @@ QString nextOutputFileName(const QString &format, const QDateTime &now)
     return name;
 }
 
+QString recordingFileName(const QDateTime &now)
+{
+    return QString("%1/%2.%3")
+        .arg(Cache::config->user_documentsLocation)
+        .arg(now.toString("yyyy_MM_dd_HH_mm_ss.zzz"))
+        .arg("avi");
+}
+
 QString watermarkText()
 {
     return watermarkText(QDateTime::currentDateTime());

@@ -1,0 +1,56 @@
+#ifndef IMAGING_DETECTION_H
+#define IMAGING_DETECTION_H
+
+#include "imaging/perspective.h"
+
+#include <opencv2/core.hpp>
+
+#include <vector>
+
+// Finding the sheets of paper in a frame, outlining them and cutting them
+// out upright.
+
+// Smallest area, in square pixels, of a sheet worth finding or outlining.
+constexpr float smallestSheetArea = 73500.0f;
+
+// What the sheet search keeps from one frame to the next.
+struct SheetSearch
+{
+    cv::Mat padded; // the thresholded frame inside a frame of zeros
+    // With corners asked for, the four corners of each sheet the last search
+    // returned, in its order; empty otherwise.
+    std::vector<SheetQuad> quads;
+};
+
+// The sheets in a grey frame: the bright regions above the fixed level
+// 127 larger than smallestSheetArea. correction 1 (single) gives the
+// largest, or a rectangle of no size when there is none; 2 (several)
+// gives all, in the order the outline search met them; any other code
+// gives none. With corners, search.quads gets each returned sheet's
+// corners as well.
+std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correction, bool corners,
+                                              SheetSearch &search);
+
+// Green around the one sheet of single correction, red around each of
+// several; in blue-green-red order.
+cv::Scalar outlineColour(int correction);
+
+// The rotated rectangles of the sheets larger than smallestSheetArea,
+// drawn as 10-pixel lines.
+void drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
+                  const cv::Scalar &colour);
+
+// The sheets' quadrilaterals when there is one per sheet, else their
+// rotated rectangles; the same colour, thickness and smallest area.
+void drawSheetOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
+                       const std::vector<SheetQuad> &quads, const cv::Scalar &colour);
+
+// The turn and the upright size deskewCutOut uses for r.
+void uprightAngleAndSize(const cv::RotatedRect &r, float &angle, cv::Size &size);
+
+// The upright cut-out of one detected sheet: img turned about the sheet's
+// centre by the smallest angle that makes the sheet straight, then the
+// sheet's rectangle taken out. Empty for a sheet of no size.
+cv::Mat deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r);
+
+#endif // IMAGING_DETECTION_H

@@ -1,0 +1,35 @@
+#ifndef IMAGING_FRAMEPROCESSING_H
+#define IMAGING_FRAMEPROCESSING_H
+
+#include "imaging/detection.h"
+#include "imaging/sheetfinder.h"
+
+#include <opencv2/core.hpp>
+
+#include <vector>
+
+// One frame through the shooting type and the sheet search: what the
+// preview shows and a photo starts from.
+
+// Working buffers kept from one frame to the next: allocating them anew
+// costs page faults on every frame at high resolution. One set per thread
+// that processes frames.
+struct FrameWork
+{
+    cv::Mat grey;
+    cv::Mat bin;
+    std::vector<cv::Mat> means;
+    SheetSearch sheets;
+    SheetFinderWork anyDesk; // the perspective option's search on any desk
+};
+
+// src (8-bit BGR) in the shooting type's pixels into out: 1 grey, 2 black
+// and white, 3 the background made white, any other code the colours as
+// they are (out then shares src's pixels). With correction 1 or 2 the
+// sheets are searched for (with corners: on any desk, with their corners)
+// and, with draw, outlined on out; returns them.
+std::vector<cv::RotatedRect> processFrame(const cv::Mat &src, cv::Mat &out, bool draw,
+                                          int correction, int shooting, bool corners,
+                                          FrameWork &work);
+
+#endif // IMAGING_FRAMEPROCESSING_H
