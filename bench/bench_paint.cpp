@@ -4,12 +4,12 @@
 // when the capture thread has scaled the picture to its shown size already.
 //
 //   build/bench/bench_paint --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include "benchsupport.h"
 #include "qcameraview.h"
 #include "threads/imageprocessing.h"
 
 #include <benchmark/benchmark.h>
 
-#include <QApplication>
 #include <QImage>
 
 #include <opencv2/core.hpp>
@@ -137,9 +137,5 @@ BENCHMARK(BM_FitInCaptureThread)->DenseRange(0, 1)->Unit(benchmark::kMillisecond
 
 int main(int argc, char **argv)
 {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return runBenchmarks(argc, argv, BenchApplication::Widgets);
 }

@@ -5,6 +5,7 @@
 // finder's own steps; each beside a copy of the same frame in the same run.
 //
 //   build/bench/bench_perspective --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include "benchsupport.h"
 #include "imaging/perspective.h"
 #include "imaging/sheetfinder.h"
 #include "threads/imageprocessing.h"
@@ -14,7 +15,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <QGuiApplication>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -174,9 +174,5 @@ BENCHMARK(BM_FloorClone)->Unit(benchmark::kMillisecond)->UseRealTime();
 int main(int argc, char **argv)
 {
     // Image conversion wants a GUI application object.
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return runBenchmarks(argc, argv, BenchApplication::Gui);
 }

@@ -3,13 +3,13 @@
 // what a page-turn series adds to it.
 //
 //   build/bench/bench_preview --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include "benchsupport.h"
 #include "imaging/pageturn.h"
 #include "threads/imageprocessing.h"
 #include "imaging/pixelops.h"
 
 #include <benchmark/benchmark.h>
 
-#include <QGuiApplication>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -161,9 +161,5 @@ BENCHMARK(BM_PageTurnWatch)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->Me
 int main(int argc, char **argv)
 {
     // Rotation and image conversion want a GUI application object.
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return runBenchmarks(argc, argv, BenchApplication::Gui);
 }

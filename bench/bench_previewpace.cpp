@@ -6,15 +6,15 @@
 //   LD_PRELOAD=build/tools/virtualcam/libvirtualcam.so build/bench/bench_previewpace
 //
 // Each case watches for a few seconds; the counters are frames per second.
+#include "benchsupport.h"
 #include "cache.h"
 #include "camerainfo.h"
 #include "qcameraview.h"
-#include "startup.h"
 #include "threads/imageprocessing.h"
 
 #include <benchmark/benchmark.h>
 
-#include <QApplication>
+#include <QCoreApplication>
 #include <QElapsedTimer>
 
 #include <opencv2/videoio.hpp>
@@ -115,12 +115,5 @@ BENCHMARK(BM_PreviewShown)
 
 int main(int argc, char **argv)
 {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    preferVideo4Linux2Capture();
-    QApplication app(argc, argv);
-    // As start-up does, with the pictures in the build folder above.
-    completeRunTimeSettings(QCoreApplication::applicationDirPath() + "/..");
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return runBenchmarks(argc, argv, BenchApplication::Cameras);
 }

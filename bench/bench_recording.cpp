@@ -4,14 +4,14 @@
 // longest pause of the GUI thread's event loop meanwhile (a 10 ms timer).
 //
 //   LD_PRELOAD=build/tools/virtualcam/libvirtualcam.so build/bench/bench_recording
+#include "benchsupport.h"
 #include "cache.h"
 #include "camerainfo.h"
 #include "qcameraview.h"
-#include "startup.h"
 
 #include <benchmark/benchmark.h>
 
-#include <QApplication>
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QTemporaryDir>
@@ -88,12 +88,5 @@ BENCHMARK(BM_RecordFullHd)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char **argv)
 {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    preferVideo4Linux2Capture();
-    QApplication app(argc, argv);
-    // As start-up does, with the pictures in the build folder above.
-    completeRunTimeSettings(QCoreApplication::applicationDirPath() + "/..");
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return runBenchmarks(argc, argv, BenchApplication::Cameras);
 }

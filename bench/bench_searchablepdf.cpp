@@ -1,6 +1,7 @@
 // The searchable PDF of 3264x2448 photos of a printed page: recognition on
 // one thread and on two (pages in parallel), against the plain photo PDF of
 // the same pages as the floor. Time per page = time / pages.
+#include "benchsupport.h"
 #include "output/photopdf.h"
 #include "output/searchablepdf.h"
 #include "printedpage.h"
@@ -8,7 +9,6 @@
 #include <benchmark/benchmark.h>
 
 #include <QBuffer>
-#include <QGuiApplication>
 #include <QTemporaryDir>
 
 #include <ctime>
@@ -76,9 +76,5 @@ BENCHMARK(BM_SearchablePdf)->ArgName("workers")->Arg(1)->Arg(2)->Unit(benchmark:
 
 int main(int argc, char **argv)
 {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return runBenchmarks(argc, argv, BenchApplication::Gui);
 }

@@ -56,9 +56,11 @@ bool turnPixels(const Plane &src, int bytesPerPixel, bool swapRedBlue, int quart
                 const Plane &dst);
 
 // image turned clockwise by quarterTurns (1, 2 or 3) quarter turns into dst,
-// which must already have the turned size and the image's format. Equal to
-// QImage::transformed() with that rotation for 8, 24 and 32 bit formats;
-// returns false (dst untouched) for other formats.
+// which must already have the turned size and the image's format. The same
+// pixels, format and colour table as QImage::transformed() with that
+// rotation for 8, 24 and 32 bit formats (a quarter turn also exchanges the
+// dots per metre, which transformed() keeps); returns false (dst untouched)
+// for other formats.
 bool turnQuarters(const QImage &image, int quarterTurns, QImage &dst);
 
 #endif // PIXELOPS_H

@@ -13,6 +13,7 @@
 #include "testsupport.h"
 #include "threads/imageprocessing.h"
 #include "ui_mainwindowqcamera.h"
+#include "windowsupport.h"
 
 #include <QApplication>
 #include <QDateTime>
@@ -164,21 +165,11 @@ Recording readRecording(const QString &path)
 
 } // namespace
 
-class TestCameraView : public QObject
+class tst_CameraView : public QObject, private CameraFolders
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_state;
-    std::unique_ptr<QTemporaryDir> m_documents;
-
-    QMap<QString, QString> state(int node) const
-    {
-        return readVirtualCameraState(m_state->path(), node);
-    }
-    QString stateValue(int node, const char *key) const { return state(node).value(key); }
-    int stateNumber(int node, const char *key) const { return state(node).value(key).toInt(); }
-
     // One 640x480 camera with a sheet in the middle of the desk.
     void discoverSmallCamera()
     {
@@ -207,24 +198,14 @@ private slots:
     void initTestCase()
     {
         // As the program does at start.
-        preferVideo4Linux2Capture();
-        if (Cache::config->resolutions.isEmpty())
-            appendOutputSizes(Cache::config->resolutions);
+        prepareCameraTests();
         QCOMPARE(Cache::config->resolutions.value(5), QSize(2048, 1536));
     }
 
     void init()
     {
-        clearVirtualCameraEnvironment();
-        m_state.reset(new QTemporaryDir);
-        QVERIFY(m_state->isValid());
-        m_documents.reset(new QTemporaryDir);
-        QVERIFY(m_documents->isValid());
-        qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
-        Cache::cameras->clear();
-        Cache::config->camera_index = 0;
-        Cache::config->image_resolution = 0;
-        Cache::config->image_fourcc = 0;
+        QVERIFY(makeFresh());
+        useFirstCamera();
         Cache::config->painting_main_resolution = 5;
         Cache::config->painting_other_resolution = 5;
         Cache::config->user_documentsLocation = m_documents->path();
@@ -475,9 +456,7 @@ private slots:
     void pictureInPictureCapsAWideCapture()
     {
         // YUYV keeps the large frames cheap.
-        qputenv("VCAM_0_FORMATS", "YUYV");
-        qputenv("VCAM_0_SIZES", "3264x2448,1280x720,2048x1536");
-        *Cache::cameras = CameraInfo::discover();
+        discoverCamera("YUYV", "3264x2448,1280x720,2048x1536");
         QVERIFY(!Cache::cameras->isEmpty());
         QCOMPARE(Cache::cameras->at(0).supportedResolutions.value(0), QSize(3264, 2448));
         QCOMPARE(Cache::cameras->at(0).supportedResolutions.value(1), QSize(1280, 720));
@@ -503,9 +482,7 @@ private slots:
 
     void pictureInPictureKeepsANarrowCapture()
     {
-        qputenv("VCAM_0_FORMATS", "YUYV");
-        qputenv("VCAM_0_SIZES", "3264x2448,1280x720,2048x1536");
-        *Cache::cameras = CameraInfo::discover();
+        discoverCamera("YUYV", "3264x2448,1280x720,2048x1536");
         QVERIFY(!Cache::cameras->isEmpty());
         Cache::config->image_fourcc = 8;
         Cache::config->image_resolution = 1;
@@ -814,5 +791,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestCameraView)
+QTEST_MAIN(tst_CameraView)
 #include "tst_cameraview.moc"

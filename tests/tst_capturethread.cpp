@@ -106,18 +106,11 @@ void startStreaming(ImageProcessing &p, FrameSink &sink, int driveId, const QSiz
 
 } // namespace
 
-class TestCaptureThread : public QObject
+class tst_CaptureThread : public QObject, private CameraFolders
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_state;
-
-    QMap<QString, QString> state(int node) const
-    {
-        return readVirtualCameraState(m_state->path(), node);
-    }
-
     // Camera 0 streaming into a capture thread, with autofocus and manual
     // exposure switched off beforehand so that every request shows.
     struct ExposureRun
@@ -126,7 +119,7 @@ private:
         ImageProcessing p;
         bool ok = false;
 
-        explicit ExposureRun(TestCaptureThread &test)
+        explicit ExposureRun(tst_CaptureThread &test)
         {
             qputenv("VCAM_0_SIZES", "640x480");
             *Cache::cameras = CameraInfo::discover();
@@ -147,8 +140,14 @@ private:
         }
     };
 
-    QString stateValue(int node, const char *key) const { return state(node).value(key); }
-    int stateNumber(int node, const char *key) const { return state(node).value(key).toInt(); }
+    // Node 0 offering YUYV frames at sizes, the cameras found anew and YUYV
+    // asked for (format 8 of the list); the number of cameras listed.
+    static int discoverYuyvCamera(const char *sizes)
+    {
+        discoverCamera("YUYV", sizes);
+        Cache::config->image_fourcc = 8;
+        return Cache::cameras->size();
+    }
 
 private slots:
     void initTestCase()
@@ -160,14 +159,8 @@ private slots:
 
     void init()
     {
-        clearVirtualCameraEnvironment();
-        m_state.reset(new QTemporaryDir);
-        QVERIFY(m_state->isValid());
-        qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
-        Cache::cameras->clear();
-        Cache::config->camera_index = 0;
-        Cache::config->image_resolution = 0;
-        Cache::config->image_fourcc = 0;
+        QVERIFY(makeFresh());
+        useFirstCamera();
     }
 
     void cleanup()
@@ -182,11 +175,7 @@ private slots:
     {
         // The camera offers the oversized request itself, so only the cap
         // keeps the thread from opening it. YUYV keeps large frames cheap.
-        qputenv("VCAM_0_FORMATS", "YUYV");
-        qputenv("VCAM_0_SIZES", "4640x3452,3264x2448,1920x1080,640x480");
-        *Cache::cameras = CameraInfo::discover();
-        QCOMPARE(Cache::cameras->size(), 2);
-        Cache::config->image_fourcc = 8;
+        QCOMPARE(discoverYuyvCamera("4640x3452,3264x2448,1920x1080,640x480"), 2);
 
         FrameSink sink;
         ImageProcessing p;
@@ -227,9 +216,7 @@ private slots:
     {
         // YUYV listed first, so that asking for nothing and asking for MJPG
         // end in different formats.
-        qputenv("VCAM_0_FORMATS", "YUYV,MJPG");
-        qputenv("VCAM_0_SIZES", "640x480,320x240");
-        *Cache::cameras = CameraInfo::discover();
+        discoverCamera("YUYV,MJPG", "640x480,320x240");
         QCOMPARE(Cache::cameras->size(), 2);
 
         // The format OpenCV picks by itself for this camera.
@@ -353,9 +340,7 @@ private slots:
 
     void reconfigurationReopensAtNewSizeInWorker()
     {
-        qputenv("VCAM_0_FORMATS", "MJPG");
-        qputenv("VCAM_0_SIZES", "1280x720,800x600,640x480,320x240");
-        *Cache::cameras = CameraInfo::discover();
+        discoverCamera("MJPG", "1280x720,800x600,640x480,320x240");
         QCOMPARE(Cache::cameras->size(), 2);
         QCOMPARE(Cache::cameras->at(0).supportedResolutions.value(3), QSize(320, 240));
 
@@ -620,12 +605,8 @@ private slots:
     {
         // One sheet in the upper left quarter: paper at (160, 120), desk
         // elsewhere.
-        qputenv("VCAM_0_FORMATS", "YUYV");
-        qputenv("VCAM_0_SIZES", "640x480");
         qputenv("VCAM_0_SCENE", "sheets:0.25,0.25,0.3,0.3,0");
-        *Cache::cameras = CameraInfo::discover();
-        QCOMPARE(Cache::cameras->size(), 2);
-        Cache::config->image_fourcc = 8;
+        QCOMPARE(discoverYuyvCamera("640x480"), 2);
 
         FrameSink sink;
         ImageProcessing p;
@@ -656,10 +637,8 @@ private slots:
 
     void previewIsFittedToTheShownAreaBeforeItIsHandedOver()
     {
-        qputenv("VCAM_0_FORMATS", "YUYV");
-        qputenv("VCAM_0_SIZES", "1280x720");
         qputenv("VCAM_0_SCENE", "sheets:0.25,0.5,0.3,0.5,0");
-        *Cache::cameras = CameraInfo::discover();
+        discoverCamera("YUYV", "1280x720");
         Cache::config->image_fourcc = 8;
 
         FrameSink sink;
@@ -703,11 +682,7 @@ private slots:
 
     void currentFrameIsDeepCopyOfLastRawFrame()
     {
-        qputenv("VCAM_0_FORMATS", "YUYV");
-        qputenv("VCAM_0_SIZES", "640x480");
-        *Cache::cameras = CameraInfo::discover();
-        QCOMPARE(Cache::cameras->size(), 2);
-        Cache::config->image_fourcc = 8;
+        QCOMPARE(discoverYuyvCamera("640x480"), 2);
 
         FrameSink sink;
         ImageProcessing p;
@@ -766,5 +741,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestCaptureThread)
+QTEST_MAIN(tst_CaptureThread)
 #include "tst_capturethread.moc"

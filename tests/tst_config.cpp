@@ -51,7 +51,7 @@ private:
 
 } // namespace
 
-class TestConfig : public QObject
+class tst_Config : public QObject
 {
     Q_OBJECT
 
@@ -372,5 +372,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestConfig)
+QTEST_GUILESS_MAIN(tst_Config)
 #include "tst_config.moc"

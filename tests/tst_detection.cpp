@@ -192,7 +192,7 @@ QStringList &table()
 
 Q_DECLARE_METATYPE(Scene)
 
-class TestDetection : public QObject
+class tst_Detection : public QObject
 {
     Q_OBJECT
 
@@ -329,5 +329,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestDetection)
+QTEST_GUILESS_MAIN(tst_Detection)
 #include "tst_detection.moc"

@@ -43,7 +43,7 @@ QList<QSize> sizes(std::initializer_list<QSize> list)
 
 } // namespace
 
-class TestDiscovery : public QObject
+class tst_Discovery : public QObject
 {
     Q_OBJECT
 
@@ -177,5 +177,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestDiscovery)
+QTEST_GUILESS_MAIN(tst_Discovery)
 #include "tst_discovery.moc"

@@ -13,6 +13,7 @@
 #include "threads/recordingwriter.h"
 #include "threads/imageprocessing.h"
 #include "ui_mainwindowqcamera.h"
+#include "windowsupport.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -66,13 +67,11 @@ void fill(const QString &folder, qint64 leave)
 
 } // namespace
 
-class TestFullDisk : public QObject
+class tst_FullDisk : public QObject, private CameraFolders
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_state;
-    std::unique_ptr<QTemporaryDir> m_scratch;
     QString m_mounted; // a small file system of our own, when the machine allows one
 
     // A folder on a file system of bytes in all, or an empty string when
@@ -117,12 +116,6 @@ private:
         *Cache::cameras = CameraInfo::discover();
     }
 
-    static bool waitOpen(QCameraView *view)
-    {
-        return QTest::qWaitFor([&] { return !view->isOpenTip && !view->m_Image.isNull(); },
-                               frameDeadline);
-    }
-
     // Two small pictures in a folder that can be written.
     QStringList pictures()
     {
@@ -138,25 +131,12 @@ private:
     }
 
 private slots:
-    void initTestCase()
-    {
-        preferVideo4Linux2Capture();
-        if (Cache::config->resolutions.isEmpty())
-            appendOutputSizes(Cache::config->resolutions);
-    }
+    void initTestCase() { prepareCameraTests(); }
 
     void init()
     {
-        clearVirtualCameraEnvironment();
-        m_state.reset(new QTemporaryDir);
-        m_scratch.reset(new QTemporaryDir);
-        QVERIFY(m_state->isValid() && m_scratch->isValid());
-        qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
-        Cache::config->init();
-        Cache::config->camera_index = 0;
-        Cache::config->image_out_resolution = 11; // 640x480
-        Cache::config->isSaveTiff = false;
-        Cache::cameras->clear();
+        QVERIFY(makeFresh());
+        resetWindowSettings(); // the first run's output folder
     }
 
     void cleanup()
@@ -298,5 +278,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestFullDisk)
+QTEST_MAIN(tst_FullDisk)
 #include "tst_fulldisk.moc"

@@ -3,7 +3,9 @@
 // window is told.
 #include "cache.h"
 #include "imagemergingdialog.h"
+#include "outputfiles.h"
 #include "testsupport.h"
+#include "widgetparts.h"
 
 #include <QtTest>
 
@@ -25,31 +27,7 @@
 
 namespace {
 
-// A part of the dialog's form, found by its object name.
-template <class T>
-T *part(const QObject &dlg, const char *name)
-{
-    T *found = dlg.findChild<T *>(name);
-    if (!found)
-        qFatal("the dialog has no %s named %s", T::staticMetaObject.className(), name);
-    return found;
-}
-
 const QRgb transparentWhite = qRgba(255, 255, 255, 0);
-
-QStringList filesIn(const QString &folder)
-{
-    return QDir(folder).entryList(QDir::Files | QDir::NoDotAndDotDot, QDir::Name);
-}
-
-QImage readBack(const QString &name)
-{
-    QImageReader reader(name);
-    const QImage img = reader.read();
-    if (img.isNull())
-        qWarning() << "could not read" << name << reader.errorString();
-    return img;
-}
 
 QString argb(QRgb c)
 {
@@ -68,13 +46,9 @@ QString allPixels(const QImage &img, const QRect &rect, QRgb colour)
 
 } // namespace
 
-class tst_imagemergingdialog : public QObject
+class tst_ImageMergingDialog : public QObject, private OutputFolders
 {
     Q_OBJECT
-
-    std::unique_ptr<QTemporaryDir> dir;
-    QString folder;  // the output folder
-    QString photos;  // where the test's photos lie
 
     // A PNG photo of one colour with a marker of another in its top-left
     // 4 x 4 corner, so that an unscaled placement can be told apart.
@@ -99,22 +73,7 @@ class tst_imagemergingdialog : public QObject
     }
 
 private slots:
-    void init()
-    {
-        dir.reset(new QTemporaryDir);
-        QVERIFY(dir->isValid());
-        folder = dir->path() + "/out";
-        photos = dir->path() + "/photos";
-        QVERIFY(QDir().mkpath(folder));
-        QVERIFY(QDir().mkpath(photos));
-        Config *c = Cache::config;
-        c->user_documentsLocation = folder;
-        c->save_type = 0;
-        c->save_prefix = "IMG";
-        c->save_number = 1;
-        c->image_codec = "png";
-        c->image_quality = 95;
-    }
+    void init() { QVERIFY(makeFresh("png")); }
 
     void formHasItsTitleSizeBoxesAndButtons()
     {
@@ -450,5 +409,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_imagemergingdialog)
+QTEST_MAIN(tst_ImageMergingDialog)
 #include "tst_imagemergingdialog.moc"

@@ -2,7 +2,7 @@
 // modes and document outlines, rotation of the shown picture, document
 // detection and the upright cut-out of a detected sheet.
 #include "threads/imageprocessing.h"
-#include "imaging/pixelops.h"
+#include "matcompare.h"
 
 #include <QtTest>
 
@@ -35,38 +35,6 @@ template<> char *toString(const cv::Point2f &p)
 namespace {
 
 constexpr float sheetArea = 73500.0f;
-
-// Empty when a and b hold the same pixels, otherwise where they first differ.
-QString matDifference(const cv::Mat &a, const cv::Mat &b)
-{
-    if (a.size() != b.size() || a.type() != b.type())
-        return QString("shape differs: %1x%2 type %3 vs %4x%5 type %6")
-            .arg(a.cols).arg(a.rows).arg(a.type()).arg(b.cols).arg(b.rows).arg(b.type());
-    if (a.empty())
-        return QString();
-    cv::Mat diff;
-    cv::absdiff(a, b, diff);
-    const cv::Mat flat = diff.reshape(1);
-    const int count = cv::countNonZero(flat);
-    if (count == 0)
-        return QString();
-    std::vector<cv::Point> where;
-    cv::findNonZero(flat, where);
-    const cv::Point p = where.front();
-    return QString("%1 values differ, first at x=%2 y=%3 channel %4: %5 vs %6")
-        .arg(count)
-        .arg(p.x / a.channels())
-        .arg(p.y)
-        .arg(p.x % a.channels())
-        .arg(int(a.ptr<uchar>(p.y)[p.x]))
-        .arg(int(b.ptr<uchar>(p.y)[p.x]));
-}
-
-#define COMPARE_MATS(actual, expected)                                                    \
-    do {                                                                                  \
-        const QString d_ = matDifference((actual), (expected));                           \
-        QVERIFY2(d_.isEmpty(), qPrintable(d_));                                           \
-    } while (false)
 
 bool sameRect(const cv::RotatedRect &a, const cv::RotatedRect &b)
 {
@@ -270,11 +238,21 @@ cv::Mat numberedMat(int rows, int cols, int type)
 
 } // namespace
 
-class TestImageProcessing : public QObject
+class tst_ImageProcessing : public QObject
 {
     Q_OBJECT
 
     ImageProcessing ip; // one for all: it waits a moment when destroyed
+
+    // The frame through the colour mode and the sheet search with the given
+    // correction and shooting type: the sheets found, the picture in out.
+    std::vector<cv::RotatedRect> handled(const cv::Mat &src, int correction, int shooting,
+                                         cv::Mat &out, bool draw)
+    {
+        ip.setCameraCorrection(correction);
+        ip.setCameraShootType(shooting);
+        return ip.handleMat(src, out, draw);
+    }
 
 private slots:
     void init()
@@ -285,57 +263,6 @@ private slots:
     }
 
     // ---- Matrix to image -------------------------------------------------
-
-    // The outline search that avoids OpenCV's copy, against OpenCV's own
-    // C++ search: same outlines, same order, whatever the picture's shape.
-    void outlineSearchWithoutCopyMatchesOpenCvSearch_data()
-    {
-        QTest::addColumn<int>("width");
-        QTest::addColumn<int>("height");
-        QTest::addColumn<bool>("window");
-        QTest::newRow("odd width") << 641 << 479 << false;
-        QTest::newRow("one row") << 320 << 1 << false;
-        QTest::newRow("one column") << 1 << 240 << false;
-        QTest::newRow("padded stride") << 500 << 300 << true;
-        QTest::newRow("3264x2448") << 3264 << 2448 << false;
-    }
-
-    void outlineSearchWithoutCopyMatchesOpenCvSearch()
-    {
-        QFETCH(int, width);
-        QFETCH(int, height);
-        QFETCH(bool, window);
-        cv::RNG rng(uint64(width) * 7919 + uint64(height));
-        cv::Mat whole(height + 20, width + 37, CV_8UC1);
-        rng.fill(whole, cv::RNG::UNIFORM, 0, 100);
-        // Sheets and specks, some touching the border, some holding holes.
-        for (int n = 0; n < 40; ++n) {
-            const cv::RotatedRect r(cv::Point2f(rng.uniform(0.f, float(whole.cols)), rng.uniform(0.f, float(whole.rows))),
-                                    cv::Size2f(rng.uniform(1.f, whole.cols / 3.f), rng.uniform(1.f, whole.rows / 3.f)),
-                                    rng.uniform(-90.f, 90.f));
-            cv::Point2f p[4];
-            r.points(p);
-            std::vector<cv::Point> corners(p, p + 4);
-            cv::fillConvexPoly(whole, corners, cv::Scalar(rng.uniform(110, 255)));
-            if (n % 3 == 0)
-                cv::circle(whole, r.center, int(std::min(r.size.width, r.size.height) / 4), cv::Scalar(20), -1);
-        }
-        const cv::Mat grey = window ? whole(cv::Rect(11, 7, width, height)) : whole(cv::Rect(0, 0, width, height)).clone();
-        QCOMPARE(grey.isContinuous(), !window || height == 1);
-
-        cv::Mat padded, bin;
-        std::vector<std::vector<cv::Point>> fast, reference;
-        findBrightOutlines(grey, 127, padded, fast);
-        findBrightOutlinesWithCopy(grey, 127, bin, reference);
-        QVERIFY(!reference.empty());
-        QCOMPARE(fast.size(), reference.size());
-        for (size_t i = 0; i < fast.size(); ++i)
-            QVERIFY2(fast[i] == reference[i], qPrintable(QString("outline %1 differs").arg(i)));
-
-        // Called again with the buffer of the first call, nothing changes.
-        findBrightOutlines(grey, 127, padded, fast);
-        QCOMPARE(fast.size(), reference.size());
-    }
 
     void greyMatBecomesIndexed8WithGreyTable()
     {
@@ -618,10 +545,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat src = documentFrame(true);
         const cv::Mat expected = referenceColourMode(src, shooting);
-        ip.setCameraCorrection(0);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 0, shooting, out, true);
         QVERIFY(list.empty());
         COMPARE_MATS(out, expected);
     }
@@ -645,10 +570,8 @@ private slots:
         const cv::Mat pristine = src.clone();
         const std::vector<cv::RotatedRect> all = referenceSheets(pristine);
         QCOMPARE(all.size(), size_t(2));
-        ip.setCameraCorrection(correction);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, false);
+        const std::vector<cv::RotatedRect> list = handled(src, correction, shooting, out, false);
         if (correction == 2) {
             COMPARE_RECT_LISTS(list, all);
         } else {
@@ -732,10 +655,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat pristine = documentFrame(true);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(1);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 1, shooting, out, true);
         QCOMPARE(list.size(), size_t(1));
         QVERIFY(std::abs(list[0].center.x - bigSheet.center.x) < 2);
         QVERIFY(std::abs(list[0].center.y - bigSheet.center.y) < 2);
@@ -762,10 +683,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat pristine = documentFrame(true);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(2);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 2, shooting, out, true);
         COMPARE_RECT_LISTS(list, referenceSheets(pristine));
         QCOMPARE(list.size(), size_t(2));
         cv::Mat expected = referenceColourMode(pristine, shooting);
@@ -787,10 +706,8 @@ private slots:
     {
         QFETCH(int, correction);
         const cv::Mat src = documentFrame(true);
-        ip.setCameraCorrection(correction);
-        ip.setCameraShootType(1);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, correction, 1, out, true);
         QCOMPARE(list.size(), size_t(correction == 1 ? 1 : 2));
         QCOMPARE(out.type(), CV_8UC1);
         cv::Mat expected = referenceColourMode(src, 1);
@@ -806,10 +723,8 @@ private slots:
         // Shooting 0 shares the frame's pixels, so the outline lands in it.
         const cv::Mat pristine = documentFrame(false);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(1);
-        ip.setCameraShootType(0);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 1, 0, out, true);
         QCOMPARE(list.size(), size_t(1));
         QVERIFY(out.data == src.data);
         cv::Mat expected = pristine.clone();
@@ -833,10 +748,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat pristine = documentFrame(true);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(correction);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, false);
+        const std::vector<cv::RotatedRect> list = handled(src, correction, shooting, out, false);
         QCOMPARE(list.size(), size_t(correction == 1 ? 1 : 2));
         COMPARE_MATS(out, referenceColourMode(pristine, shooting));
         COMPARE_MATS(src, pristine);
@@ -860,10 +773,8 @@ private slots:
         QFETCH(int, shooting);
         const cv::Mat pristine = documentFrame(true);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(correction);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, correction, shooting, out, true);
         QVERIFY2(list.empty(), qPrintable(describe(list)));
         COMPARE_MATS(out, referenceColourMode(pristine, shooting));
         COMPARE_MATS(src, pristine);
@@ -885,10 +796,8 @@ private slots:
         cv::rectangle(pristine, cv::Rect(60, 80, 351, 211), cv::Scalar(240, 240, 240), cv::FILLED);
         cv::rectangle(pristine, cv::Rect(500, 350, 200, 150), cv::Scalar(240, 240, 240), cv::FILLED);
         const cv::Mat src = pristine.clone();
-        ip.setCameraCorrection(1);
-        ip.setCameraShootType(shooting);
         cv::Mat out;
-        const std::vector<cv::RotatedRect> list = ip.handleMat(src, out, true);
+        const std::vector<cv::RotatedRect> list = handled(src, 1, shooting, out, true);
         COMPARE_RECT_LISTS(list, std::vector<cv::RotatedRect>{
                                      cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0)});
         COMPARE_MATS(out, referenceColourMode(pristine, shooting));
@@ -1412,5 +1321,5 @@ private:
     }
 };
 
-QTEST_GUILESS_MAIN(TestImageProcessing)
+QTEST_GUILESS_MAIN(tst_ImageProcessing)
 #include "tst_imageprocessing.moc"

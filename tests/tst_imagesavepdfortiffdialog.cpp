@@ -4,7 +4,9 @@
 // shown while many pages are written.
 #include "cache.h"
 #include "imagesavepdfortiffdialog.h"
+#include "outputfiles.h"
 #include "testsupport.h"
+#include "widgetparts.h"
 
 #include <QtTest>
 
@@ -35,21 +37,6 @@
 #include <vector>
 
 namespace {
-
-// A part of the dialog's form, found by its object name.
-template <class T>
-T *part(const QObject &dlg, const char *name)
-{
-    T *found = dlg.findChild<T *>(name);
-    if (!found)
-        qFatal("the dialog has no %s named %s", T::staticMetaObject.className(), name);
-    return found;
-}
-
-QStringList filesIn(const QString &folder)
-{
-    return QDir(folder).entryList(QDir::Files | QDir::NoDotAndDotDot, QDir::Name);
-}
 
 QString run(const QString &program, const QStringList &args)
 {
@@ -107,17 +94,6 @@ QImage renderPage(const QString &pdf, int n, const QString &scratch)
     return QImage(base + ".png").convertToFormat(QImage::Format_RGB32);
 }
 
-bool near(QRgb a, QRgb b, int tolerance)
-{
-    return qAbs(qRed(a) - qRed(b)) <= tolerance && qAbs(qGreen(a) - qGreen(b)) <= tolerance
-        && qAbs(qBlue(a) - qBlue(b)) <= tolerance;
-}
-
-QString rgb(QRgb c)
-{
-    return QString("(%1,%2,%3)").arg(qRed(c)).arg(qGreen(c)).arg(qBlue(c));
-}
-
 // What a progress dialog showed while a save was writing.
 struct ProgressSeen
 {
@@ -133,13 +109,9 @@ struct ProgressSeen
 
 } // namespace
 
-class tst_imagesavepdfortiffdialog : public QObject
+class tst_ImageSavePdfOrTiffDialog : public QObject, private OutputFolders
 {
     Q_OBJECT
-
-    std::unique_ptr<QTemporaryDir> dir;
-    QString folder; // the output folder
-    QString photos; // where the test's photos lie
 
     QString photo(const QString &name, int width, int height, QRgb colour, const char *format = "png")
     {
@@ -227,22 +199,7 @@ private slots:
         QVERIFY2(!QStandardPaths::findExecutable("pdftoppm").isEmpty(), "pdftoppm (poppler-utils) is needed");
     }
 
-    void init()
-    {
-        dir.reset(new QTemporaryDir);
-        QVERIFY(dir->isValid());
-        folder = dir->path() + "/out";
-        photos = dir->path() + "/photos";
-        QVERIFY(QDir().mkpath(folder));
-        QVERIFY(QDir().mkpath(photos));
-        Config *c = Cache::config;
-        c->user_documentsLocation = folder;
-        c->save_type = 0;
-        c->save_prefix = "IMG";
-        c->save_number = 1;
-        c->image_codec = "jpg";
-        c->image_quality = 95;
-    }
+    void init() { QVERIFY(makeFresh("jpg")); }
 
     void formHasItsTitleSizeRowAndButtons()
     {
@@ -640,5 +597,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_imagesavepdfortiffdialog)
+QTEST_MAIN(tst_ImageSavePdfOrTiffDialog)
 #include "tst_imagesavepdfortiffdialog.moc"

@@ -10,7 +10,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-class TestInstall : public QObject
+class tst_Install : public QObject
 {
     Q_OBJECT
 
@@ -114,5 +114,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestInstall)
+QTEST_GUILESS_MAIN(tst_Install)
 #include "tst_install.moc"

@@ -16,6 +16,7 @@
 #include "ui_imagemergingdialog.h"
 #include "ui_imagesavepdfortiffdialog.h"
 #include "ui_mainwindowqcamera.h"
+#include "windowsupport.h"
 
 #include <QApplication>
 #include <QButtonGroup>
@@ -130,25 +131,11 @@ bool isDark(const QColor &c)
 
 } // namespace
 
-class TestMainWindow : public QObject
+class tst_MainWindow : public QObject, private CameraFolders
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_state;
-    std::unique_ptr<QTemporaryDir> m_documents;
-    std::unique_ptr<QTemporaryDir> m_scratch;
-
-    QStringList documents() const
-    {
-        return QDir(m_documents->path()).entryList(QDir::Files, QDir::Name);
-    }
-    QString document(const QString &name) const { return QDir(m_documents->path()).filePath(name); }
-    QString stateValue(int node, const char *key) const
-    {
-        return readVirtualCameraState(m_state->path(), node).value(key);
-    }
-
     // count small, fast virtual cameras (nodes 0, 2, 4, … with their
     // metadata nodes between), each showing scene.
     void attachCameras(int count, const char *scene = "sheets:0.5,0.5,0.5,0.5,0")
@@ -174,37 +161,19 @@ private:
         *Cache::cameras = CameraInfo::discover();
     }
 
-    static bool waitOpen(MainWindowQCamera &w)
-    {
-        return QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
-                               frameDeadline);
-    }
-
 private slots:
     void initTestCase()
     {
-        preferVideo4Linux2Capture();
+        prepareWindowTests();
         Cache::config->exe_path = QStringLiteral(BUILD_DIR);
-        if (Cache::config->resolutions.isEmpty())
-            appendOutputSizes(Cache::config->resolutions);
         QVERIFY2(QFile::exists(resource("/Resources/back/Picture_90.png")),
                  "the build renders the pictures beside the program");
     }
 
     void init()
     {
-        clearVirtualCameraEnvironment();
-        m_state.reset(new QTemporaryDir);
-        m_documents.reset(new QTemporaryDir);
-        m_scratch.reset(new QTemporaryDir);
-        QVERIFY(m_state->isValid() && m_documents->isValid() && m_scratch->isValid());
-        qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
-        Cache::config->init();
-        Cache::config->camera_index = 0;
-        Cache::config->user_documentsLocation = m_documents->path();
-        Cache::config->image_out_resolution = 11; // 640x480: small, quick photos
-        Cache::config->isSaveTiff = false;
-        Cache::cameras->clear();
+        QVERIFY(makeFresh());
+        resetWindowSettings(m_documents->path()); // 640x480: small, quick photos
     }
 
     void cleanup()
@@ -621,13 +590,7 @@ private slots:
         QVERIFY(w.isVideoShooting);
         ImageProcessing *engine = w.ui->video->m_imageProcessing;
         ModalAnswerer answerer;
-        int expected = 0;
-        auto refused = [&](QAbstractButton *button) {
-            QTest::mouseClick(button, Qt::LeftButton);
-            ++expected;
-            return QTest::qWaitFor([&] { return answerer.boxes.size() == expected; }, 5000)
-                   && answerer.boxes.last().text == QString("录像中......");
-        };
+        RefusedClick refused(answerer, "录像中......");
         QVERIFY(refused(w.ui->btnShooting));
         QVERIFY(refused(w.ui->btnleft_2));
         QVERIFY(refused(w.ui->btnright_2));
@@ -649,11 +612,11 @@ private slots:
         QVERIFY(refused(w.ui->btnSetting_2));
         QVERIFY(!w.settingsDialog->isVisible());
         QTest::qWait(200);
-        QCOMPARE(answerer.boxes.size(), expected);
+        QCOMPARE(answerer.boxes.size(), refused.expected);
         // Options without a guard still work.
         w.ui->chMergeImage_2->setChecked(true);
         QVERIFY(engine->isTakePhotoChildCamera);
-        QCOMPARE(answerer.boxes.size(), expected);
+        QCOMPARE(answerer.boxes.size(), refused.expected);
         QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
         QVERIFY(!w.isVideoShooting);
     }
@@ -1195,5 +1158,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestMainWindow)
+QTEST_MAIN(tst_MainWindow)
 #include "tst_mainwindow.moc"

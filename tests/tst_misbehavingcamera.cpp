@@ -11,6 +11,7 @@
 #include "threads/imageprocessing.h"
 #include "ui_cameraviewdialog.h"
 #include "ui_mainwindowqcamera.h"
+#include "windowsupport.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -62,20 +63,11 @@ Recording readRecording(const QString &path)
 
 } // namespace
 
-class TestMisbehavingCamera : public QObject
+class tst_MisbehavingCamera : public QObject, private CameraFolders
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_state;
-    std::unique_ptr<QTemporaryDir> m_documents;
-
-    QString stateValue(int node, const char *key) const
-    {
-        return readVirtualCameraState(m_state->path(), node).value(key);
-    }
-    int stateNumber(int node, const char *key) const { return stateValue(node, key).toInt(); }
-
     // count capture nodes (no metadata nodes), so the list holds exactly
     // count openable cameras.
     void attachCaptureNodes(int count)
@@ -90,34 +82,13 @@ private:
         *Cache::cameras = CameraInfo::discover();
     }
 
-    static bool waitOpen(QCameraView *view)
-    {
-        return QTest::qWaitFor([&] { return !view->isOpenTip && !view->m_Image.isNull(); },
-                               frameDeadline);
-    }
-
-
 private slots:
-    void initTestCase()
-    {
-        preferVideo4Linux2Capture();
-        if (Cache::config->resolutions.isEmpty())
-            appendOutputSizes(Cache::config->resolutions);
-    }
+    void initTestCase() { prepareCameraTests(); }
 
     void init()
     {
-        clearVirtualCameraEnvironment();
-        m_state.reset(new QTemporaryDir);
-        m_documents.reset(new QTemporaryDir);
-        QVERIFY(m_state->isValid() && m_documents->isValid());
-        qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
-        Cache::config->init();
-        Cache::config->camera_index = 0;
-        Cache::config->user_documentsLocation = m_documents->path();
-        Cache::config->image_out_resolution = 11; // 640x480
-        Cache::config->isSaveTiff = false;
-        Cache::cameras->clear();
+        QVERIFY(makeFresh());
+        resetWindowSettings(m_documents->path());
     }
 
     void cleanup()
@@ -369,5 +340,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestMisbehavingCamera)
+QTEST_MAIN(tst_MisbehavingCamera)
 #include "tst_misbehavingcamera.moc"

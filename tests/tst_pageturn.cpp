@@ -68,7 +68,7 @@ cv::Mat noisy(const cv::Mat &img, double sigma, int seed)
 
 } // namespace
 
-class TestPageTurn : public QObject
+class tst_PageTurn : public QObject
 {
     Q_OBJECT
 
@@ -211,5 +211,5 @@ private slots:
     }
 };
 
-QTEST_APPLESS_MAIN(TestPageTurn)
+QTEST_APPLESS_MAIN(tst_PageTurn)
 #include "tst_pageturn.moc"

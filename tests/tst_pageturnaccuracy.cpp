@@ -53,7 +53,7 @@ QString tenPages()
 
 } // namespace
 
-class TestPageTurnAccuracy : public QObject
+class tst_PageTurnAccuracy : public QObject
 {
     Q_OBJECT
 
@@ -238,5 +238,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestPageTurnAccuracy)
+QTEST_MAIN(tst_PageTurnAccuracy)
 #include "tst_pageturnaccuracy.moc"

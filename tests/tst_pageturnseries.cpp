@@ -11,6 +11,7 @@
 #include "testsupport.h"
 #include "threads/imageprocessing.h"
 #include "ui_mainwindowqcamera.h"
+#include "windowsupport.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -32,18 +33,9 @@ const char *const loadingTip = "视频加载中，请稍候......";
 
 } // namespace
 
-class TestPageTurnSeries : public QObject
+class tst_PageTurnSeries : public QObject, private CameraFolders
 {
     Q_OBJECT
-
-    std::unique_ptr<QTemporaryDir> m_state;
-    std::unique_ptr<QTemporaryDir> m_documents;
-
-    QStringList documents() const
-    {
-        return QDir(m_documents->path()).entryList(QDir::Files, QDir::Name);
-    }
-    QString document(const QString &name) const { return QDir(m_documents->path()).filePath(name); }
 
     // One small, fast camera showing the default sheet.
     void attachCamera()
@@ -53,12 +45,6 @@ class TestPageTurnSeries : public QObject
         *Cache::cameras = CameraInfo::discover();
     }
 
-    static bool waitOpen(MainWindowQCamera &w)
-    {
-        return QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
-                               frameDeadline);
-    }
-
     static ImageProcessing *engine(MainWindowQCamera &w) { return w.ui->video->m_imageProcessing; }
 
 private slots:
@@ -66,11 +52,7 @@ private slots:
 
     void init()
     {
-        clearVirtualCameraEnvironment();
-        m_state.reset(new QTemporaryDir);
-        m_documents.reset(new QTemporaryDir);
-        QVERIFY(m_state->isValid() && m_documents->isValid());
-        qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
+        QVERIFY(makeFresh());
         resetWindowSettings(m_documents->path());
         Cache::config->shooting_mode = ShootingModePageTurn;
     }
@@ -152,14 +134,7 @@ private slots:
         QVERIFY(waitOpen(w));
         QTest::mouseClick(w.ui->btnShootingTime, Qt::LeftButton);
         ModalAnswerer answerer;
-        int expected = 0;
-        auto refused = [&](QAbstractButton *button) {
-            QTest::mouseClick(button, Qt::LeftButton);
-            ++expected;
-            return QTest::qWaitFor([&] { return answerer.boxes.size() == expected; }, 5000)
-                   && answerer.boxes.last().title == QString("警告")
-                   && answerer.boxes.last().text == QString("定时拍摄中......");
-        };
+        RefusedClick refused(answerer, "定时拍摄中......", "警告");
         const int before = documents().size();
         QVERIFY(refused(w.ui->btnShooting));
         QVERIFY(refused(w.ui->btnShootingVideo));
@@ -171,7 +146,7 @@ private slots:
         QVERIFY(refused(w.ui->btnSavePdfTiff));
         QVERIFY(!w.imageSavePDFOrTiff->isVisible());
         QTest::qWait(200);
-        QCOMPARE(answerer.boxes.size(), expected);
+        QCOMPARE(answerer.boxes.size(), refused.expected);
         QVERIFY(w.isTimeShooting);
         QTest::mouseClick(w.ui->btnShootingTime, Qt::LeftButton);
         // Only the series' own photo of the sheet, never one of the clicks.
@@ -363,5 +338,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestPageTurnSeries)
+QTEST_MAIN(tst_PageTurnSeries)
 #include "tst_pageturnseries.moc"

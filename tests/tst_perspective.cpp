@@ -76,7 +76,7 @@ bool findSheet(const cv::Mat &frame, Found &found)
 
 } // namespace
 
-class tst_perspective : public QObject
+class tst_Perspective : public QObject
 {
     Q_OBJECT
 
@@ -270,5 +270,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_perspective)
+QTEST_GUILESS_MAIN(tst_Perspective)
 #include "tst_perspective.moc"

@@ -66,7 +66,7 @@ vcam::PageSpec a4Page(cv::Size size, double cx, double cy, double tall, double t
 
 } // namespace
 
-class tst_perspectivephoto : public QObject
+class tst_PerspectivePhoto : public QObject
 {
     Q_OBJECT
 
@@ -249,5 +249,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_perspectivephoto)
+QTEST_MAIN(tst_PerspectivePhoto)
 #include "tst_perspectivephoto.moc"

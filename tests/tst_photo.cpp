@@ -3,6 +3,7 @@
 // Every case reads the written files back.
 #include "cache.h"
 #include "output/photooutput.h"
+#include "outputfiles.h"
 #include "startup.h"
 #include "threads/imageprocessing.h"
 
@@ -75,17 +76,6 @@ QImage solid(int width, int height, QColor colour)
     return img;
 }
 
-bool near(QRgb a, QColor b, int tolerance)
-{
-    return std::abs(qRed(a) - b.red()) <= tolerance && std::abs(qGreen(a) - b.green()) <= tolerance
-        && std::abs(qBlue(a) - b.blue()) <= tolerance;
-}
-
-QString rgb(QRgb c)
-{
-    return QString("(%1,%2,%3)").arg(qRed(c)).arg(qGreen(c)).arg(qBlue(c));
-}
-
 // The smallest rectangle holding every pixel that differs from background.
 QRect inkBox(const QImage &img, QRgb background)
 {
@@ -101,23 +91,9 @@ QRect inkBox(const QImage &img, QRgb background)
     return right < 0 ? QRect() : QRect(QPoint(left, top), QPoint(right, bottom));
 }
 
-QStringList filesIn(const QString &folder)
-{
-    return QDir(folder).entryList(QDir::Files | QDir::NoDotAndDotDot, QDir::Name);
-}
-
-QImage readBack(const QString &name)
-{
-    QImageReader reader(name);
-    const QImage img = reader.read();
-    if (img.isNull())
-        qWarning() << "could not read" << name << reader.errorString();
-    return img.convertToFormat(QImage::Format_RGB32);
-}
-
 } // namespace
 
-class tst_photo : public QObject
+class tst_Photo : public QObject
 {
     Q_OBJECT
 
@@ -157,7 +133,7 @@ class tst_photo : public QObject
         const Shot shot = shoot(ip);
         if (shot.files.size() != 1)
             return QImage();
-        return readBack(shot.files.first());
+        return readBack(shot.files.first(), QImage::Format_RGB32);
     }
 
 private slots:
@@ -174,13 +150,8 @@ private slots:
         dir.reset(new QTemporaryDir);
         QVERIFY(dir->isValid());
         folder = dir->path();
+        useNumberedOutput(folder);
         Config *c = Cache::config;
-        c->user_documentsLocation = folder;
-        c->save_type = 0;
-        c->save_prefix = "IMG";
-        c->save_number = 1;
-        c->image_codec = "jpg";
-        c->image_quality = 95;
         c->image_out_resolution = 11;
         c->painting_percentage = 30;
         setWatermark("", 24);
@@ -207,7 +178,7 @@ private slots:
         std::vector<bool> taken(sheets.size(), false);
         for (const QString &name : shot.files) {
             QVERIFY2(QFileInfo::exists(name), qPrintable(name));
-            const QImage img = readBack(name);
+            const QImage img = readBack(name, QImage::Format_RGB32);
             QVERIFY2(!img.isNull(), qPrintable(name));
             bool matched = false;
             for (size_t i = 0; i < sheets.size() && !matched; ++i) {
@@ -262,16 +233,16 @@ private slots:
         QCOMPARE(shot.emissions, 1);
         QCOMPARE(shot.files, QList<QString>({folder + "/IMG_1.jpg", folder + "/IMG_2.jpg", folder + "/IMG_3.jpg"}));
 
-        const QImage main = readBack(shot.files[0]);
+        const QImage main = readBack(shot.files[0], QImage::Format_RGB32);
         QCOMPARE(main.size(), QSize(640, 480));
         QVERIFY2(near(main.pixel(320, 240), QColor(128, 128, 128), 6), qPrintable(rgb(main.pixel(320, 240))));
         // No inset on the main picture.
         QVERIFY2(near(main.pixel(5, 5), QColor(128, 128, 128), 6), qPrintable(rgb(main.pixel(5, 5))));
 
-        const QImage first = readBack(shot.files[1]);
+        const QImage first = readBack(shot.files[1], QImage::Format_RGB32);
         QCOMPARE(first.size(), QSize(320, 240));
         QVERIFY2(near(first.pixel(160, 120), Qt::red, 10), qPrintable(rgb(first.pixel(160, 120))));
-        const QImage second = readBack(shot.files[2]);
+        const QImage second = readBack(shot.files[2], QImage::Format_RGB32);
         QCOMPARE(second.size(), QSize(200, 150));
         QVERIFY2(near(second.pixel(100, 75), Qt::blue, 10), qPrintable(rgb(second.pixel(100, 75))));
     }
@@ -286,7 +257,7 @@ private slots:
         ip.setTakePhotoCammond(solid(200, 300, Qt::red), solid(400, 300, Qt::blue), true, true);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.files, QList<QString>({folder + "/IMG_1.png"}));
-        const QImage img = readBack(shot.files[0]);
+        const QImage img = readBack(shot.files[0], QImage::Format_RGB32);
         QCOMPARE(img.size(), QSize(640, 480));
 
         const int w = int(30 / 100.0 * 640);           // 192
@@ -414,10 +385,10 @@ private slots:
         // Two photos under the one name: the second replaces the first.
         writePhoto(solid(8, 8, Qt::red), first, "bmp");
         QCOMPARE(filesIn(folder), QStringList({"2026_03_07 09_05_04.027.bmp"}));
-        QVERIFY2(near(readBack(first).pixel(4, 4), Qt::red, 0), qPrintable(rgb(readBack(first).pixel(4, 4))));
+        QVERIFY2(near(readBack(first, QImage::Format_RGB32).pixel(4, 4), Qt::red, 0), qPrintable(rgb(readBack(first, QImage::Format_RGB32).pixel(4, 4))));
         writePhoto(solid(8, 8, Qt::blue), second, "bmp");
         QCOMPARE(filesIn(folder), QStringList({"2026_03_07 09_05_04.027.bmp"}));
-        const QImage img = readBack(first);
+        const QImage img = readBack(first, QImage::Format_RGB32);
         QCOMPARE(img.size(), QSize(8, 8));
         QVERIFY2(near(img.pixel(4, 4), Qt::blue, 0), qPrintable(rgb(img.pixel(4, 4))));
     }
@@ -464,7 +435,7 @@ private slots:
         ip.frame = frame;
         const Shot upright = shoot(ip);
         QCOMPARE(upright.files.size(), 1);
-        const QImage a = readBack(upright.files[0]);
+        const QImage a = readBack(upright.files[0], QImage::Format_RGB32);
         QCOMPARE(a.size(), QSize(640, 360));
         QVERIFY2(near(a.pixel(20, 20), Qt::red, 3), qPrintable(rgb(a.pixel(20, 20))));
         QVERIFY2(near(a.pixel(620, 20), QColor(128, 128, 128), 3), qPrintable(rgb(a.pixel(620, 20))));
@@ -472,7 +443,7 @@ private slots:
         ip.setAngle(1);
         const Shot turned = shoot(ip);
         QCOMPARE(turned.files.size(), 1);
-        const QImage b = readBack(turned.files[0]);
+        const QImage b = readBack(turned.files[0], QImage::Format_RGB32);
         QCOMPARE(b.size(), QSize(360, 640));
         // A quarter turn clockwise brings the top-left corner to the top-right.
         QVERIFY2(near(b.pixel(340, 20), Qt::red, 3), qPrintable(rgb(b.pixel(340, 20))));
@@ -497,7 +468,7 @@ private slots:
         const qint64 lowSize = QFileInfo(low.files[0]).size();
         QVERIFY(lowSize > 0);
         QVERIFY2(lowSize < highSize, qPrintable(QString("quality 20: %1 bytes, quality 95: %2 bytes").arg(lowSize).arg(highSize)));
-        QCOMPARE(readBack(low.files[0]).size(), QSize(640, 480));
+        QCOMPARE(readBack(low.files[0], QImage::Format_RGB32).size(), QSize(640, 480));
     }
 
     void unwritableOutputFolderNeverCrashes()
@@ -527,7 +498,7 @@ private slots:
         Cache::config->user_documentsLocation = folder;
         const Shot good = shoot(ip);
         QCOMPARE(good.files, QList<QString>({folder + "/IMG_3.jpg"}));
-        QCOMPARE(readBack(good.files[0]).size(), QSize(640, 480));
+        QCOMPARE(readBack(good.files[0], QImage::Format_RGB32).size(), QSize(640, 480));
     }
 
     void emptyFrameTakesNoPhoto()
@@ -568,7 +539,7 @@ private slots:
         ip.setCameraShootType(1);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.files.size(), 1);
-        const QImage img = readBack(shot.files[0]);
+        const QImage img = readBack(shot.files[0], QImage::Format_RGB32);
         QCOMPARE(img.size(), QSize(640, 480));
         int red = 0;
         for (int y = 0; y < img.height(); ++y)
@@ -579,5 +550,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_photo)
+QTEST_MAIN(tst_Photo)
 #include "tst_photo.moc"

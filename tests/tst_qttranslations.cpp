@@ -20,7 +20,7 @@ QString buttonText(QMessageBox &box, QMessageBox::StandardButton which)
 
 } // namespace
 
-class TestQtTranslations : public QObject
+class tst_QtTranslations : public QObject
 {
     Q_OBJECT
 
@@ -64,5 +64,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestQtTranslations)
+QTEST_MAIN(tst_QtTranslations)
 #include "tst_qttranslations.moc"

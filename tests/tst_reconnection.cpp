@@ -4,7 +4,7 @@
 #include <QElapsedTimer>
 #include <QtTest>
 
-class TestReconnection : public QObject
+class tst_Reconnection : public QObject
 {
     Q_OBJECT
 
@@ -45,5 +45,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestReconnection)
+QTEST_MAIN(tst_Reconnection)
 #include "tst_reconnection.moc"

@@ -12,6 +12,7 @@
 #include "testsupport.h"
 #include "ui_mainwindowqcamera.h"
 #include "ui_settingdialog.h"
+#include "windowsupport.h"
 
 #include <QComboBox>
 #include <QCheckBox>
@@ -44,7 +45,7 @@ QString listed(const std::vector<double> &values)
 
 } // namespace
 
-class TestRecordingSound : public QObject
+class tst_RecordingSound : public QObject
 {
     Q_OBJECT
 
@@ -61,12 +62,6 @@ class TestRecordingSound : public QObject
         if (flash)
             qputenv("VCAM_0_FLASH", "1000,200");
         *Cache::cameras = CameraInfo::discover();
-    }
-
-    static bool waitOpen(MainWindowQCamera &w)
-    {
-        return QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
-                               frameDeadline);
     }
 
     // Records for the given time with the record button; answers the path.
@@ -308,5 +303,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestRecordingSound)
+QTEST_MAIN(tst_RecordingSound)
 #include "tst_recordingsound.moc"

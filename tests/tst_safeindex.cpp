@@ -19,7 +19,7 @@ CameraInfo camera(int index, QList<QSize> sizes)
 
 } // namespace
 
-class TestSafeIndex : public QObject
+class tst_SafeIndex : public QObject
 {
     Q_OBJECT
 
@@ -94,5 +94,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestSafeIndex)
+QTEST_GUILESS_MAIN(tst_SafeIndex)
 #include "tst_safeindex.moc"

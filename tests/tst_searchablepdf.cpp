@@ -8,6 +8,7 @@
 #include "imagesavepdfortiffdialog.h"
 #include "output/photopdf.h"
 #include "output/searchablepdf.h"
+#include "outputfiles.h"
 #include "printedpage.h"
 #include "testsupport.h"
 #include "threads/imageprocessing.h"
@@ -258,13 +259,9 @@ private:
 
 } // namespace
 
-class tst_searchablepdf : public QObject
+class tst_SearchablePdf : public QObject, private OutputFolders
 {
     Q_OBJECT
-
-    std::unique_ptr<QTemporaryDir> dir;
-    QString folder; // the output folder
-    QString photos; // where the test's photos lie
 
     QString savePhoto(const QImage &image, const QString &name)
     {
@@ -368,13 +365,7 @@ private slots:
 
     void init()
     {
-        dir.reset(new QTemporaryDir);
-        QVERIFY(dir->isValid());
-        folder = dir->path() + "/out";
-        photos = dir->path() + "/photos";
-        QVERIFY(QDir().mkpath(folder));
-        QVERIFY(QDir().mkpath(photos));
-        useNumberedOutput(folder);
+        QVERIFY(makeFresh("jpg"));
         Cache::config->pdf_ocr = false;
     }
 
@@ -727,5 +718,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(tst_searchablepdf)
+QTEST_MAIN(tst_SearchablePdf)
 #include "tst_searchablepdf.moc"

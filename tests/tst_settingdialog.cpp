@@ -284,7 +284,7 @@ void setUnusualSettings(Config *config)
 
 } // namespace
 
-class TestSettingDialog : public QObject
+class tst_SettingDialog : public QObject
 {
     Q_OBJECT
 
@@ -1262,5 +1262,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestSettingDialog)
+QTEST_MAIN(tst_SettingDialog)
 #include "tst_settingdialog.moc"

@@ -168,7 +168,7 @@ void addColumns()
 
 } // namespace
 
-class tst_sheetfinder : public QObject
+class tst_SheetFinder : public QObject
 {
     Q_OBJECT
 
@@ -470,5 +470,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(tst_sheetfinder)
+QTEST_GUILESS_MAIN(tst_SheetFinder)
 #include "tst_sheetfinder.moc"

@@ -48,7 +48,7 @@ double errorMs(const SoundAligner &aligner, int64_t trueLastNs)
 
 } // namespace
 
-class TestSoundAligner : public QObject
+class tst_SoundAligner : public QObject
 {
     Q_OBJECT
 
@@ -127,5 +127,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestSoundAligner)
+QTEST_GUILESS_MAIN(tst_SoundAligner)
 #include "tst_soundaligner.moc"

@@ -14,7 +14,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-class TestSoundMissing : public QObject
+class tst_SoundMissing : public QObject
 {
     Q_OBJECT
 
@@ -56,5 +56,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestSoundMissing)
+QTEST_MAIN(tst_SoundMissing)
 #include "tst_soundmissing.moc"

@@ -94,7 +94,7 @@ bool sanitizerSpoke(const ProgramRun &run)
 
 } // namespace
 
-class TestStartup : public QObject
+class tst_Startup : public QObject
 {
     Q_OBJECT
 
@@ -287,5 +287,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestStartup)
+QTEST_MAIN(tst_Startup)
 #include "tst_startup.moc"

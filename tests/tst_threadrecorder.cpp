@@ -23,7 +23,7 @@ QImage halves(QSize size, QColor left, QColor right)
 
 } // namespace
 
-class TestThreadRecorder : public QObject
+class tst_ThreadRecorder : public QObject
 {
     Q_OBJECT
 
@@ -126,5 +126,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestThreadRecorder)
+QTEST_MAIN(tst_ThreadRecorder)
 #include "tst_threadrecorder.moc"

@@ -254,7 +254,7 @@ QList<QStringList> scriptLog(const QString &path)
 
 }  // namespace
 
-class TstVirtualcam : public QObject {
+class tst_VirtualCam : public QObject {
     Q_OBJECT
 
 private:
@@ -1728,5 +1728,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TstVirtualcam)
+QTEST_GUILESS_MAIN(tst_VirtualCam)
 #include "tst_virtualcam.moc"

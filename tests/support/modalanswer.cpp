@@ -12,13 +12,13 @@
 //   logo.png, the main window's logo as shown when the event loop starts;
 //   report.txt, lines "exe_path=<folder>" and "resolutions=<WxH,...>" read
 //   from the settings record at that moment.
+#include "activebox.h"
 #include "config.h"
 
 #include <QApplication>
 #include <QFile>
 #include <QLabel>
 #include <QMessageBox>
-#include <QPushButton>
 #include <QSplashScreen>
 #include <QStringList>
 #include <QTimer>
@@ -44,23 +44,16 @@ void appendToLog(const QString &line)
         log.write((line + "\n").toUtf8());
 }
 
-// Polls until the box is the active modal widget, records it and presses OK.
+// Polls until the box is the active modal widget, answers it and records it.
 void answerWhenShown()
 {
     QTimer::singleShot(50, [] {
-        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-        if (!box || !box->isVisible()) {
+        const std::optional<ShownBox> box = answerShownBox();
+        if (!box) {
             answerWhenShown();
             return;
         }
-        QStringList buttons;
-        for (QAbstractButton *button : box->buttons())
-            buttons << button->text();
-        appendToLog(box->windowTitle() + "\t" + box->text() + "\t" + buttons.join('|'));
-        if (QAbstractButton *ok = box->button(QMessageBox::Ok))
-            ok->click();
-        else
-            box->reject();
+        appendToLog(box->title + "\t" + box->text + "\t" + box->buttons.join('|'));
     });
 }
 

@@ -1,15 +1,13 @@
 #include "testsupport.h"
 
+#include "activebox.h"
 #include "cache.h"
 #include "camerainfo.h"
 #include "startup.h"
 
-#include <QAbstractButton>
-#include <QApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QMessageBox>
 #include <QProcess>
 #include <QTimer>
 
@@ -24,14 +22,8 @@ ModalAnswerer::ModalAnswerer(QObject *parent) : QObject(parent)
 
 void ModalAnswerer::poll()
 {
-    auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-    if (!box || !box->isVisible())
-        return;
-    boxes.append({box->windowTitle(), box->text()});
-    if (QAbstractButton *ok = box->button(QMessageBox::Ok))
-        ok->click();
-    else
-        box->reject();
+    if (const std::optional<ShownBox> box = answerShownBox())
+        boxes.append({box->title, box->text});
 }
 
 QProcessEnvironment cleanEnvironment()
@@ -99,19 +91,40 @@ void clearVirtualCameraEnvironment()
     }
 }
 
-void prepareWindowTests()
+void useFirstCamera()
+{
+    Cache::cameras->clear();
+    Cache::config->camera_index = 0;
+    Cache::config->image_resolution = 0;
+    Cache::config->image_fourcc = 0;
+}
+
+void discoverCamera(const char *formats, const char *sizes)
+{
+    qputenv("VCAM_0_FORMATS", formats);
+    qputenv("VCAM_0_SIZES", sizes);
+    *Cache::cameras = CameraInfo::discover();
+}
+
+void prepareCameraTests()
 {
     preferVideo4Linux2Capture();
-    Cache::config->exe_path = QFileInfo(QStringLiteral(BRIVORA_EXE)).absolutePath();
     if (Cache::config->resolutions.isEmpty())
         appendOutputSizes(Cache::config->resolutions);
+}
+
+void prepareWindowTests()
+{
+    prepareCameraTests();
+    Cache::config->exe_path = QFileInfo(QStringLiteral(BRIVORA_EXE)).absolutePath();
 }
 
 void resetWindowSettings(const QString &documents)
 {
     Cache::config->init();
     Cache::config->camera_index = 0;
-    Cache::config->user_documentsLocation = documents;
+    if (!documents.isNull())
+        Cache::config->user_documentsLocation = documents;
     Cache::config->image_out_resolution = 11; // 640x480
     Cache::config->isSaveTiff = false;
     Cache::cameras->clear();
@@ -164,6 +177,43 @@ ProgramRun runProgram(const QString &workDir, const QString &home,
     return run;
 }
 
+bool CameraFolders::makeFresh()
+{
+    clearVirtualCameraEnvironment();
+    m_state.reset(new QTemporaryDir);
+    m_documents.reset(new QTemporaryDir);
+    m_scratch.reset(new QTemporaryDir);
+    if (!m_state->isValid() || !m_documents->isValid() || !m_scratch->isValid())
+        return false;
+    qputenv("VCAM_STATE_DIR", m_state->path().toLocal8Bit());
+    return true;
+}
+
+QMap<QString, QString> CameraFolders::state(int node) const
+{
+    return readVirtualCameraState(m_state->path(), node);
+}
+
+QString CameraFolders::stateValue(int node, const char *key) const
+{
+    return state(node).value(key);
+}
+
+int CameraFolders::stateNumber(int node, const char *key) const
+{
+    return stateValue(node, key).toInt();
+}
+
+QStringList CameraFolders::documents() const
+{
+    return QDir(m_documents->path()).entryList(QDir::Files, QDir::Name);
+}
+
+QString CameraFolders::document(const QString &name) const
+{
+    return QDir(m_documents->path()).filePath(name);
+}
+
 int readPageNumber(const cv::Mat &picture)
 {
     if (picture.empty())
@@ -198,17 +248,6 @@ int readPageNumber(const cv::Mat &picture)
             return -1;
     }
     return number;
-}
-
-void useNumberedOutput(const QString &folder)
-{
-    Config *c = Cache::config;
-    c->user_documentsLocation = folder;
-    c->save_type = 0;
-    c->save_prefix = "IMG";
-    c->save_number = 1;
-    c->image_codec = "jpg";
-    c->image_quality = 95;
 }
 
 GapMeter::GapMeter(QObject *parent) : QObject(parent)

@@ -10,9 +10,11 @@
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 #include <QTimer>
 
 #include <functional>
+#include <memory>
 
 #include <opencv2/core.hpp>
 
@@ -66,10 +68,6 @@ QMap<QString, QString> readVirtualCameraState(const QString &dir, int node);
 // file's order; the output folder is given (it depends on HOME).
 QList<QPair<QString, QVariant>> factorySettings(const QString &documentsFolder);
 
-// Settings for files the program writes: into folder, named IMG_1, IMG_2,
-// ..., photos as JPEG of quality 95.
-void useNumberedOutput(const QString &folder);
-
 // The longest time between two ticks of a 10 ms timer while it lives: how
 // long the GUI thread was held at most.
 class GapMeter : public QObject
@@ -100,14 +98,52 @@ constexpr qint64 timerGapLimitMs = 250;
 // Removes every VCAM_* variable from this process's environment.
 void clearVirtualCameraEnvironment();
 
-// Once per program of tests that build the main window in-process: cameras
-// opened through Video4Linux2, the program's pictures found in the build
-// folder, the list of output sizes filled.
+// No camera listed yet, and the first one to be opened at the first of its
+// sizes in its first format.
+void useFirstCamera();
+
+// Node 0 of the virtual camera offering formats ("YUYV,MJPG") at sizes
+// ("640x480,320x240"), and the list of cameras found anew.
+void discoverCamera(const char *formats, const char *sizes);
+
+// Once per program of tests that open cameras in-process: cameras opened
+// through Video4Linux2 and the list of output sizes filled, as the program
+// has them after its start.
+void prepareCameraTests();
+
+// Once per program of tests that build the main window in-process: as
+// prepareCameraTests, and the program's pictures found in the build folder.
 void prepareWindowTests();
 
 // Before each such test: the settings of a first run, except photos going
-// to documents at 640x480 (small and quick) with no camera listed yet.
-void resetWindowSettings(const QString &documents);
+// to documents (when given) at 640x480 (small and quick) with no camera
+// listed yet.
+void resetWindowSettings(const QString &documents = QString());
+
+// The folders of a test with the virtual camera, made anew for each test:
+// the camera's state folder and the program's output and scratch folders.
+// Test classes take it as a base, so that their tests name the folders as
+// members.
+struct CameraFolders
+{
+    std::unique_ptr<QTemporaryDir> m_state;     // where the virtual camera records
+    std::unique_ptr<QTemporaryDir> m_documents; // the program's output folder
+    std::unique_ptr<QTemporaryDir> m_scratch;   // the test's own files
+
+    // Before each test: no VCAM_* variable left from the test before, new
+    // folders, and the camera pointed at its state folder (VCAM_STATE_DIR).
+    // False when a folder cannot be made.
+    bool makeFresh();
+
+    // What the virtual camera recorded about node, and one value of it.
+    QMap<QString, QString> state(int node) const;
+    QString stateValue(int node, const char *key) const;
+    int stateNumber(int node, const char *key) const;
+
+    // The files in the output folder, by name, and the path of one of them.
+    QStringList documents() const;
+    QString document(const QString &name) const;
+};
 
 // The page number a picture of the virtual camera's scripted page shows
 // (read from its row of eight blocks), or -1 when the blocks cannot be read

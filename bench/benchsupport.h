@@ -1,0 +1,18 @@
+#ifndef BENCHSUPPORT_H
+#define BENCHSUPPORT_H
+
+// What the application object of a benchmark program must be able to do.
+enum class BenchApplication {
+    Gui,     // image conversion and rotation: a QGuiApplication
+    Widgets, // windows and dialogs: a QApplication
+    Cameras, // the capture thread and the windows against the virtual camera:
+             // a QApplication, cameras opened through Video4Linux2 and the
+             // output sizes listed, as the program has them after its start
+};
+
+// The main of a benchmark program: on Qt's offscreen platform, with the
+// application object the benchmarks need, runs the benchmarks that the
+// command line selects.
+int runBenchmarks(int argc, char **argv, BenchApplication application);
+
+#endif // BENCHSUPPORT_H
