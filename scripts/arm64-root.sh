@@ -25,7 +25,7 @@ packages=(
   qt5-image-formats-plugins:arm64 qttranslations5-l10n fonts-noto-cjk
   poppler-utils
   build-essential debhelper dpkg-dev fakeroot
-  qemu-user-static xvfb xauth imagemagick
+  qemu-user-static xvfb xauth imagemagick pulseaudio pulseaudio-utils
 )
 stamp="$root/.brivora-ready"
 

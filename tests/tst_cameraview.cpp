@@ -641,6 +641,7 @@ private slots:
 
     void recordingWritesRawFramesToAnMjpgFile()
     {
+        SKIP_WITHOUT_REAL_TIME_PACE();
         discoverSmallCamera();
         QCameraView view;
         view.resize(640, 480);
@@ -691,6 +692,7 @@ private slots:
 
     void tenSecondsAtThirtyFramesASecondGiveAboutThreeHundredFrames()
     {
+        SKIP_WITHOUT_REAL_TIME_PACE();
         qputenv("VCAM_0_FPS", "30");
         QCameraView view;
         QVERIFY(openSmallCamera(view));

@@ -293,6 +293,7 @@ private slots:
 
     void recordingStartedWithASecondaryWindowOpenHoldsFullSizeFrames()
     {
+        SKIP_WITHOUT_REAL_TIME_PACE();
         qputenv("VCAM_0_SIZES", "1280x720,640x480");
         attachCaptureNodes(3);
         Cache::config->painting_main_resolution = 11; // 640x480 while windows are open
@@ -321,6 +322,7 @@ private slots:
 
     void sizeChangeDuringARecordingIsScaledToTheFile()
     {
+        SKIP_WITHOUT_REAL_TIME_PACE();
         qputenv("VCAM_0_SIZES", "1280x720,640x480");
         attachCaptureNodes(1);
         MainWindowQCamera w;

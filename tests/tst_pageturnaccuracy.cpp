@@ -161,7 +161,11 @@ class tst_PageTurnAccuracy : public QObject
     }
 
 private slots:
-    void initTestCase() { prepareWindowTests(); }
+    void initTestCase()
+    {
+        SKIP_WITHOUT_REAL_TIME_PACE();
+        prepareWindowTests();
+    }
 
     void init()
     {

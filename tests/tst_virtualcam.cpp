@@ -1616,6 +1616,7 @@ private slots:
 
     void scriptShowsNumberedPagesHandsAndFlicker()
     {
+        SKIP_WITHOUT_REAL_TIME_PACE();
         const QString log = m_state->filePath("script.log");
         qputenv("VCAM_0_SIZES", "640x480");
         qputenv("VCAM_0_FPS", "50");

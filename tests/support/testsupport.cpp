@@ -267,3 +267,8 @@ qint64 heldFor(const std::function<void()> &call)
     call();
     return clock.elapsed();
 }
+
+bool underEmulation()
+{
+    return qEnvironmentVariableIsSet("BRIVORA_EMULATED");
+}

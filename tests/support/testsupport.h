@@ -57,6 +57,20 @@ ProgramRun runProgram(const QString &workDir, const QString &home,
                       const QMap<QString, QString> &vcam, int quitAfterMs,
                       int timeoutMs = 60000, const QString &program = QString());
 
+// Whether the test runs under user-mode emulation (an arm64 build tested
+// on an amd64 machine, see scripts/arm64/emulate.sh), which runs the
+// program several times slower than the machines it is built for.
+bool underEmulation();
+
+// Checks of real-time pace (frames a second, a photo within a deadline of
+// the page settling) measure the emulator rather than the program there:
+// such a test function starts with this.
+#define SKIP_WITHOUT_REAL_TIME_PACE()                                                     \
+    do {                                                                                  \
+        if (underEmulation())                                                             \
+            QSKIP("needs real-time pace, which user-mode emulation cannot give");         \
+    } while (false)
+
 // The environment of this process without any VCAM_* variable.
 QProcessEnvironment cleanEnvironment();
 
