@@ -12,12 +12,15 @@ std::vector<cv::RotatedRect> processFrame(const cv::Mat &src, cv::Mat &out, bool
     // Detection and the grey, black-and-white and background modes all start
     // from the same grey picture of the unprocessed frame: made once.
     const bool colourOnly = isColourOnly(shooting);
-    if (correction != Correction::None || !colourOnly)
+    // With corners (the perspective option) sheets are found on any desk,
+    // from the colours.
+    if ((correction != Correction::None && !corners) || !colourOnly)
         cv::cvtColor(src, work.grey, cv::COLOR_BGR2GRAY);
 
     std::vector<cv::RotatedRect> list;
     if (correction != Correction::None)
-        list = findSheetsInGrey(work.grey, correction, corners, work.sheets);
+        list = corners ? findSheetsOnAnyDesk(src, correction, smallestSheetArea, work.anyDesk, work.sheets.quads)
+                       : findSheetsInGrey(work.grey, correction, corners, work.sheets);
 
     // out may still share the pixels of an earlier source; it is written
     // below only when it holds a buffer nobody else does.

@@ -2,6 +2,7 @@
 #define IMAGING_FRAMEPROCESSING_H
 
 #include "imaging/detection.h"
+#include "imaging/sheetfinder.h"
 
 #include <opencv2/core.hpp>
 
@@ -19,13 +20,14 @@ struct FrameWork
     cv::Mat bin;
     std::vector<cv::Mat> means;
     SheetSearch sheets;
+    SheetFinderWork anyDesk; // the perspective option's search on any desk
 };
 
 // src (8-bit BGR) in the shooting type's pixels into out: 1 grey, 2 black
 // and white, 3 the background made white, any other code the colours as
 // they are (out then shares src's pixels). With correction 1 or 2 the
-// sheets are searched for (their corners too with corners) and, with draw,
-// outlined on out; returns them.
+// sheets are searched for (with corners: on any desk, with their corners)
+// and, with draw, outlined on out; returns them.
 std::vector<cv::RotatedRect> processFrame(const cv::Mat &src, cv::Mat &out, bool draw,
                                           int correction, int shooting, bool corners,
                                           FrameWork &work);

@@ -27,6 +27,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -806,6 +807,141 @@ private slots:
             QVERIFY(meanAt(g, p.x, p.y) > 25 && meanAt(g, p.x, p.y) < 80);
         qunsetenv("VCAM_0_TILT");
         qunsetenv("VCAM_0_FOCAL");
+    }
+
+    // One frame of scene at 1280x720 as OpenCV reads it.
+    static cv::Mat sceneFrame(const char *scene, const char *fourcc = "YUYV")
+    {
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_SCENE", scene);
+        cv::VideoCapture cap;
+        cv::Mat frame;
+        if (openCapture(cap, 0, fourcc, 1280, 720))
+            cap.read(frame);
+        return frame;
+    }
+
+    void woodDeskIsLightWithGrain()
+    {
+        const cv::Mat frame = sceneFrame("desk|wood");
+        QVERIFY(!frame.empty());
+        cv::Mat g = grey(frame);
+        // Grey 170 to 200 all over (a little more for the stream's
+        // rounding), in streaks: the grain.
+        std::vector<uchar> all(g.begin<uchar>(), g.end<uchar>());
+        std::sort(all.begin(), all.end());
+        const int low = all[all.size() / 100], high = all[all.size() * 99 / 100];
+        qInfo() << "wood grey from" << low << "to" << high;
+        QVERIFY2(low >= 168 && high <= 202, qPrintable(QString("%1..%2").arg(low).arg(high)));
+        cv::Scalar mean, dev;
+        cv::meanStdDev(g, mean, dev);
+        QVERIFY2(dev[0] > 4, qPrintable(QString::number(dev[0])));
+        // Warm: more red than blue, as wood is.
+        const cv::Scalar bgr = cv::mean(frame);
+        QVERIFY(bgr[2] > bgr[0] + 60);
+        // The grain runs across: rows vary more down the frame than along.
+        cv::Mat rows, cols;
+        cv::reduce(g, rows, 1, cv::REDUCE_AVG, CV_64F);
+        cv::reduce(g, cols, 0, cv::REDUCE_AVG, CV_64F);
+        cv::Scalar rm, rd, cm, cd;
+        cv::meanStdDev(rows, rm, rd);
+        cv::meanStdDev(cols, cm, cd);
+        QVERIFY2(rd[0] > 2 * cd[0], qPrintable(QString("%1 %2").arg(rd[0]).arg(cd[0])));
+    }
+
+    void lampBrightensTopLeftAndDarkensBottomRight()
+    {
+        const cv::Mat plain = grey(sceneFrame("desk|wood"));
+        const cv::Mat lit = grey(sceneFrame("desk|wood|lamp:30"));
+        QVERIFY(!plain.empty() && !lit.empty());
+        // The same grain under more and less light.
+        const double topLeft = meanAt(lit, 20, 20, 15) - meanAt(plain, 20, 20, 15);
+        const double middle = meanAt(lit, 640, 360, 15) - meanAt(plain, 640, 360, 15);
+        const double bottomRight = meanAt(lit, 1259, 699, 15) - meanAt(plain, 1259, 699, 15);
+        qInfo() << "lamp: top-left" << topLeft << "middle" << middle << "bottom-right" << bottomRight;
+        QVERIFY(topLeft > 24 && topLeft < 36);
+        QVERIFY(std::abs(middle) < 4);
+        QVERIFY(bottomRight < -24 && bottomRight > -36);
+    }
+
+    void shadowFallsOverSheetAndDesk()
+    {
+        // The right half of the frame in shadow; the sheet's blank middle
+        // band crosses its edge.
+        const cv::Mat g = grey(sceneFrame("sheets:0.5,0.5,0.5,0.6,0|wood|shadow:0.5,-0.1,1.1,-0.1,1.1,1.1,0.5,1.1"));
+        QVERIFY(!g.empty());
+        const double litPaper = meanAt(g, 480, 370), shadedPaper = meanAt(g, 800, 370);
+        const double litDesk = meanAt(g, 100, 370), shadedDesk = meanAt(g, 1180, 370);
+        qInfo() << "paper" << litPaper << shadedPaper << "desk" << litDesk << shadedDesk;
+        QVERIFY(litPaper > 225);
+        QVERIFY(std::abs(shadedPaper / litPaper - 0.55) < 0.04);
+        QVERIFY(std::abs(shadedDesk / litDesk - 0.55) < 0.08);
+        // Paper in shadow is darker than the lit desk: no threshold on grey
+        // alone tells them apart.
+        QVERIFY(shadedPaper < litDesk);
+    }
+
+    void penPhoneAndMugRingLieOnTheDesk()
+    {
+        const cv::Mat frame =
+            sceneFrame("desk|wood|pen:0.25,0.5,0.3,0|phone:0.7,0.5,0.15,0.5,0|mug:0.5,0.2,0.1");
+        QVERIFY(!frame.empty());
+        const cv::Mat g = grey(frame);
+        QVERIFY(meanAt(g, 320, 360, 2) < 60);  // the pen
+        QVERIFY(meanAt(g, 896, 360) < 70);     // the phone's screen
+        QVERIFY(meanAt(g, 896 + 90, 360, 2) < 50); // its body (half a width 96 px, screen 84 px)
+        // The ring: darker and browner than the wood, the wood inside it.
+        const double ring = meanAt(g, 640, 144 - 72, 2);
+        QVERIFY2(ring < 130 && ring > 70, qPrintable(QString::number(ring)));
+        QVERIFY(meanAt(g, 640, 144) > 165);
+        QVERIFY(meanAt(g, 100, 600) > 165);
+    }
+
+    void paperCanBeYellowedAndDeskPartsLeaveOtherScenesAlone()
+    {
+        const cv::Mat frame = sceneFrame("sheets:0.5,0.5,0.5,0.6,0|paper:218,22");
+        QVERIFY(!frame.empty());
+        cv::Scalar paper = cv::mean(frame(cv::Rect(600, 355, 80, 20)));
+        qInfo() << "yellowed paper BGR" << paper[0] << paper[1] << paper[2];
+        QVERIFY(std::abs(paper[1] - 218) < 6);
+        QVERIFY(paper[2] - paper[0] > 20);
+        QVERIFY(std::abs(cv::mean(grey(frame)(cv::Rect(10, 10, 40, 40)))[0] - 45) < 20); // the dark desk
+        // Unknown parts are left out: the plain scene.
+        const cv::Mat plain = sceneFrame("sheets:0.5,0.5,0.5,0.6,0");
+        const cv::Mat odd = sceneFrame("sheets:0.5,0.5,0.5,0.6,0|carpet|lamp:x");
+        QVERIFY(!plain.empty() && !odd.empty());
+        cv::Mat diff;
+        cv::absdiff(grey(plain), grey(odd), diff);
+        cv::rectangle(diff, cv::Rect(0, 600, 400, 120), cv::Scalar(0), cv::FILLED); // the counter
+        QCOMPARE(cv::countNonZero(diff > 3), 0);
+    }
+
+    void tiltedCameraSeesTheDeskItsObjectsAndLight()
+    {
+        qputenv("VCAM_0_TILT", "x:25");
+        const cv::Mat g = grey(sceneFrame("pages:0.5,0.5,0.3,0.6,10|wood|lamp:20|mug:0.5,0.15,0.08"));
+        qunsetenv("VCAM_0_TILT");
+        QVERIFY(!g.empty());
+        vcam::SceneSpec scene;
+        scene.tiltX = 25;
+        vcam::PageSpec page;
+        page.sheet = vcam::SheetSpec{0.5, 0.5, 0.3, 0.6, 10};
+        const vcam::PageCorners truth =
+            vcam::mapCorners(vcam::tiltHomography(scene, 1280, 720), vcam::pageCorners(page, 1280, 720));
+        // The page lies where the tilted camera sees it, on light wood.
+        cv::Mat mask;
+        cv::threshold(g, mask, 150, 255, cv::THRESH_BINARY);
+        QVERIFY(meanAt(g, 4, 4) > 165);
+        const cv::Point2d centre = (truth[0] + truth[1] + truth[2] + truth[3]) / 4;
+        QVERIFY(meanAt(g, int(centre.x), int(centre.y)) > 200);
+        // The mug's ring moved with the desk: seen below where the flat
+        // scene has it, the tilt pulling the upper part of the scene up.
+        const cv::Vec3d ringTop = vcam::tiltHomography(scene, 1280, 720) * cv::Vec3d(640, 0.15 * 720 - 0.08 * 720, 1);
+        const int x = int(ringTop[0] / ringTop[2]), y = int(ringTop[1] / ringTop[2]);
+        double darkest = 255;
+        for (int dy = -6; dy <= 6; ++dy)
+            darkest = std::min(darkest, meanAt(g, x, y + dy, 1));
+        QVERIFY2(darkest < 140, qPrintable(QString::number(darkest)));
     }
 
     void frameCounterChangesEveryFrameAndStaysDim()

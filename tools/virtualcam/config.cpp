@@ -253,9 +253,69 @@ SceneSpec defaultScene()
     return scene;
 }
 
+namespace {
+
+// Fractions parsed from "name:v1,v2,..." when name matches and the count
+// is one of those allowed.
+bool deskPart(const std::string &part, const char *name, size_t least, size_t most, std::vector<double> *v)
+{
+    const std::string prefix = std::string(name) + ":";
+    if (part.compare(0, prefix.size(), prefix) != 0)
+        return false;
+    v->clear();
+    for (const std::string &f : split(part.substr(prefix.size()), ',')) {
+        double d = 0;
+        if (!parseDouble(f, &d))
+            return false;
+        v->push_back(d);
+    }
+    return v->size() >= least && v->size() <= most;
+}
+
+}  // namespace
+
+void parseDeskLook(const std::string &parts, SceneSpec *scene)
+{
+    DeskLookSpec &look = scene->look;
+    std::ostringstream key;
+    for (const std::string &one : split(parts, '|')) {
+        const std::string p = trim(one);
+        std::vector<double> v;
+        if (p == "wood") {
+            look.wood = true;
+        } else if (deskPart(p, "desk", 1, 1, &v) && v[0] >= 1 && v[0] <= 255) {
+            look.plainGrey = v[0];
+        } else if (deskPart(p, "lamp", 1, 1, &v) && std::abs(v[0]) <= 100) {
+            look.lamp = v[0];
+        } else if (deskPart(p, "paper", 1, 2, &v) && v[0] >= 100 && v[0] <= 255 && (v.size() < 2 || v[1] >= 0)) {
+            look.paperGrey = v[0];
+            look.yellowing = v.size() > 1 ? v[1] : 0;
+        } else if (deskPart(p, "shadow", 6, 40, &v) && v.size() % 2 == 0) {
+            look.shadows.push_back(ShadowSpec{v});
+        } else if (deskPart(p, "pen", 4, 4, &v) || deskPart(p, "phone", 5, 5, &v) || deskPart(p, "mug", 3, 3, &v)) {
+            DeskObjectSpec o;
+            o.kind = p[1] == 'e' ? DeskObjectSpec::Pen : p[1] == 'h' ? DeskObjectSpec::Phone : DeskObjectSpec::Mug;
+            std::copy(v.begin(), v.end(), o.v);
+            look.objects.push_back(o);
+        } else {
+            continue;
+        }
+        key << '|' << p;
+    }
+    scene->key += key.str();
+}
+
 SceneSpec parseScene(const std::string &text)
 {
-    const std::string t = trim(text);
+    // The desk's parts follow the main text after the first "|".
+    const std::string whole = trim(text);
+    const size_t bar = whole.find('|');
+    if (bar != std::string::npos) {
+        SceneSpec scene = parseScene(whole.substr(0, bar));
+        parseDeskLook(whole.substr(bar + 1), &scene);
+        return scene;
+    }
+    const std::string t = whole;
     SceneSpec scene;
     if (t == "desk") {
         scene.kind = SceneSpec::Desk;

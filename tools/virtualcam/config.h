@@ -36,6 +36,29 @@ struct PageSpec {
     double corners[8] = {};
 };
 
+// What a real desk adds to a scene: its surface, the things lying on it,
+// the paper's own tone and the light falling on all of it. Given after the
+// scene's main text as "|"-separated parts (see the README).
+struct DeskObjectSpec {
+    enum Kind { Pen, Phone, Mug };
+    Kind kind = Pen;
+    double v[5] = {};  // pen: cx,cy,length,angle; phone: cx,cy,w,h,angle; mug: cx,cy,r
+};
+
+struct ShadowSpec {
+    std::vector<double> polygon;  // x1,y1,x2,y2,... fractions of the frame
+};
+
+struct DeskLookSpec {
+    bool wood = false;       // a light wooden desk instead of the dark one
+    double plainGrey = 0;    // else, when not 0: a plain grey desk of this grey
+    double lamp = 0;         // grey levels the lamp adds top-left and takes bottom-right
+    double paperGrey = 0;    // 0: the usual paper; else its grey level
+    double yellowing = 0;    // grey levels of blue the yellowed paper lacks
+    std::vector<DeskObjectSpec> objects;  // drawn on the desk, under the sheets
+    std::vector<ShadowSpec> shadows;      // over everything
+};
+
 struct SceneSpec {
     enum Kind { Sheets, Image, Desk };
     Kind kind = Sheets;
@@ -45,6 +68,7 @@ struct SceneSpec {
     // horizontal and vertical axes through its centre; focal length in frame
     // widths.
     double tiltX = 0, tiltY = 0, focal = 1.0;
+    DeskLookSpec look;
     std::string imagePath;
     std::string key;  // canonical text, identifies the scene in caches
 };
@@ -99,6 +123,10 @@ std::string fourccToString(uint32_t fourcc);
 std::vector<Size> parseSizes(const std::string &text);
 SceneSpec parseScene(const std::string &text);
 SceneSpec defaultScene();
+// The "|"-separated desk parts after a scene's main text ("wood", "desk:G",
+// "lamp:30", "shadow:...", "pen:...", "phone:...", "mug:...", "paper:..."),
+// appended to scene's key. Malformed parts are left out.
+void parseDeskLook(const std::string &parts, SceneSpec *scene);
 // "x:20", "y:-10", "x:20,y:10" (degrees), and the focal length ("" keeps
 // the default), into scene (and its key). False, scene untouched, when
 // malformed.

@@ -1,4 +1,5 @@
 #include "scene.h"
+#include "deskscene.h"
 #include "tiltscene.h"
 
 #include <linux/videodev2.h>
@@ -16,7 +17,6 @@ namespace vcam {
 
 namespace {
 
-const cv::Scalar kPaper(236, 240, 242);
 const cv::Scalar kInk(62, 60, 58);
 const cv::Scalar kCounter(128, 128, 128);
 const int kFont = cv::FONT_HERSHEY_SIMPLEX;
@@ -60,13 +60,13 @@ void fillLocalRect(cv::Mat &img, const SheetFrame &f, double u0, double v0, doub
     cv::fillConvexPoly(img, pts, 4, color, cv::LINE_AA, kShift);
 }
 
-void drawSheet(cv::Mat &img, const SheetSpec &sheet)
+void drawSheet(cv::Mat &img, const SheetSpec &sheet, const cv::Scalar &paper)
 {
     const double sw = sheet.w * img.cols;
     const double sh = sheet.h * img.rows;
     const double a = sheet.angle * kPi / 180.0;
     SheetFrame f{sheet.cx * img.cols, sheet.cy * img.rows, std::cos(a), std::sin(a)};
-    fillLocalRect(img, f, -sw / 2, -sh / 2, sw / 2, sh / 2, kPaper);
+    fillLocalRect(img, f, -sw / 2, -sh / 2, sw / 2, sh / 2, paper);
 
     // A few printed lines so the sheet reads as a document. The middle band
     // stays blank, so the sheet centre is always paper.
@@ -105,15 +105,23 @@ cv::Mat renderScene(const SceneSpec &scene, int width, int height)
         cv::Mat pic = loadPicture(scene.imagePath, width, height);
         if (!pic.empty()) {
             tiltAndPrint(pic, scene);
+            lightScene(pic, scene);
             return pic;
         }
     }
     cv::Mat img(height, width, CV_8UC3);
-    fillDesk(img);
+    if (scene.look.wood)
+        fillWoodDesk(img);
+    else if (scene.look.plainGrey > 0)
+        fillPlainDesk(img, scene.look.plainGrey);
+    else
+        fillDesk(img);
+    drawDeskObjects(img, scene);
     if (scene.kind == SceneSpec::Sheets)
         for (const SheetSpec &s : scene.sheets)
-            drawSheet(img, s);
+            drawSheet(img, s, paperColour(scene));
     tiltAndPrint(img, scene);
+    lightScene(img, scene);
     return img;
 }
 

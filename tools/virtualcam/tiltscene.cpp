@@ -9,7 +9,6 @@ namespace vcam {
 
 namespace {
 
-const cv::Scalar kPaper(236, 240, 242);
 const cv::Scalar kInk(62, 60, 58);
 const double kPi = 3.14159265358979323846;
 const int kShift = 4;  // sub-pixel bits for the page's outline
@@ -67,9 +66,19 @@ PageCorners mapCorners(const cv::Matx33d &h, const PageCorners &corners)
     return out;
 }
 
-cv::Mat pagePrint(cv::Size size)
+cv::Scalar paperColour(const SceneSpec &scene)
 {
-    cv::Mat print(size, CV_8UC3, kPaper);
+    const DeskLookSpec &look = scene.look;
+    if (look.paperGrey <= 0)
+        return kPaperColour;
+    // Yellowed paper lacks blue and has a touch more red; its grey stays.
+    const double g = look.paperGrey, y = look.yellowing;
+    return cv::Scalar(std::clamp(g - y, 0.0, 255.0), g, std::clamp(g + y / 3, 0.0, 255.0));
+}
+
+cv::Mat pagePrint(cv::Size size, const cv::Scalar &paper)
+{
+    cv::Mat print(size, CV_8UC3, paper);
     const int w = size.width, h = size.height;
     const int thick = std::max(2, static_cast<int>(std::lround(0.005 * std::min(w, h))));
     auto bar = [&](double x0, double y0, double x1, double y1) {
@@ -103,7 +112,7 @@ cv::Mat pagePrint(cv::Size size)
     return print;
 }
 
-void drawPage(cv::Mat &img, const PageCorners &corners)
+void drawPage(cv::Mat &img, const PageCorners &corners, const cv::Scalar &paper)
 {
     const int pw = std::max(2, static_cast<int>(std::lround(edgeMean(corners, 0, 1, 3, 2))));
     const int ph = std::max(2, static_cast<int>(std::lround(edgeMean(corners, 0, 3, 1, 2))));
@@ -116,7 +125,7 @@ void drawPage(cv::Mat &img, const PageCorners &corners)
     }
     // The outline's edge pixels blend paper and desk; the print fills the
     // pixels whose centres lie on the page.
-    cv::fillConvexPoly(img, outline, 4, kPaper, cv::LINE_AA, kShift);
+    cv::fillConvexPoly(img, outline, 4, paper, cv::LINE_AA, kShift);
     const cv::Rect box = (cv::boundingRect(whole) + cv::Size(2, 2)) & cv::Rect(0, 0, img.cols, img.rows);
     if (box.empty())
         return;
@@ -127,7 +136,7 @@ void drawPage(cv::Mat &img, const PageCorners &corners)
     for (int i = 0; i < 4; ++i)
         to[i] = cv::Point2f(static_cast<float>(corners[i].x - box.x), static_cast<float>(corners[i].y - box.y));
     cv::Mat roi = img(box);
-    cv::warpPerspective(pagePrint(cv::Size(pw, ph)), roi, cv::getPerspectiveTransform(from, to), box.size(),
+    cv::warpPerspective(pagePrint(cv::Size(pw, ph), paper), roi, cv::getPerspectiveTransform(from, to), box.size(),
                         cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
 }
 
@@ -147,7 +156,7 @@ void printPages(cv::Mat &img, const SceneSpec &scene)
 {
     const cv::Matx33d h = tiltHomography(scene, img.cols, img.rows);
     for (const PageSpec &page : scene.pages)
-        drawPage(img, mapCorners(h, pageCorners(page, img.cols, img.rows)));
+        drawPage(img, mapCorners(h, pageCorners(page, img.cols, img.rows)), paperColour(scene));
 }
 
 }  // namespace vcam

@@ -30,14 +30,21 @@ PageCorners pageCorners(const PageSpec &page, int width, int height);
 // corners mapped by h.
 PageCorners mapCorners(const cv::Matx33d &h, const PageCorners &corners);
 
+// The usual paper of sheets and pages (BGR).
+const cv::Scalar kPaperColour(236, 240, 242);
+
+// The paper of the scene's sheets and pages: the usual, or the grey and
+// yellowing its desk parts give (BGR).
+cv::Scalar paperColour(const SceneSpec &scene);
+
 // The print of a page of the given size: paper with the ruled frame, a
 // cross in its lower half and lines of text in its upper half; the margins
 // outside the frame are blank paper.
-cv::Mat pagePrint(cv::Size size);
+cv::Mat pagePrint(cv::Size size, const cv::Scalar &paper = kPaperColour);
 
 // The page printed between corners (frame pixels), anti-aliased at its
 // edges.
-void drawPage(cv::Mat &img, const PageCorners &corners);
+void drawPage(cv::Mat &img, const PageCorners &corners, const cv::Scalar &paper = kPaperColour);
 
 // The scene's pages drawn over img where the tilted camera sees them.
 void printPages(cv::Mat &img, const SceneSpec &scene);
