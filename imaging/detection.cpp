@@ -8,7 +8,7 @@
 #include <cmath>
 #include <utility>
 
-std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correction, bool corners,
+std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correction,
                                               SheetSearch &search)
 {
     std::vector<std::vector<cv::Point>> contours;
@@ -17,7 +17,6 @@ std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correctio
     cv::RotatedRect best(cv::Point2f(0, 0), cv::Size2f(0, 0), 0);
     int maxArea = 0;
     std::vector<cv::RotatedRect> all;
-    const std::vector<cv::Point> *bestContour = nullptr;
     search.quads.clear();
     for (const std::vector<cv::Point> &contour : contours) {
         const cv::RotatedRect r = cv::minAreaRect(contour);
@@ -29,18 +28,13 @@ std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correctio
             if (a > float(maxArea)) {
                 best = r;
                 maxArea = int(a);
-                bestContour = &contour;
             }
             all.push_back(r);
-            if (corners && correction == Correction::Several)
-                search.quads.push_back(sheetCorners(contour, r));
         }
     }
 
     switch (correction) {
     case Correction::Single:
-        if (corners)
-            search.quads.push_back(bestContour ? sheetCorners(*bestContour, best) : SheetQuad{});
         return {best};
     case Correction::Several:
         return all;

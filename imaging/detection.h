@@ -17,18 +17,17 @@ constexpr float smallestSheetArea = 73500.0f;
 struct SheetSearch
 {
     cv::Mat padded; // the thresholded frame inside a frame of zeros
-    // With corners asked for, the four corners of each sheet the last search
-    // returned, in its order; empty otherwise.
+    // With the perspective option, the four corners of each sheet the last
+    // search returned, in its order; empty otherwise.
     std::vector<SheetQuad> quads;
 };
 
-// The sheets in a grey frame: the bright regions above the fixed level
-// 127 larger than smallestSheetArea. correction 1 (single) gives the
-// largest, or a rectangle of no size when there is none; 2 (several)
-// gives all, in the order the outline search met them; any other code
-// gives none. With corners, search.quads gets each returned sheet's
-// corners as well.
-std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correction, bool corners,
+// The sheets in a grey frame of a dark desk: the bright regions above the
+// fixed level 127 larger than smallestSheetArea. correction 1 (single)
+// gives the largest, or a rectangle of no size when there is none; 2
+// (several) gives all, in the order the outline search met them; any other
+// code gives none. search.quads is left empty: these are rectangles only.
+std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correction,
                                               SheetSearch &search);
 
 // Green around the one sheet of single correction, red around each of

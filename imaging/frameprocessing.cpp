@@ -19,8 +19,7 @@ std::vector<cv::RotatedRect> processFrame(const cv::Mat &src, cv::Mat &out, bool
 
     std::vector<cv::RotatedRect> list;
     if (correction != Correction::None)
-        list = corners ? findSheetsOnAnyDesk(src, correction, smallestSheetArea, work.anyDesk, work.sheets.quads)
-                       : findSheetsInGrey(work.grey, correction, corners, work.sheets);
+        list = findSheets(src, work.grey, correction, corners, work);
 
     // out may still share the pixels of an earlier source; it is written
     // below only when it holds a buffer nobody else does.
@@ -47,4 +46,16 @@ std::vector<cv::RotatedRect> processFrame(const cv::Mat &src, cv::Mat &out, bool
     if (draw && !list.empty())
         drawSheetOutlines(out, list, work.sheets.quads, outlineColour(correction));
     return list;
+}
+
+std::vector<cv::RotatedRect> findSheets(const cv::Mat &src, const cv::Mat &grey, int correction,
+                                        bool corners, FrameWork &work)
+{
+    if (corners)
+        return findSheetsOnAnyDesk(src, correction, smallestSheetArea, work.anyDesk,
+                                   work.sheets.quads);
+    if (!grey.empty())
+        return findSheetsInGrey(grey, correction, work.sheets);
+    cv::cvtColor(src, work.grey, cv::COLOR_BGR2GRAY);
+    return findSheetsInGrey(work.grey, correction, work.sheets);
 }

@@ -32,4 +32,11 @@ std::vector<cv::RotatedRect> processFrame(const cv::Mat &src, cv::Mat &out, bool
                                           int correction, int shooting, bool corners,
                                           FrameWork &work);
 
+// The sheets of the BGR frame src for the correction code: with corners
+// found on any desk (work.sheets.quads then holds their corners), else by
+// the fixed threshold on the grey picture grey (made from src into
+// work.grey when grey is empty).
+std::vector<cv::RotatedRect> findSheets(const cv::Mat &src, const cv::Mat &grey, int correction,
+                                        bool corners, FrameWork &work);
+
 #endif // IMAGING_FRAMEPROCESSING_H

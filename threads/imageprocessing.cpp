@@ -752,11 +752,7 @@ void ImageProcessing::setCameraShootType(int code)
 
 std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
 {
-    if (perspective)
-        return findSheetsOnAnyDesk(src, correction_type, smallestSheetArea, work.anyDesk, work.sheets.quads);
-    cv::Mat grey;
-    cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
-    return findSheetsInGrey(grey, correction_type, perspective, work.sheets);
+    return findSheets(src, cv::Mat(), correction_type, perspective, work);
 }
 
 
