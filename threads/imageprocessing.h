@@ -150,6 +150,13 @@ public:
 
     // A deep copy of the last frame read, safe to call from any thread.
     cv::Mat currentFrame();
+    // The camera's own JPEG bytes of the last frame read (a copy), with its
+    // capture time and picture size; empty when the camera sends pictures
+    // rather than JPEG. Safe to call from any thread.
+    cv::Mat currentFrameBytes(qint64 *capturedNs, cv::Size *size);
+    // Whether the open camera sends its own JPEG bytes (MJPG), which the
+    // loop then decodes itself.
+    std::atomic<bool> compressedFrames{false};
     // The same, with the monotonic time the camera captured it.
     cv::Mat currentFrame(qint64 *capturedNs);
     // Frames the loop has made current so far.
@@ -204,6 +211,8 @@ private:
     void settleReconnection(bool wanted);
     void waitForReturn();
     bool readFrame();
+    unsigned readAhead();
+    void readFromCamera();
     std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
                                             int correction, int shooting);
     QImage &previewBuffer(int width, int height, QImage::Format format);
@@ -215,6 +224,8 @@ private:
     std::mutex frameMutex; // frame swaps against currentFrame()
     std::mutex childMutex; // child1/child2
     cv::Mat readBuffer;    // the loop's next frame; swapped with frame
+    cv::Mat readBytes;     // its JPEG bytes (empty for pictures); swapped with frameBytes
+    cv::Mat frameBytes;    // the current frame's JPEG bytes, under frameMutex
     qint64 readStamp = 0;  // capture times of readBuffer and frame, in
     qint64 frameStamp = 0; // monotonic nanoseconds
     qint64 captureTime();  // of the frame cap just read (under capMutex)
