@@ -4,7 +4,7 @@
 #include "cache.h"
 #include "camerainfo.h"
 #include "testsupport.h"
-#include "threads/cameraframe.h"
+#include "imaging/cameraframe.h"
 #include "threads/imageprocessing.h"
 
 #include <QFile>

@@ -7,7 +7,7 @@
 #include "safeindex.h"
 #include "imaging/detection.h"
 #include "imaging/frameconversion.h"
-#include "threads/cameraframe.h"
+#include "imaging/cameraframe.h"
 #include "threads/racecheck.h"
 
 #include <QDebug>

@@ -1,5 +1,5 @@
-#ifndef THREADS_CAMERAFRAME_H
-#define THREADS_CAMERAFRAME_H
+#ifndef IMAGING_CAMERAFRAME_H
+#define IMAGING_CAMERAFRAME_H
 
 #include <opencv2/core.hpp>
 
@@ -16,4 +16,4 @@ bool isCompressedFrame(const cv::Mat &mat);
 // picture empty, for bytes that are no JPEG picture.
 bool decodeWholeFrame(const cv::Mat &bytes, cv::Mat &picture);
 
-#endif // THREADS_CAMERAFRAME_H
+#endif // IMAGING_CAMERAFRAME_H
