@@ -1,9 +1,13 @@
-// Recording an MJPG camera as it sends: the camera's JPEG frames go into the
-// AVI file as they are (each packet byte for byte a frame the virtual camera
-// logged), pictures of the file's size are compressed in between, and a file
-// whose writer was killed mid-way still reads back up to its last frame.
+// The camera's own bytes: an MJPG camera is read compressed and decoded by
+// the capture thread itself, with the very pixels (and so the very photos)
+// OpenCV's own read gives, while a YUYV camera goes on as before; recording
+// such a camera puts its JPEG frames into the AVI file as they are (each
+// packet byte for byte a frame the virtual camera logged), pictures of the
+// file's size are compressed in between, and a file whose writer was killed
+// mid-way still reads back up to its last frame.
 #include "cache.h"
 #include "camerainfo.h"
+#include "imaging/cameraframe.h"
 #include "output/passthroughvideofile.h"
 #include "qcameraview.h"
 #include "testsupport.h"
@@ -125,6 +129,59 @@ bool sameScene(const cv::Mat &a, const cv::Mat &b)
     return a.size() == b.size() && a.type() == b.type() && cv::PSNR(a, b) >= 30.0;
 }
 
+// The lines of the virtual camera's frame log: sequence, size, CRC-32.
+QStringList frameLog(const QString &path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromLatin1(f.readAll()).split('\n', Qt::SkipEmptyParts);
+}
+
+// The sequence number the log gives the frame of these bytes; -1 if none.
+int sequenceOf(const QStringList &log, const cv::Mat &bytes)
+{
+    const QString entry = crcOf(bytes.data, bytes.total());
+    for (const QString &line : log)
+        if (line.section(' ', 1) == entry)
+            return line.section(' ', 0, 0).toInt();
+    return -1;
+}
+
+struct Streaming
+{
+    ImageProcessing p;
+    int frames = 0;
+
+    Streaming(const QSize &size)
+    {
+        QObject::connect(&p, &ImageProcessing::sendFarmeSignal, &p, [this](QImage) { ++frames; },
+                         Qt::DirectConnection);
+        p.driveId = 0;
+        p.setFrameWidthAndHeight(size.width(), size.height());
+        p.begin();
+        p.openCamara();
+    }
+    ~Streaming() { p.end(); }
+};
+
+QString photoOf(ImageProcessing &p)
+{
+    QString file;
+    const QMetaObject::Connection c = QObject::connect(
+        &p, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal), &p,
+        [&file](QList<QString> files, int) { file = files.value(0); }, Qt::DirectConnection);
+    p.takePhoto();
+    QObject::disconnect(c);
+    return file;
+}
+
+QByteArray contents(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
 void idle(int ms)
 {
     QEventLoop loop;
@@ -134,7 +191,7 @@ void idle(int ms)
 
 } // namespace
 
-class TestPassThroughRecording : public QObject
+class TestCameraBytes : public QObject
 {
     Q_OBJECT
 
@@ -158,6 +215,97 @@ private slots:
     {
         clearVirtualCameraEnvironment();
         Cache::cameras->clear();
+    }
+
+    void mjpgCameraFramesAreItsOwnBytesDecodedWhole()
+    {
+        const QString log = dir->filePath("frames.log");
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_FRAME_LOG", log.toLocal8Bit());
+        *Cache::cameras = CameraInfo::discover();
+        QCOMPARE(Cache::cameras->size(), 2);
+
+        Streaming s(QSize(1280, 720));
+        QTRY_VERIFY_WITH_TIMEOUT(s.frames >= 3, frameDeadline);
+        s.p.end();
+        QVERIFY(s.p.compressedFrames);
+        qint64 stamp = 0;
+        cv::Size size;
+        const cv::Mat bytes = s.p.currentFrameBytes(&stamp, &size);
+        QVERIFY(isCompressedFrame(bytes));
+        QCOMPARE(size, cv::Size(1280, 720));
+        QVERIFY(stamp > 0);
+        QVERIFY(sequenceOf(frameLog(log), bytes) >= 0);
+
+        const cv::Mat frame = s.p.currentFrame();
+        QCOMPARE(frame.type(), CV_8UC3);
+        cv::Mat decoded;
+        QVERIFY(decodeWholeFrame(bytes, decoded));
+        QCOMPARE(frame.size(), decoded.size());
+        QCOMPARE(cv::norm(frame, decoded, cv::NORM_INF), 0.0);
+    }
+
+    void yuyvCameraGivesPicturesAsBefore()
+    {
+        qputenv("VCAM_0_FORMATS", "YUYV");
+        qputenv("VCAM_0_SIZES", "640x480");
+        *Cache::cameras = CameraInfo::discover();
+        Cache::config->image_fourcc = 8; // none of the list: the camera's own
+        Streaming s(QSize(640, 480));
+        QTRY_VERIFY_WITH_TIMEOUT(s.frames >= 3, frameDeadline);
+        s.p.end();
+        QVERIFY(!s.p.compressedFrames);
+        qint64 stamp = 0;
+        cv::Size size;
+        QVERIFY(s.p.currentFrameBytes(&stamp, &size).empty());
+        QCOMPARE(size, cv::Size(640, 480));
+        const cv::Mat frame = s.p.currentFrame();
+        QCOMPARE(frame.type(), CV_8UC3);
+        QCOMPARE(frame.size(), cv::Size(640, 480));
+    }
+
+    // A photo of the frame the thread decoded itself is, file for file, the
+    // photo of the same camera frame as OpenCV's own read decodes it.
+    void photoEqualsPhotoOfOpenCvDecodedFrame()
+    {
+        const QString log = dir->filePath("frames.log");
+        qputenv("VCAM_0_SIZES", "1280x720");
+        qputenv("VCAM_0_FRAME_LOG", log.toLocal8Bit());
+        *Cache::cameras = CameraInfo::discover();
+        Cache::config->image_codec = "png";
+
+        QString ours;
+        int sequence = -1;
+        {
+            Streaming s(QSize(1280, 720));
+            QTRY_VERIFY_WITH_TIMEOUT(s.frames >= 3, frameDeadline);
+            s.p.end();
+            qint64 stamp = 0;
+            cv::Size size;
+            sequence = sequenceOf(frameLog(log), s.p.currentFrameBytes(&stamp, &size));
+            ours = photoOf(s.p);
+        }
+        QVERIFY(sequence >= 1);
+        QVERIFY(!ours.isEmpty());
+
+        // A fresh stream starts again at frame 0, and OpenCV throws that one
+        // away: its n-th read is frame n.
+        cv::VideoCapture cap(0, cv::CAP_V4L2);
+        QVERIFY(cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc('M', 'J', 'P', 'G')));
+        QVERIFY(cap.set(cv::CAP_PROP_FRAME_WIDTH, 1280) && cap.set(cv::CAP_PROP_FRAME_HEIGHT, 720));
+        cv::Mat decodedByOpenCv;
+        for (int i = 1; i <= sequence; ++i)
+            QVERIFY(cap.read(decodedByOpenCv));
+        cap.release();
+
+        ImageProcessing p;
+        p.frame = decodedByOpenCv;
+        const QString theirs = photoOf(p);
+        QVERIFY(!theirs.isEmpty());
+        QVERIFY(ours != theirs);
+        const QByteArray a = contents(ours);
+        QVERIFY(a.size() > 1000);
+        QCOMPARE(a, contents(theirs));
     }
 
     void recordedPacketsAreTheBytesTheCameraSent()
@@ -285,5 +433,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestPassThroughRecording)
-#include "tst_passthroughrecording.moc"
+QTEST_MAIN(TestCameraBytes)
+#include "tst_camerabytes.moc"
