@@ -10,7 +10,7 @@ bool isCompressedFrame(const cv::Mat &mat)
 
 bool decodeWholeFrame(const cv::Mat &bytes, cv::Mat &picture)
 {
-    // OpenCV's Video4Linux2 back end decodes MJPG with this very call.
-    cv::imdecode(bytes, cv::IMREAD_COLOR, &picture);
-    return !picture.empty();
+    // OpenCV's Video4Linux2 back end decodes MJPG with this very call, into
+    // the buffer of the frame before (reused when the size is the same).
+    return !cv::imdecode(bytes, cv::IMREAD_COLOR, &picture).empty();
 }

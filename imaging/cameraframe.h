@@ -12,8 +12,9 @@
 bool isCompressedFrame(const cv::Mat &mat);
 
 // The whole picture of a compressed frame, decoded exactly as OpenCV's own
-// Video4Linux2 read decodes it (so photos keep their pixels). False, with
-// picture empty, for bytes that are no JPEG picture.
+// Video4Linux2 read decodes it (so photos keep their pixels), into
+// picture's buffer. Bytes whose header cannot be read leave picture as it
+// was, as OpenCV's own read leaves its frame; false when it is then empty.
 bool decodeWholeFrame(const cv::Mat &bytes, cv::Mat &picture);
 
 #endif // IMAGING_CAMERAFRAME_H

@@ -217,6 +217,25 @@ private slots:
         Cache::cameras->clear();
     }
 
+    // Bytes that are no picture give none, pictures are never taken for
+    // bytes, and a whole decode reuses the buffer of the picture before.
+    void wholeDecodeOfBytes()
+    {
+        cv::Mat picture(240, 320, CV_8UC3, cv::Scalar(1, 2, 3));
+        const uchar *buffer = picture.data;
+        const cv::Mat bytes = jpegOf(numbered(3));
+        QVERIFY(isCompressedFrame(bytes));
+        QVERIFY(!isCompressedFrame(picture));
+        QVERIFY(!isCompressedFrame(cv::Mat(1, 100, CV_8UC1, cv::Scalar(0))));
+        QVERIFY(decodeWholeFrame(bytes, picture));
+        QCOMPARE(picture.size(), cv::Size(320, 240));
+        QVERIFY(picture.data == buffer);
+        QVERIFY(sameScene(picture, numbered(3)));
+        cv::Mat none;
+        QVERIFY(!decodeWholeFrame(bytes.colRange(0, 20).clone(), none)); // cut inside its header
+        QVERIFY(none.empty());
+    }
+
     void mjpgCameraFramesAreItsOwnBytesDecodedWhole()
     {
         const QString log = dir->filePath("frames.log");

@@ -233,14 +233,17 @@ void ImageProcessing::readFromCamera()
 {
     {
         std::lock_guard<std::mutex> lock(capMutex);
-        cap >> readBuffer;
+        cap >> readRaw;
         readStamp = captureTime();
     }
-    if (isCompressedFrame(readBuffer)) {
-        std::swap(readBytes, readBuffer);
+    // The picture buffers go round (readBuffer, frame, readRaw), so that a
+    // frame is decoded into memory already mapped.
+    if (isCompressedFrame(readRaw)) {
+        std::swap(readBytes, readRaw);
         if (!decodeWholeFrame(readBytes, readBuffer))
             readBytes.release();
     } else {
+        std::swap(readBuffer, readRaw);
         readBytes.release();
     }
 }

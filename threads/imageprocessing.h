@@ -225,6 +225,7 @@ private:
     std::mutex childMutex; // child1/child2
     cv::Mat readBuffer;    // the loop's next frame; swapped with frame
     cv::Mat readBytes;     // its JPEG bytes (empty for pictures); swapped with frameBytes
+    cv::Mat readRaw;       // what the camera handed over, before any decode
     cv::Mat frameBytes;    // the current frame's JPEG bytes, under frameMutex
     qint64 readStamp = 0;  // capture times of readBuffer and frame, in
     qint64 frameStamp = 0; // monotonic nanoseconds
