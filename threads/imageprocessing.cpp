@@ -222,19 +222,22 @@ bool ImageProcessing::readFrame()
 // nothing.
 unsigned ImageProcessing::readAhead()
 {
-    readFromCamera();
-    return readBuffer.empty() ? 0u : capGeneration.load();
+    const unsigned generation = readFromCamera();
+    return readBuffer.empty() ? 0u : generation;
 }
 
 // Reads the camera's next frame into readBuffer and, when the camera sends
-// JPEG, its bytes into readBytes. The decode runs without the camera's
-// lock, so that a request for the camera is not held up by it.
-void ImageProcessing::readFromCamera()
+// JPEG, its bytes into readBytes; answers the generation of the camera it
+// read from. The decode runs without the camera's lock, so that a request
+// for the camera is not held up by it.
+unsigned ImageProcessing::readFromCamera()
 {
+    unsigned generation = 0;
     {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readRaw;
         readStamp = captureTime();
+        generation = capGeneration;
     }
     // The picture buffers go round (readBuffer, frame, readRaw), so that a
     // frame is decoded into memory already mapped.
@@ -246,6 +249,7 @@ void ImageProcessing::readFromCamera()
         std::swap(readBuffer, readRaw);
         readBytes.release();
     }
+    return generation;
 }
 
 // A series that starts afresh photographs the page already there once it is

@@ -44,8 +44,10 @@
 //                                                    currentFrame()      swap and the copy
 //   cap                            loop, GUI while   loop, ahead         capMutex
 //                                  the loop is not running
-//   readBuffer, readStamp          ahead, or loop    loop                the future nextRead
-//                                  when none is under way
+//   readBuffer, readStamp,         ahead, or loop    loop                the future nextRead
+//     readBytes, readRaw           when none is under way
+//   frameBytes                     loop              any, by             frameMutex
+//                                                    currentFrameBytes()
 //   work, previewOut, the preview  loop (or one      loop                one thread at a time
 //     buffers                      caller while the loop is not reading)
 //   fitted, fittedKey              loop              GUI                 fittedMutex
@@ -212,7 +214,7 @@ private:
     void waitForReturn();
     bool readFrame();
     unsigned readAhead();
-    void readFromCamera();
+    unsigned readFromCamera();
     std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
                                             int correction, int shooting);
     QImage &previewBuffer(int width, int height, QImage::Format format);
