@@ -56,6 +56,28 @@ int framesIn(const QString &path)
     return frames;
 }
 
+// The program's settings for camera 0 as discovered now, files into folder.
+void useCameraZero(const QString &folder)
+{
+    *Cache::cameras = CameraInfo::discover();
+    Cache::config->camera_index = 0;
+    Cache::config->image_resolution = 0;
+    Cache::config->image_fourcc = 0;
+    Cache::config->user_documentsLocation = folder;
+}
+
+// The preview shown at its usual size, once its camera delivers.
+void openPreview(QCameraView &view, int timeoutMs)
+{
+    view.resize(760, 560);
+    view.show();
+    view.init(0);
+    QElapsedTimer opening;
+    opening.start();
+    while ((view.isOpenTip || view.m_Image.isNull()) && opening.elapsed() < timeoutMs)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+}
+
 void BM_RecordFullHd(benchmark::State &state)
 {
     qputenv("VCAM_NODES", "0:camera");
@@ -63,22 +85,12 @@ void BM_RecordFullHd(benchmark::State &state)
     qputenv("VCAM_0_SIZES", "1920x1080");
     qputenv("VCAM_0_FPS", "30");
     qputenv("VCAM_0_SCENE", "sheets:0.5,0.5,0.5,0.7,8");
-    *Cache::cameras = CameraInfo::discover();
-    Cache::config->camera_index = 0;
-    Cache::config->image_resolution = 0;
-    Cache::config->image_fourcc = 0;
     QTemporaryDir folder;
-    Cache::config->user_documentsLocation = folder.path();
+    useCameraZero(folder.path());
 
     for (auto _ : state) {
         QCameraView view;
-        view.resize(760, 560);
-        view.show();
-        view.init(0);
-        QElapsedTimer opening;
-        opening.start();
-        while (view.isOpenTip && opening.elapsed() < 10000)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        openPreview(view, 10000);
 
         int timerTicks = 0;
         QObject::connect(view.timerWriter, &QTimer::timeout, [&timerTicks] { ++timerTicks; });
@@ -160,22 +172,12 @@ void BM_Record8Mp(benchmark::State &state)
     qputenv("VCAM_0_FPS", "15");
     qputenv("VCAM_0_SCENE", "sheets:0.5,0.5,0.5,0.7,8");
     qputenv("VCAM_0_FRAME_LOG", log.toLocal8Bit());
-    *Cache::cameras = CameraInfo::discover();
-    Cache::config->camera_index = 0;
-    Cache::config->image_resolution = 0;
-    Cache::config->image_fourcc = 0;
+    useCameraZero(folder.path());
     Cache::config->record_audio = false;
-    Cache::config->user_documentsLocation = folder.path();
 
     for (auto _ : state) {
         QCameraView view;
-        view.resize(760, 560);
-        view.show();
-        view.init(0);
-        QElapsedTimer opening;
-        opening.start();
-        while ((view.isOpenTip || view.m_Image.isNull()) && opening.elapsed() < 20000)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        openPreview(view, 20000);
         runFor(2000); // settle
 
         qint64 longestGap = 0;
