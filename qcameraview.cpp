@@ -6,6 +6,8 @@
 #include "modecodes.h"
 #include "audio/microphone.h"
 #include "output/photooutput.h"
+#include "imaging/cameraframe.h"
+#include "output/passthroughvideofile.h"
 #include "output/soundvideofile.h"
 #include "output/videofile.h"
 #include "threads/imageprocessing.h"
@@ -422,6 +424,7 @@ void QCameraView::recordBegin()
     // the window knows right away whether it has sound.
     recordSize = cv::Size();
     recordOpenTried = false;
+    passThrough = false;
     recordStartFrames = m_imageProcessing->framesTaken;
     offeredStamp = 0;
     soundMissing = false;
@@ -449,18 +452,31 @@ void QCameraView::onWriterTimer()
         return;
     qint64 stamp = 0;
     mutex.lock();
-    cv::Mat copy = m_imageProcessing->currentFrame(&stamp);
+    cv::Mat copy = frameToRecord(&stamp);
     mutex.unlock();
     if (copy.empty() || (recording->file().placesByTime() && stamp == offeredStamp))
         return;
     // The file's frame size is fixed: a frame of another size (the camera
     // set up again meanwhile) goes in scaled to it.
-    if (copy.size() != recordSize)
+    if (!isCompressedFrame(copy) && copy.size() != recordSize)
         cv::resize(copy, copy, recordSize, 0, 0, cv::INTER_AREA);
     if (!recording->offer(copy, stamp))
         return;
     offeredStamp = stamp;
     fps_count += 1;
+}
+
+// What a tick records: the camera's own JPEG bytes when the file takes them
+// and they are of its size, otherwise a copy of the decoded frame.
+cv::Mat QCameraView::frameToRecord(qint64 *stamp)
+{
+    if (passThrough) {
+        cv::Size size;
+        cv::Mat bytes = m_imageProcessing->currentFrameBytes(stamp, &size);
+        if (!bytes.empty() && size == recordSize)
+            return bytes;
+    }
+    return m_imageProcessing->currentFrame(stamp);
 }
 
 // Opens the recording's file at the size of the camera's frame, once the
@@ -476,6 +492,18 @@ bool QCameraView::openRecordingFile(bool anyFrame)
         return false;
     recordOpenTried = true;
     recordSize = first.size();
+    // A camera that sends JPEG at the file's size is recorded as it sends:
+    // its frames go into the file without being decoded or compressed.
+    qint64 stamp = 0;
+    cv::Size size;
+    passThrough = !thread->currentFrameBytes(&stamp, &size).empty() && size == recordSize;
+    if (passThrough) {
+        auto file = std::make_unique<PassThroughVideoFile>(m_cameraRecorderPath, recordSize,
+                                                           qRound(recordFileRate));
+        if (file->isOpen())
+            startWriting(std::move(file));
+        return true;
+    }
     // A file that cannot be written (full disk, folder gone) leaves the
     // writer closed: the recording then writes nothing and never retries.
     if (!openMjpgFile(*thread->writer, m_cameraRecorderPath, recordFileRate, recordSize))

@@ -120,6 +120,7 @@ private:
     void markOpen();
     QImage fittedImage(QSize size);
     bool openRecordingFile(bool anyFrame);
+    cv::Mat frameToRecord(qint64 *stamp);
     void paintAwayNotice(QPainter &painter);
 
     bool openSoundFile();
@@ -130,6 +131,7 @@ private:
     cv::Size recordSize;                      // frame size of the recording's file
     unsigned recordStartFrames = 0;           // the thread's frame count when recording began
     bool recordOpenTried = false;             // the file was opened, or failed to
+    bool passThrough = false;                 // the file takes the camera's own JPEG frames
     bool cameraAway = false;
     PreviewFitter fitter;                     // fits pictures the capture thread did not
     qint64 fittedKey = 0;                     // m_Image that m_temp_Image was fitted from

@@ -27,6 +27,19 @@ AVPacket *packetOf(const void *bytes, std::size_t size)
     return packet;
 }
 
+// 16-bit mono PCM at sampleRate.
+void addSoundStream(AVStream *audio, int sampleRate)
+{
+    audio->time_base = AVRational{1, sampleRate};
+    audio->codecpar->codec_type = AVMEDIA_TYPE_AUDIO;
+    audio->codecpar->codec_id = AV_CODEC_ID_PCM_S16LE;
+    audio->codecpar->sample_rate = sampleRate;
+    av_channel_layout_default(&audio->codecpar->ch_layout, 1);
+    audio->codecpar->bits_per_coded_sample = 16;
+    audio->codecpar->block_align = 2;
+    audio->codecpar->bit_rate = int64_t(sampleRate) * 16;
+}
+
 } // namespace
 
 AvWriter::~AvWriter()
@@ -45,8 +58,8 @@ bool AvWriter::open(const std::string &path, cv::Size frameSize, int framesPerSe
         return false;
 
     AVStream *video = avformat_new_stream(context, nullptr);
-    AVStream *audio = video ? avformat_new_stream(context, nullptr) : nullptr;
-    if (!audio) {
+    AVStream *audio = video && sampleRate > 0 ? avformat_new_stream(context, nullptr) : nullptr;
+    if (!video || (sampleRate > 0 && !audio)) {
         close();
         return false;
     }
@@ -60,14 +73,13 @@ bool AvWriter::open(const std::string &path, cv::Size frameSize, int framesPerSe
     video->codecpar->height = frameSize.height;
     video->codecpar->format = AV_PIX_FMT_YUVJ420P;
 
-    audio->time_base = AVRational{1, sampleRate};
-    audio->codecpar->codec_type = AVMEDIA_TYPE_AUDIO;
-    audio->codecpar->codec_id = AV_CODEC_ID_PCM_S16LE;
-    audio->codecpar->sample_rate = sampleRate;
-    av_channel_layout_default(&audio->codecpar->ch_layout, 1);
-    audio->codecpar->bits_per_coded_sample = 16;
-    audio->codecpar->block_align = 2;
-    audio->codecpar->bit_rate = int64_t(sampleRate) * 16;
+    // Every packet goes to the file as it is written, so that a recording
+    // cut short (the program killed) keeps every whole frame before it.
+    context->flush_packets = 1;
+
+    if (audio)
+        addSoundStream(audio, sampleRate);
+
 
     if (avio_open(&context->pb, path.c_str(), AVIO_FLAG_WRITE) < 0) {
         close();
@@ -83,9 +95,14 @@ bool AvWriter::open(const std::string &path, cv::Size frameSize, int framesPerSe
 
 bool AvWriter::writeFrame(const std::vector<uchar> &jpeg, int64_t pts)
 {
-    if (!context || jpeg.empty())
+    return writeFrame(jpeg.data(), jpeg.size(), pts);
+}
+
+bool AvWriter::writeFrame(const uchar *jpeg, std::size_t size, int64_t pts)
+{
+    if (!context || size == 0)
         return false;
-    AVPacket *packet = packetOf(jpeg.data(), jpeg.size());
+    AVPacket *packet = packetOf(jpeg, size);
     if (!packet)
         return false;
     packet->stream_index = videoStream;
@@ -102,6 +119,8 @@ bool AvWriter::writeFrame(const std::vector<uchar> &jpeg, int64_t pts)
 
 bool AvWriter::writeSamples(const int16_t *data, std::size_t count)
 {
+    if (context && context->nb_streams <= unsigned(audioStream))
+        return false; // a file without sound
     if (!context || count == 0)
         return context != nullptr;
     AVPacket *packet = packetOf(data, count * sizeof(int16_t));

@@ -24,11 +24,13 @@ public:
     AvWriter(const AvWriter &) = delete;
     AvWriter &operator=(const AvWriter &) = delete;
 
+    // A sampleRate of 0 makes a file of pictures alone.
     bool open(const std::string &path, cv::Size frameSize, int framesPerSecond, int sampleRate);
     bool isOpen() const { return context != nullptr; }
 
     // One JPEG picture at tick `pts` (later than every earlier one).
     bool writeFrame(const std::vector<uchar> &jpeg, int64_t pts);
+    bool writeFrame(const uchar *jpeg, std::size_t size, int64_t pts);
     // Samples appended to the sound stream.
     bool writeSamples(const int16_t *samples, std::size_t count);
 

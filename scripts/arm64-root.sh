@@ -16,7 +16,7 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 root="$top/.cache/arm64-root"
 
 packages=(
-  crossbuild-essential-arm64 cmake make pkg-config
+  crossbuild-essential-arm64 cmake make pkg-config zlib1g-dev:arm64
   qtbase5-dev-tools librsvg2-bin
   qtbase5-dev:arm64 libopencv-dev:arm64
   qtmultimedia5-dev:arm64 libqt5multimedia5-plugins:arm64

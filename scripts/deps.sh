@@ -16,6 +16,7 @@ packages=(
   fonts-noto-cjk
   qtmultimedia5-dev libqt5multimedia5-plugins
   libavformat-dev libavcodec-dev libavutil-dev
+  zlib1g-dev
   pulseaudio pulseaudio-utils
   libtesseract-dev tesseract-ocr-chi-sim tesseract-ocr-eng
   libqpdf-dev qpdf

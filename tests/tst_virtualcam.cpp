@@ -19,6 +19,7 @@
 #include <opencv2/videoio.hpp>
 
 #include <linux/videodev2.h>
+#include <zlib.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -594,6 +595,67 @@ private slots:
         QCOMPARE(st.value("streaming"), QStringLiteral("0"));
         // Written by rename: no temporary file is left behind.
         QCOMPARE(QDir(m_state->path()).entryList(QDir::Files), QStringList({"video0.state"}));
+    }
+
+    // With conversion off OpenCV hands over the camera's JPEG bytes as they
+    // are, and the frame log holds each delivered frame's size and CRC-32.
+    void frameLogRecordsChecksumOfEveryFrame()
+    {
+        const QString log = m_state->filePath("frames.log");
+        qputenv("VCAM_0_SIZES", "640x480");
+        qputenv("VCAM_0_FRAME_LOG", log.toLocal8Bit());
+        cv::VideoCapture cap;
+        QVERIFY(openCapture(cap, 0, "MJPG", 640, 480));
+        QVERIFY(cap.set(cv::CAP_PROP_CONVERT_RGB, 0));
+        QStringList read;
+        cv::Mat bytes;
+        for (int i = 0; i < 5; ++i) {
+            QVERIFY(cap.read(bytes));
+            QCOMPARE(bytes.rows, 1);
+            QCOMPARE(bytes.type(), CV_8UC1);
+            QVERIFY(bytes.cols > 1000);
+            QCOMPARE(int(bytes.at<uchar>(0, 0)), 0xFF);
+            QCOMPARE(int(bytes.at<uchar>(0, 1)), 0xD8);
+            read << QStringLiteral("%1 %2")
+                        .arg(bytes.cols)
+                        .arg(qulonglong(crc32(crc32(0L, Z_NULL, 0), bytes.data, uInt(bytes.cols))), 8, 16,
+                             QChar('0'));
+        }
+        cap.release();
+        QFile f(log);
+        QVERIFY(f.open(QIODevice::ReadOnly));
+        const QStringList lines = QString::fromLatin1(f.readAll()).split('\n', Qt::SkipEmptyParts);
+        // OpenCV throws the first frame away: the log holds it too.
+        QCOMPARE(lines.size(), 6);
+        for (int i = 0; i < lines.size(); ++i)
+            QCOMPARE(lines[i].section(' ', 0, 0), QString::number(i));
+        for (int i = 0; i < read.size(); ++i)
+            QCOMPARE(lines[i + 1].section(' ', 1), read[i]);
+    }
+
+    // The same frame of a fresh stream, once decoded by OpenCV and once
+    // handed over compressed and decoded with cv::imdecode: the same pixels.
+    void compressedFrameDecodesAsOpenCvDecodesIt()
+    {
+        qputenv("VCAM_0_SIZES", "1280x720");
+        cv::Mat decodedByOpenCv, bytes;
+        {
+            cv::VideoCapture cap;
+            QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+            for (int i = 0; i < 3; ++i)
+                QVERIFY(cap.read(decodedByOpenCv));
+        }
+        {
+            cv::VideoCapture cap;
+            QVERIFY(openCapture(cap, 0, "MJPG", 1280, 720));
+            QVERIFY(cap.set(cv::CAP_PROP_CONVERT_RGB, 0));
+            for (int i = 0; i < 3; ++i)
+                QVERIFY(cap.read(bytes));
+        }
+        const cv::Mat ours = cv::imdecode(bytes, cv::IMREAD_COLOR);
+        QCOMPARE(ours.size(), decodedByOpenCv.size());
+        QCOMPARE(ours.type(), decodedByOpenCv.type());
+        QCOMPARE(cv::norm(ours, decodedByOpenCv, cv::NORM_INF), 0.0);
     }
 
     void opencvStreamsYuyvAtRequestedSize()

@@ -7,6 +7,7 @@
 #include "safeindex.h"
 #include "imaging/detection.h"
 #include "imaging/frameconversion.h"
+#include "imaging/cameraframe.h"
 #include "threads/racecheck.h"
 
 #include <QDebug>
@@ -201,27 +202,54 @@ bool ImageProcessing::readFrame()
             return false;
         fresh = generation == capGeneration;
     }
-    if (!fresh) {
-        std::lock_guard<std::mutex> lock(capMutex);
-        cap >> readBuffer;
-        readStamp = captureTime();
-    }
+    if (!fresh)
+        readFromCamera();
     if (readBuffer.empty())
         return false;
     {
         std::lock_guard<std::mutex> lock(frameMutex);
         std::swap(frame, readBuffer);
+        std::swap(frameBytes, readBytes);
         frameStamp = readStamp;
     }
     frameGeneration = capGeneration.load();
     ++framesTaken;
-    nextRead = std::async(std::launch::async, [this] {
-        std::lock_guard<std::mutex> lock(capMutex);
-        cap >> readBuffer;
-        readStamp = captureTime();
-        return readBuffer.empty() ? 0u : capGeneration.load();
-    });
+    nextRead = std::async(std::launch::async, [this] { return readAhead(); });
     return true;
+}
+
+// The read ahead: the camera's generation it read from, 0 when it got
+// nothing.
+unsigned ImageProcessing::readAhead()
+{
+    const unsigned generation = readFromCamera();
+    return readBuffer.empty() ? 0u : generation;
+}
+
+// Reads the camera's next frame into readBuffer and, when the camera sends
+// JPEG, its bytes into readBytes; answers the generation of the camera it
+// read from. The decode runs without the camera's lock, so that a request
+// for the camera is not held up by it.
+unsigned ImageProcessing::readFromCamera()
+{
+    unsigned generation = 0;
+    {
+        std::lock_guard<std::mutex> lock(capMutex);
+        cap >> readRaw;
+        readStamp = captureTime();
+        generation = capGeneration;
+    }
+    // The picture buffers go round (readBuffer, frame, readRaw), so that a
+    // frame is decoded into memory already mapped.
+    if (isCompressedFrame(readRaw)) {
+        std::swap(readBytes, readRaw);
+        if (!decodeWholeFrame(readBytes, readBuffer))
+            readBytes.release();
+    } else {
+        std::swap(readBuffer, readRaw);
+        readBytes.release();
+    }
+    return generation;
 }
 
 // A series that starts afresh photographs the page already there once it is
@@ -245,6 +273,14 @@ cv::Mat ImageProcessing::currentFrame()
 {
     std::lock_guard<std::mutex> lock(frameMutex);
     return frame.clone();
+}
+
+cv::Mat ImageProcessing::currentFrameBytes(qint64 *capturedNs, cv::Size *size)
+{
+    std::lock_guard<std::mutex> lock(frameMutex);
+    *capturedNs = frameStamp;
+    *size = frame.size();
+    return frameBytes.clone();
 }
 
 cv::Mat ImageProcessing::currentFrame(qint64 *capturedNs)
@@ -371,6 +407,7 @@ void ImageProcessing::recordVideo()
     {
         std::lock_guard<std::mutex> lock(frameMutex);
         frame = picture;
+        frameBytes.release(); // the picture is no camera frame
     }
     // The file's frame size is fixed when it opens; a picture of another size
     // (turned a quarter, say) would corrupt it and is left out.
@@ -544,6 +581,10 @@ void ImageProcessing::videoParameterSettings()
     qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
              << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
     cameraFps = cap.get(cv::CAP_PROP_FPS);
+    // A camera sending MJPG hands over its own bytes: the loop decodes
+    // them, and a recording can keep them as they are.
+    const bool mjpg = int(cap.get(cv::CAP_PROP_FOURCC)) == cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
+    compressedFrames = mjpg && cap.set(cv::CAP_PROP_CONVERT_RGB, 0);
 }
 
 void ImageProcessing::setCameraExposure(int value)

@@ -44,8 +44,10 @@
 //                                                    currentFrame()      swap and the copy
 //   cap                            loop, GUI while   loop, ahead         capMutex
 //                                  the loop is not running
-//   readBuffer, readStamp          ahead, or loop    loop                the future nextRead
-//                                  when none is under way
+//   readBuffer, readStamp,         ahead, or loop    loop                the future nextRead
+//     readBytes, readRaw           when none is under way
+//   frameBytes                     loop              any, by             frameMutex
+//                                                    currentFrameBytes()
 //   work, previewOut, the preview  loop (or one      loop                one thread at a time
 //     buffers                      caller while the loop is not reading)
 //   fitted, fittedKey              loop              GUI                 fittedMutex
@@ -150,6 +152,13 @@ public:
 
     // A deep copy of the last frame read, safe to call from any thread.
     cv::Mat currentFrame();
+    // The camera's own JPEG bytes of the last frame read (a copy), with its
+    // capture time and picture size; empty when the camera sends pictures
+    // rather than JPEG. Safe to call from any thread.
+    cv::Mat currentFrameBytes(qint64 *capturedNs, cv::Size *size);
+    // Whether the open camera sends its own JPEG bytes (MJPG), which the
+    // loop then decodes itself.
+    std::atomic<bool> compressedFrames{false};
     // The same, with the monotonic time the camera captured it.
     cv::Mat currentFrame(qint64 *capturedNs);
     // Frames the loop has made current so far.
@@ -204,6 +213,8 @@ private:
     void settleReconnection(bool wanted);
     void waitForReturn();
     bool readFrame();
+    unsigned readAhead();
+    unsigned readFromCamera();
     std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
                                             int correction, int shooting);
     QImage &previewBuffer(int width, int height, QImage::Format format);
@@ -215,6 +226,9 @@ private:
     std::mutex frameMutex; // frame swaps against currentFrame()
     std::mutex childMutex; // child1/child2
     cv::Mat readBuffer;    // the loop's next frame; swapped with frame
+    cv::Mat readBytes;     // its JPEG bytes (empty for pictures); swapped with frameBytes
+    cv::Mat readRaw;       // what the camera handed over, before any decode
+    cv::Mat frameBytes;    // the current frame's JPEG bytes, under frameMutex
     qint64 readStamp = 0;  // capture times of readBuffer and frame, in
     qint64 frameStamp = 0; // monotonic nanoseconds
     qint64 captureTime();  // of the frame cap just read (under capMutex)

@@ -178,6 +178,8 @@ void fillCameraSettings(const Env &env, NodeSpec &node)
         node.scriptLoop = trim(*v) == "1";
     if (const std::string *v = lookup(env, nodeVar(n, "SCRIPT_LOG")))
         node.scriptLog = trim(*v);
+    if (const std::string *v = lookup(env, nodeVar(n, "FRAME_LOG")))
+        node.frameLog = trim(*v);
 }
 
 }  // namespace

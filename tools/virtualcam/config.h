@@ -100,6 +100,9 @@ struct NodeSpec {
     std::string script;
     bool scriptLoop = false;
     std::string scriptLog;
+    // File to which a line per delivered frame is appended: its sequence
+    // number, its size in bytes and the CRC-32 of those bytes.
+    std::string frameLog;
 };
 
 struct Config {
