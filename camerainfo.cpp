@@ -13,7 +13,7 @@
 namespace {
 
 // The kernel's fixed-size text fields need not be NUL-terminated.
-template <size_t N>
+template<size_t N>
 QByteArray fieldText(const __u8 (&field)[N])
 {
     const char *text = reinterpret_cast<const char *>(field);
@@ -38,7 +38,7 @@ void listFrameSizes(int fd, CameraInfo &info)
             // whatever kind of size the driver reports.
             qDebug() << "width: %d height: %d\n" << size.discrete.width << size.discrete.height;
             info.supportedResolutions.append(
-                QSize(int(size.discrete.width), int(size.discrete.height)));
+                    QSize(int(size.discrete.width), int(size.discrete.height)));
         }
     }
 }

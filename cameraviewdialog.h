@@ -23,9 +23,9 @@ public:
     ~CameraViewDialog() override;
 
     Ui::CameraViewDialog *ui;
-    QObject *camera;    // not used by this window
+    QObject *camera; // not used by this window
     QImage resultImage; // not used by this window
-    int driverId;       // not used by this window
+    int driverId; // not used by this window
 
     void SetCamera(int index);
     QImage getChildImage();

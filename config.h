@@ -66,10 +66,10 @@ public:
     // the default, so a first-run file keeps its original keys and an older
     // build reads the file unharmed.
     bool perspective_correction; // sheets cut out by their four corners
-    int shooting_mode;           // series: 0 fixed interval, 1 on page turn
-    bool pdf_ocr;                // PDF with a recognised text layer
-    bool record_audio;           // recordings carry the microphone's sound
-    QString audio_input;         // the microphone by its device name; empty for the default
+    int shooting_mode; // series: 0 fixed interval, 1 on page turn
+    bool pdf_ocr; // PDF with a recognised text layer
+    bool record_audio; // recordings carry the microphone's sound
+    QString audio_input; // the microphone by its device name; empty for the default
 
     QString exe_path;
     bool isLinuxOS;

@@ -23,7 +23,7 @@ public:
     ~ImageMergingDialog() override;
 
     Ui::ImageMergingDialog *ui;
-    int index;           // the slot the next photo fills: 0 first, 1 second
+    int index; // the slot the next photo fills: 0 first, 1 second
     QString image1_path; // full path of the first photo; empty until one came
     QString image2_path; // full path of the second photo
 

@@ -33,7 +33,8 @@ namespace {
 const int pagesWithoutProgress = 3;
 
 // The thumbnails made for the fifth photo on; the first four are the form's.
-const char *const createdThumbnailStyle = "border-radius:3px;border:1px groove gray;padding:2px 4px;";
+const char *const createdThumbnailStyle =
+        "border-radius:3px;border:1px groove gray;padding:2px 4px;";
 
 const int firstCreatedThumbnail = 5;
 
@@ -182,22 +183,26 @@ void ImageSavePDFOrTiffDialog::writePdf(const QString &fileName, const QList<QSt
 
 // Recognising the text takes seconds a page: it runs beside the GUI thread,
 // on every core, and the progress dialog moves as each page is recognised.
-void ImageSavePDFOrTiffDialog::writeSearchablePdf(const QString &fileName, const QList<QString> &pages,
+void ImageSavePDFOrTiffDialog::writeSearchablePdf(const QString &fileName,
+                                                  const QList<QString> &pages,
                                                   QProgressDialog *progress)
 {
     TextLayerResult result = TextLayerResult::Added;
     runBesideGui([&]() {
         const int last = pages.size();
-        result = ::writeSearchablePdf(fileName, pages, QThread::idealThreadCount(), [progress, last](int done) {
-            // The last step is shown once the file is written, below.
-            if (done < last)
-                QMetaObject::invokeMethod(
-                    progress, [progress, done]() { progress->setValue(done); }, Qt::QueuedConnection);
-        });
+        result = ::writeSearchablePdf(
+                fileName, pages, QThread::idealThreadCount(), [progress, last](int done) {
+                    // The last step is shown once the file is written, below.
+                    if (done < last)
+                        QMetaObject::invokeMethod(
+                                progress, [progress, done]() { progress->setValue(done); },
+                                Qt::QueuedConnection);
+                });
     });
     progress->setValue(pages.size());
     if (result == TextLayerResult::DataMissing)
-        QMessageBox::warning(this, "警告", "文字识别数据缺失，已生成不含文字层的PDF", QMessageBox::Ok);
+        QMessageBox::warning(this, "警告", "文字识别数据缺失，已生成不含文字层的PDF",
+                             QMessageBox::Ok);
 }
 
 void ImageSavePDFOrTiffDialog::writeTiff(const QString &fileName, const QList<QString> &pages,
@@ -252,7 +257,8 @@ void ImageSavePDFOrTiffDialog::on_btnSaveTiff_clicked()
 
 // Writes every collected photo into one new file of the given format,
 // reports it, then empties and closes the dialog.
-void ImageSavePDFOrTiffDialog::save(const QString &format, const QString &kindName, Writer write, bool slow)
+void ImageSavePDFOrTiffDialog::save(const QString &format, const QString &kindName, Writer write,
+                                    bool slow)
 {
     if (saving)
         return;
@@ -266,8 +272,8 @@ void ImageSavePDFOrTiffDialog::save(const QString &format, const QString &kindNa
     // does not change this file.
     const QList<QString> pages = image_list;
     saving = true;
-    std::unique_ptr<QProgressDialog> progress(
-        startProgress(pages.size(), QString("正在生成%1，共%2页").arg(kindName).arg(pages.size()), slow));
+    std::unique_ptr<QProgressDialog> progress(startProgress(
+            pages.size(), QString("正在生成%1，共%2页").arg(kindName).arg(pages.size()), slow));
     (this->*write)(fileName, pages, progress.get());
     progress.reset();
     saving = false;

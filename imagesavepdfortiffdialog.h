@@ -26,7 +26,7 @@ public:
     ~ImageSavePDFOrTiffDialog() override;
 
     Ui::ImageSavePDFOrTiffDialog *ui;
-    int index;                // number of the next thumbnail, from 1
+    int index; // number of the next thumbnail, from 1
     QList<QString> image_list; // what a save writes, in arrival order
 
     void setImage(QList<QString> paths);

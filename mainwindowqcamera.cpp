@@ -32,9 +32,9 @@ namespace {
 const char *const loadingTip = "视频加载中，请稍候......";
 
 const char *const normalSlotStyle =
-    "border-radius:3px;border:1px groove gray;padding:2px 4px;background-color:transparent";
+        "border-radius:3px;border:1px groove gray;padding:2px 4px;background-color:transparent";
 const char *const newestSlotStyle =
-    "border-radius:3px;border:1px groove gray;padding:2px 4px;background-color:red;";
+        "border-radius:3px;border:1px groove gray;padding:2px 4px;background-color:red;";
 
 // Switching the main camera uses the fixed pair 0 and 2; any other camera
 // is its own "other".
@@ -109,8 +109,8 @@ void MainWindowQCamera::placeLevelMeter()
 // with what they report wired to it.
 void MainWindowQCamera::wireDialogs()
 {
-    connect(ui->video, SIGNAL(sendTakePhotoImageSignal(QList<QString>, int)),
-            this, SLOT(takePhotoImage(QList<QString>, int)));
+    connect(ui->video, SIGNAL(sendTakePhotoImageSignal(QList<QString>, int)), this,
+            SLOT(takePhotoImage(QList<QString>, int)));
 
     timerShooting = new QTimer(this);
     connect(timerShooting, &QTimer::timeout, this, &MainWindowQCamera::onShootingTimer);
@@ -118,22 +118,25 @@ void MainWindowQCamera::wireDialogs()
 
     settingsDialog = new SettingDialog(this);
     connect(settingsDialog, SIGNAL(videSettingSignal()), this, SLOT(videoSetting()));
-    connect(settingsDialog, SIGNAL(reConfigVideoSettingSignal()), this, SLOT(reConfigVideoSetting()));
+    connect(settingsDialog, SIGNAL(reConfigVideoSettingSignal()), this,
+            SLOT(reConfigVideoSetting()));
 
     cameraView1 = new CameraViewDialog(this);
     cameraView2 = new CameraViewDialog(this);
-    connect(cameraView1, &CameraViewDialog::closeView, this, &MainWindowQCamera::changePaintingResolution);
-    connect(cameraView2, &CameraViewDialog::closeView, this, &MainWindowQCamera::changePaintingResolution);
+    connect(cameraView1, &CameraViewDialog::closeView, this,
+            &MainWindowQCamera::changePaintingResolution);
+    connect(cameraView2, &CameraViewDialog::closeView, this,
+            &MainWindowQCamera::changePaintingResolution);
 
     imageMerging = new ImageMergingDialog(this);
     connect(imageMerging, SIGNAL(takePhotoSignals()), this, SLOT(on_btnShooting_clicked()));
-    connect(imageMerging, SIGNAL(saveImageMergingSignals(QList<QString>, int)),
-            this, SLOT(takePhotoImage(QList<QString>, int)));
+    connect(imageMerging, SIGNAL(saveImageMergingSignals(QList<QString>, int)), this,
+            SLOT(takePhotoImage(QList<QString>, int)));
 
     imageSavePDFOrTiff = new ImageSavePDFOrTiffDialog(this);
     connect(imageSavePDFOrTiff, SIGNAL(takePhotoSignals()), this, SLOT(on_btnShooting_clicked()));
-    connect(imageSavePDFOrTiff, SIGNAL(saveImageMergingSignals(QList<QString>, int)),
-            this, SLOT(takePhotoImage(QList<QString>, int)));
+    connect(imageSavePDFOrTiff, SIGNAL(saveImageMergingSignals(QList<QString>, int)), this,
+            SLOT(takePhotoImage(QList<QString>, int)));
 }
 
 // The strip of the last results: every slot shows the placeholder and
@@ -159,16 +162,16 @@ void MainWindowQCamera::setUpModeGroups()
     buttonGroupCorrection->addButton(ui->rb_correction_11, Correction::Single);
     buttonGroupCorrection->addButton(ui->rb_correction_12, Correction::Several);
     buttonGroupCorrection->addButton(ui->rb_correction_13, Correction::Custom);
-    connect(buttonGroupCorrection, &QButtonGroup::idClicked,
-            this, &MainWindowQCamera::buttonGroupCorrectionClicked);
+    connect(buttonGroupCorrection, &QButtonGroup::idClicked, this,
+            &MainWindowQCamera::buttonGroupCorrectionClicked);
 
     buttonGroupShooting = new QButtonGroup(this);
     buttonGroupShooting->addButton(ui->rb_Shooting_10, Shooting::Colour);
     buttonGroupShooting->addButton(ui->rb_Shooting_11, Shooting::Grey);
     buttonGroupShooting->addButton(ui->rb_Shooting_12, Shooting::BlackAndWhite);
     buttonGroupShooting->addButton(ui->rb_Shooting_13, Shooting::WhiteBackground);
-    connect(buttonGroupShooting, &QButtonGroup::idClicked,
-            this, &MainWindowQCamera::buttonGroupShootingTypeClicked);
+    connect(buttonGroupShooting, &QButtonGroup::idClicked, this,
+            &MainWindowQCamera::buttonGroupShootingTypeClicked);
 }
 
 // Controls of the form this window does not offer.
@@ -190,7 +193,8 @@ void MainWindowQCamera::setUpPictures()
     // The logo is the splash picture, shown whole in the column's width.
     const QPixmap logo(resourcePath("/Resources/brivora.png"));
     if (!logo.isNull())
-        ui->picLogo_2->setPixmap(logo.scaled(ui->picLogo_2->size(), Qt::KeepAspectRatio, Qt::SmoothTransformation));
+        ui->picLogo_2->setPixmap(
+                logo.scaled(ui->picLogo_2->size(), Qt::KeepAspectRatio, Qt::SmoothTransformation));
 
     ui->btnleft_2->setIcon(QIcon(resourcePath("/Resources/icon/icon_oleft.png")));
     ui->btnupdown_2->setIcon(QIcon(resourcePath("/Resources/icon/icon_sync.png")));
@@ -205,8 +209,10 @@ void MainWindowQCamera::setUpPictures()
 void MainWindowQCamera::setUpShootingKeys()
 {
     shootingKeys = new ShootingKeys(this, [this] { return dialogOpen(); });
-    connect(shootingKeys, &ShootingKeys::photoPressed, this, &MainWindowQCamera::on_btnShooting_clicked);
-    connect(shootingKeys, &ShootingKeys::seriesPressed, this, &MainWindowQCamera::on_btnShootingTime_clicked);
+    connect(shootingKeys, &ShootingKeys::photoPressed, this,
+            &MainWindowQCamera::on_btnShooting_clicked);
+    connect(shootingKeys, &ShootingKeys::seriesPressed, this,
+            &MainWindowQCamera::on_btnShootingTime_clicked);
     ui->btnShooting->setToolTip(QStringLiteral("拍照（空格键）"));
     ui->btnShootingTime->setToolTip(QStringLiteral("定时拍摄（F5）"));
 }
@@ -224,8 +230,8 @@ MainWindowQCamera::~MainWindowQCamera()
 void MainWindowQCamera::setBigButtonStyle()
 {
     const QString style = QStringLiteral(
-        "border:1px groove gray;border-radius:3px;padding:2px 4px;"
-        "background-image: url(%1/%2);background-repeat: no-repeat;background-position: top ;");
+            "border:1px groove gray;border-radius:3px;padding:2px 4px;"
+            "background-image: url(%1/%2);background-repeat: no-repeat;background-position: top ;");
     const QString folder = resourcePath("/Resources/icon/");
     ui->btnShooting->setStyleSheet(style.arg(folder, "icon_snap_32.png"));
     ui->btnSetting_2->setStyleSheet(style.arg(folder, "icon_setting_32.png"));
@@ -253,7 +259,8 @@ void MainWindowQCamera::takePhoto()
 {
     const QImage first = cameraView1->getChildImage();
     const QImage second = cameraView2->getChildImage();
-    ui->video->setTakePhotoCammond(first, second, cameraView1->isVisible(), cameraView2->isVisible());
+    ui->video->setTakePhotoCammond(first, second, cameraView1->isVisible(),
+                                   cameraView2->isVisible());
 }
 
 void MainWindowQCamera::onShootingTimer()
@@ -341,7 +348,7 @@ void MainWindowQCamera::onPageTurnSettled()
 bool MainWindowQCamera::dialogOpen() const
 {
     return QApplication::activeModalWidget() || settingsDialog->isVisible()
-           || imageMerging->isVisible() || imageSavePDFOrTiff->isVisible();
+            || imageMerging->isVisible() || imageSavePDFOrTiff->isVisible();
 }
 
 void MainWindowQCamera::on_btnShootingVideo_clicked()
@@ -505,7 +512,7 @@ void MainWindowQCamera::on_btnOpenUserWorkDir_2_clicked()
 void MainWindowQCamera::on_btnSelectWorkDir_2_clicked()
 {
     const QString path = QFileDialog::getExistingDirectory(
-        this, QString(), Cache::config->user_documentsLocation, QFileDialog::ShowDirsOnly);
+            this, QString(), Cache::config->user_documentsLocation, QFileDialog::ShowDirsOnly);
     if (path.isEmpty())
         return;
     Cache::config->user_documentsLocation = path;
@@ -544,7 +551,8 @@ void MainWindowQCamera::on_btnSavePdfTiff_clicked()
 {
     if (checkShootingVideo() || checkShootingTime())
         return;
-    toggleCompositionDialog(imageSavePDFOrTiff, imageMerging, [this] { imageSavePDFOrTiff->init(); });
+    toggleCompositionDialog(imageSavePDFOrTiff, imageMerging,
+                            [this] { imageSavePDFOrTiff->init(); });
 }
 
 // The two composition dialogs exclude each other: opening one closes the

@@ -105,7 +105,8 @@ private:
     void warn(const QString &text);
     QLabel *thumbnailSlot(int number) const;
     void toggleSecondaryWindow(CameraViewDialog *window, int camerasNeeded);
-    void toggleCompositionDialog(QDialog *dialog, QDialog *other, const std::function<void()> &init);
+    void toggleCompositionDialog(QDialog *dialog, QDialog *other,
+                                 const std::function<void()> &init);
     static QString thumbnailFor(const QString &file);
     void showInSlot(int n, const QString &file);
     void markNewest(int previous, int last);

@@ -6,10 +6,10 @@
 
 // Sheet correction: what is searched for and cut out.
 namespace Correction {
-constexpr int None = 0;    // the whole frame
-constexpr int Single = 1;  // the largest sheet
+constexpr int None = 0; // the whole frame
+constexpr int Single = 1; // the largest sheet
 constexpr int Several = 2; // every sheet, each to a file of its own
-constexpr int Custom = 3;  // never sent by the window; finds nothing
+constexpr int Custom = 3; // never sent by the window; finds nothing
 } // namespace Correction
 
 // Shooting type: the colours of the preview and the photo.

@@ -60,7 +60,8 @@ QCameraView::QCameraView(QWidget *parent)
     connect(timerWriter, SIGNAL(timeout()), this, SLOT(onWriterTimer()));
     connect(m_imageProcessing, &ImageProcessing::cameraAwaySignal, this,
             &QCameraView::showCameraAway);
-    connect(m_imageProcessing, &ImageProcessing::pageTurnSettled, this, &QCameraView::pageTurnSettled);
+    connect(m_imageProcessing, &ImageProcessing::pageTurnSettled, this,
+            &QCameraView::pageTurnSettled);
 }
 
 QCameraView::~QCameraView()
@@ -180,7 +181,8 @@ void QCameraView::updateImage(QImage image)
 bool QCameraView::inPlainPreview() const
 {
     return m_imageProcessing->correction_type == Correction::None
-           && m_imageProcessing->shooting_type == Shooting::Colour && m_imageProcessing->angle == 0;
+            && m_imageProcessing->shooting_type == Shooting::Colour
+            && m_imageProcessing->angle == 0;
 }
 
 void QCameraView::setImage(QImage image)
@@ -553,7 +555,7 @@ void QCameraView::recordEnd()
     recording.reset();
     if (writer)
         writer->release();
-    emit sendTakePhotoImageSignal(QList<QString>{m_cameraRecorderPath}, ResultKind::FromCamera);
+    emit sendTakePhotoImageSignal(QList<QString>{ m_cameraRecorderPath }, ResultKind::FromCamera);
 }
 
 float QCameraView::soundLevel() const

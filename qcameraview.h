@@ -127,14 +127,14 @@ private:
     void startWriting(std::unique_ptr<VideoFile> file);
 
     std::unique_ptr<RecordingWriter> recording; // writes the recording's frames into its file
-    qint64 offeredStamp = 0;                    // capture time of the last frame it got
-    cv::Size recordSize;                      // frame size of the recording's file
-    unsigned recordStartFrames = 0;           // the thread's frame count when recording began
-    bool recordOpenTried = false;             // the file was opened, or failed to
-    bool passThrough = false;                 // the file takes the camera's own JPEG frames
+    qint64 offeredStamp = 0; // capture time of the last frame it got
+    cv::Size recordSize; // frame size of the recording's file
+    unsigned recordStartFrames = 0; // the thread's frame count when recording began
+    bool recordOpenTried = false; // the file was opened, or failed to
+    bool passThrough = false; // the file takes the camera's own JPEG frames
     bool cameraAway = false;
-    PreviewFitter fitter;                     // fits pictures the capture thread did not
-    qint64 fittedKey = 0;                     // m_Image that m_temp_Image was fitted from
+    PreviewFitter fitter; // fits pictures the capture thread did not
+    qint64 fittedKey = 0; // m_Image that m_temp_Image was fitted from
 };
 
 #endif // QCAMERAVIEW_H

@@ -49,8 +49,7 @@ QString storedColor(const QColor &color)
 
 } // namespace
 
-SettingDialog::SettingDialog(QWidget *parent)
-    : QDialog(parent), ui(new Ui::SettingDialog)
+SettingDialog::SettingDialog(QWidget *parent) : QDialog(parent), ui(new Ui::SettingDialog)
 {
     ui->setupUi(this);
     setWindowFlags(windowFlags() & ~Qt::WindowContextHelpButtonHint);
@@ -91,8 +90,8 @@ void SettingDialog::init()
     for (const QString &format : config->iamge_formats)
         ui->imageCodecBox->addItem(format, format);
 
-    for (QComboBox *box : {ui->imageOutResolutionBox, ui->painting_mian_resolutionBox,
-                           ui->painting_other_resolutionBox}) {
+    for (QComboBox *box : { ui->imageOutResolutionBox, ui->painting_mian_resolutionBox,
+                            ui->painting_other_resolutionBox }) {
         box->clear();
         appendSizes(box, config->resolutions);
     }
@@ -133,8 +132,9 @@ void SettingDialog::init()
 
     ui->checkBox_Perspective->setChecked(config->perspective_correction);
     // A mode this build does not know shows the fixed interval.
-    ui->shootingModeBox->setCurrentIndex(
-        config->shooting_mode == ShootingModePageTurn ? ShootingModePageTurn : ShootingModeInterval);
+    ui->shootingModeBox->setCurrentIndex(config->shooting_mode == ShootingModePageTurn
+                                                 ? ShootingModePageTurn
+                                                 : ShootingModeInterval);
     ui->checkBox_RecordAudio->setChecked(config->record_audio);
     loadAudioInputs(config->audio_input);
 }
@@ -148,7 +148,7 @@ void SettingDialog::loadAudioInputs(const QString &saved)
     for (const QString &name : Microphone::inputNames())
         ui->audioInputBox->addItem(name, name);
     ui->audioInputBox->setCurrentIndex(
-        std::max(0, ui->audioInputBox->findData(Microphone::resolve(saved))));
+            std::max(0, ui->audioInputBox->findData(Microphone::resolve(saved))));
 }
 
 void SettingDialog::setSampleColor(const QColor &color)
@@ -211,7 +211,8 @@ void SettingDialog::on_saveSetting_clicked()
     config->watermark_font_strikeOut = font.strikeOut();
     config->watermark_font_underline = font.underline();
 
-    config->watermark_color = storedColor(ui->lbWatermarkDemo->palette().color(QPalette::WindowText));
+    config->watermark_color =
+            storedColor(ui->lbWatermarkDemo->palette().color(QPalette::WindowText));
 
     config->painting_percentage = ui->painting_percentage_box->value();
     config->painting_main_resolution = ui->painting_mian_resolutionBox->currentIndex();
@@ -265,7 +266,8 @@ void SettingDialog::on_btnColorSelect_clicked()
 void SettingDialog::on_btnFontSelect_clicked()
 {
     bool accepted = false;
-    const QFont font = QFontDialog::getFont(&accepted, ui->lbWatermarkDemo->font(), this, QString());
+    const QFont font =
+            QFontDialog::getFont(&accepted, ui->lbWatermarkDemo->font(), this, QString());
     if (accepted)
         ui->lbWatermarkDemo->setFont(font);
 }

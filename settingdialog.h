@@ -23,7 +23,7 @@ public:
     ~SettingDialog() override;
 
     Ui::SettingDialog *ui;
-    QButtonGroup *saveButtonGroup;      // save_type: file name (0) or time (1)
+    QButtonGroup *saveButtonGroup; // save_type: file name (0) or time (1)
     QButtonGroup *watermakeButtonGroup; // watermark: own text (0) or time (1)
 
     // Loads every control from the settings record and the current camera.

@@ -8,10 +8,9 @@
 void appendOutputSizes(QList<QSize> &sizes)
 {
     // 4640x3452 is the first entry as it stands.
-    sizes << QSize(4640, 3452) << QSize(4416, 3312) << QSize(3742, 2806)
-          << QSize(3264, 2448) << QSize(2592, 1944) << QSize(2048, 1536)
-          << QSize(1920, 1080) << QSize(1600, 1200) << QSize(1280, 960)
-          << QSize(1280, 720) << QSize(800, 600) << QSize(640, 480);
+    sizes << QSize(4640, 3452) << QSize(4416, 3312) << QSize(3742, 2806) << QSize(3264, 2448)
+          << QSize(2592, 1944) << QSize(2048, 1536) << QSize(1920, 1080) << QSize(1600, 1200)
+          << QSize(1280, 960) << QSize(1280, 720) << QSize(800, 600) << QSize(640, 480);
 }
 
 void appendWritableFormats(QList<QString> &formats)

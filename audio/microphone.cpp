@@ -17,8 +17,8 @@ namespace {
 int64_t monotonicNs()
 {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
 }
 
 QAudioFormat recordingFormat()
@@ -57,7 +57,7 @@ class MicrophoneWorker : public QObject
     Q_OBJECT
 
 public:
-    explicit MicrophoneWorker(Microphone *owner) : owner(owner) {}
+    explicit MicrophoneWorker(Microphone *owner) : owner(owner) { }
 
 public slots:
     bool open(const QString &name)
@@ -147,7 +147,10 @@ QString Microphone::resolve(const QString &saved)
 }
 
 Microphone::Microphone(Sink sink, QObject *parent)
-    : QObject(parent), sink(std::move(sink)), thread(new QThread), worker(new MicrophoneWorker(this))
+    : QObject(parent),
+      sink(std::move(sink)),
+      thread(new QThread),
+      worker(new MicrophoneWorker(this))
 {
     thread->setObjectName(QStringLiteral("microphone"));
     worker->moveToThread(thread);
@@ -167,15 +170,16 @@ bool Microphone::start(const QString &deviceName)
 {
     bool opened = false;
     QMetaObject::invokeMethod(
-        worker, [this, deviceName] { return worker->open(deviceName); },
-        Qt::BlockingQueuedConnection, &opened);
+            worker, [this, deviceName] { return worker->open(deviceName); },
+            Qt::BlockingQueuedConnection, &opened);
     return opened;
 }
 
 void Microphone::stop()
 {
     if (thread->isRunning())
-        QMetaObject::invokeMethod(worker, [this] { worker->close(); }, Qt::BlockingQueuedConnection);
+        QMetaObject::invokeMethod(
+                worker, [this] { worker->close(); }, Qt::BlockingQueuedConnection);
 }
 
 #include "microphone.moc"

@@ -51,8 +51,8 @@ private:
     Sink sink;
     QThread *thread;
     MicrophoneWorker *worker;
-    std::atomic<float> currentLevel{0.0f};
-    std::atomic<bool> running{false};
+    std::atomic<float> currentLevel{ 0.0f };
+    std::atomic<bool> running{ false };
 };
 
 #endif // MICROPHONE_H

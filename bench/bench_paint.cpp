@@ -33,7 +33,7 @@ void BM_ShowNewFrame(benchmark::State &state)
 {
     const QSize size = sizeFor(state.range(0));
     // Two pictures taken in turns: each paint sees a new frame.
-    const QImage pictures[2] = {cameraPicture(size), cameraPicture(size)};
+    const QImage pictures[2] = { cameraPicture(size), cameraPicture(size) };
     QCameraView view;
     view.resize(760, 560);
     QImage target(760, 560, QImage::Format_ARGB32_Premultiplied);
@@ -55,7 +55,7 @@ void BM_ShowNewFrame(benchmark::State &state)
 void BM_ShowNewFrameFittedByCaptureThread(benchmark::State &state)
 {
     const QSize size = sizeFor(state.range(0));
-    const QImage pictures[2] = {cameraPicture(size), cameraPicture(size)};
+    const QImage pictures[2] = { cameraPicture(size), cameraPicture(size) };
     QCameraView view;
     view.resize(760, 560);
     view.m_imageProcessing->setPreviewArea(view.size());
@@ -70,13 +70,16 @@ void BM_ShowNewFrameFittedByCaptureThread(benchmark::State &state)
         view.render(&target);
         benchmark::DoNotOptimize(target.constBits());
     }
-    state.SetLabel(QString("widget, fitted by capture %1x%2").arg(size.width()).arg(size.height()).toStdString());
+    state.SetLabel(QString("widget, fitted by capture %1x%2")
+                           .arg(size.width())
+                           .arg(size.height())
+                           .toStdString());
 }
 
 void BM_FitInCaptureThread(benchmark::State &state)
 {
     const QSize size = sizeFor(state.range(0));
-    const QImage pictures[2] = {cameraPicture(size), cameraPicture(size)};
+    const QImage pictures[2] = { cameraPicture(size), cameraPicture(size) };
     ImageProcessing engine;
     engine.setPreviewArea(QSize(760, 560));
     int next = 0;
@@ -84,7 +87,8 @@ void BM_FitInCaptureThread(benchmark::State &state)
         engine.fitForPreview(pictures[next]);
         next = 1 - next;
     }
-    state.SetLabel(QString("capture thread fit %1x%2").arg(size.width()).arg(size.height()).toStdString());
+    state.SetLabel(
+            QString("capture thread fit %1x%2").arg(size.width()).arg(size.height()).toStdString());
 }
 
 // The same picture painted again: what the paint costs without fitting.
@@ -109,7 +113,8 @@ void BM_QtSmoothScale(benchmark::State &state)
     const QImage picture = cameraPicture(size);
     const QSize fitted = picture.size().scaled(760, 560, Qt::KeepAspectRatio);
     for (auto _ : state) {
-        QImage scaled = picture.scaled(fitted, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+        QImage scaled =
+                picture.scaled(fitted, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
         benchmark::DoNotOptimize(scaled.constBits());
     }
     state.SetLabel(QString("qt smooth %1x%2").arg(size.width()).arg(size.height()).toStdString());
@@ -132,7 +137,10 @@ BENCHMARK(BM_FloorClone)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRe
 BENCHMARK(BM_QtSmoothScale)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_RepaintSameFrame)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ShowNewFrame)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_ShowNewFrameFittedByCaptureThread)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShowNewFrameFittedByCaptureThread)
+        ->DenseRange(0, 1)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
 BENCHMARK(BM_FitInCaptureThread)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 int main(int argc, char **argv)

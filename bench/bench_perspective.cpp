@@ -15,7 +15,6 @@
 
 #include <benchmark/benchmark.h>
 
-
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -33,8 +32,9 @@ cv::Mat tiltedFrame()
     vcam::SceneSpec scene;
     scene.tiltX = 20;
     vcam::PageSpec page;
-    page.sheet = vcam::SheetSpec{0.5, 0.5, 0.6 * size.height / std::sqrt(2.0) / size.width, 0.6, 15};
-    scene.pages = {page};
+    page.sheet =
+            vcam::SheetSpec{ 0.5, 0.5, 0.6 * size.height / std::sqrt(2.0) / size.width, 0.6, 15 };
+    scene.pages = { page };
     cv::Mat frame(size, CV_8UC3, cv::Scalar(46, 44, 42));
     vcam::printPages(frame, scene);
     return frame;
@@ -46,12 +46,13 @@ const cv::Mat &woodFrame()
 {
     static cv::Mat frame;
     if (frame.empty()) {
-        vcam::SceneSpec scene = vcam::parseScene("pages:0.5,0.5,0.6,0.6,15|wood|lamp:30|pen:0.85,0.3,0.2,60");
+        vcam::SceneSpec scene =
+                vcam::parseScene("pages:0.5,0.5,0.6,0.6,15|wood|lamp:30|pen:0.85,0.3,0.2,60");
         scene.pages[0].sheet.w = 0.6 * kSize.height / std::sqrt(2.0) / kSize.width;
         scene.tiltX = 20;
         std::vector<uchar> jpeg;
         cv::imencode(".jpg", vcam::renderScene(scene, kSize.width, kSize.height), jpeg,
-                     {cv::IMWRITE_JPEG_QUALITY, 90});
+                     { cv::IMWRITE_JPEG_QUALITY, 90 });
         frame = cv::imdecode(jpeg, cv::IMREAD_COLOR);
     }
     return frame;
@@ -69,8 +70,8 @@ void BM_PreviewSingle(benchmark::State &state)
         QImage image = engine.previewImage(frame);
         benchmark::DoNotOptimize(image.constBits());
     }
-    state.SetLabel(std::string(state.range(0) ? "perspective on" : "perspective off") +
-                   (state.range(1) ? ", light wood" : ", dark desk"));
+    state.SetLabel(std::string(state.range(0) ? "perspective on" : "perspective off")
+                   + (state.range(1) ? ", light wood" : ", dark desk"));
 }
 
 void BM_CutOut(benchmark::State &state)
@@ -82,7 +83,8 @@ void BM_CutOut(benchmark::State &state)
     const cv::RotatedRect rect = engine.findSquares(frame).at(0);
     const SheetQuad quad = engine.foundSheetCorners().at(0);
     for (auto _ : state) {
-        cv::Mat cut = state.range(0) ? flattenSheet(frame, quad, rect) : ImageProcessing::deskewCutOut(frame, rect);
+        cv::Mat cut = state.range(0) ? flattenSheet(frame, quad, rect)
+                                     : ImageProcessing::deskewCutOut(frame, rect);
         benchmark::DoNotOptimize(cut.data);
     }
     state.SetLabel(state.range(0) ? "flat (warpPerspective)" : "straight (deskewCutOut)");
@@ -97,9 +99,10 @@ void BM_FitQuad(benchmark::State &state)
     cv::threshold(grey, bin, 127, 255, cv::THRESH_BINARY);
     std::vector<std::vector<cv::Point>> contours;
     cv::findContours(bin, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
-    const std::vector<cv::Point> &outline = *std::max_element(
-        contours.begin(), contours.end(),
-        [](const auto &a, const auto &b) { return cv::contourArea(a) < cv::contourArea(b); });
+    const std::vector<cv::Point> &outline =
+            *std::max_element(contours.begin(), contours.end(), [](const auto &a, const auto &b) {
+                return cv::contourArea(a) < cv::contourArea(b);
+            });
     for (auto _ : state) {
         SheetQuad quad;
         benchmark::DoNotOptimize(fitSheetQuad(outline, quad));
@@ -158,12 +161,12 @@ void BM_FloorClone(benchmark::State &state)
 } // namespace
 
 BENCHMARK(BM_PreviewSingle)
-    ->Args({0, 0})
-    ->Args({1, 0})
-    ->Args({0, 1})
-    ->Args({1, 1})
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
+        ->Args({ 0, 0 })
+        ->Args({ 1, 0 })
+        ->Args({ 0, 1 })
+        ->Args({ 1, 1 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
 BENCHMARK(BM_CutOut)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_FitQuad)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Reduce)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -31,7 +31,7 @@ struct Camera
     int height;
 };
 
-const Camera cameras[] = {{"1920x1080", "30", 1920, 1080}, {"3264x2448", "15", 3264, 2448}};
+const Camera cameras[] = { { "1920x1080", "30", 1920, 1080 }, { "3264x2448", "15", 3264, 2448 } };
 
 void useCamera(const Camera &camera, bool wood = false)
 {
@@ -39,8 +39,9 @@ void useCamera(const Camera &camera, bool wood = false)
     qputenv("VCAM_0_FORMATS", "MJPG");
     qputenv("VCAM_0_SIZES", camera.size);
     qputenv("VCAM_0_FPS", camera.fps);
-    qputenv("VCAM_0_SCENE", wood ? "sheets:0.5,0.5,0.5,0.7,8|wood|lamp:30|pen:0.85,0.3,0.2,60"
-                                 : "sheets:0.5,0.5,0.5,0.7,8");
+    qputenv("VCAM_0_SCENE",
+            wood ? "sheets:0.5,0.5,0.5,0.7,8|wood|lamp:30|pen:0.85,0.3,0.2,60"
+                 : "sheets:0.5,0.5,0.5,0.7,8");
     *Cache::cameras = CameraInfo::discover();
     Cache::config->camera_index = 0;
     Cache::config->image_resolution = 0;
@@ -84,8 +85,9 @@ void BM_PreviewShown(benchmark::State &state)
         view.setCameraShootType(shooting);
         view.setPerspectiveCorrection(perspective);
         int frames = 0;
-        QObject::connect(view.m_imageProcessing, &ImageProcessing::sendFarmeSignal, &view,
-                         [&frames] { ++frames; }, Qt::DirectConnection);
+        QObject::connect(
+                view.m_imageProcessing, &ImageProcessing::sendFarmeSignal, &view,
+                [&frames] { ++frames; }, Qt::DirectConnection);
         view.init(0);
         QElapsedTimer warmup;
         warmup.start();
@@ -98,20 +100,20 @@ void BM_PreviewShown(benchmark::State &state)
             QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
         state.counters["fps"] = frames * 1000.0 / clock.elapsed();
     }
-    static const char *types[] = {"colour", "grey", "black and white", "background removed"};
-    state.SetLabel(std::string("preview ") + camera.size + " " + types[shooting] + " single correction" +
-                   (perspective ? ", perspective on, light wood" : ""));
+    static const char *types[] = { "colour", "grey", "black and white", "background removed" };
+    state.SetLabel(std::string("preview ") + camera.size + " " + types[shooting]
+                   + " single correction" + (perspective ? ", perspective on, light wood" : ""));
 }
 
 } // namespace
 
 BENCHMARK(BM_PlainReadLoop)->DenseRange(0, 1)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PreviewShown)
-    ->ArgsProduct({{0, 1}, {0, 1, 2, 3}, {0}})
-    ->Args({0, 0, 1})
-    ->Args({1, 0, 1})
-    ->Iterations(1)
-    ->Unit(benchmark::kMillisecond);
+        ->ArgsProduct({ { 0, 1 }, { 0, 1, 2, 3 }, { 0 } })
+        ->Args({ 0, 0, 1 })
+        ->Args({ 1, 0, 1 })
+        ->Iterations(1)
+        ->Unit(benchmark::kMillisecond);
 
 int main(int argc, char **argv)
 {

@@ -16,7 +16,8 @@
 //     it the longest gap of the preview alone.
 //
 //   LD_PRELOAD=build/tools/virtualcam/libvirtualcam.so build/bench/bench_recording
-//   LD_PRELOAD=build/tools/virtualcam/libvirtualcam.so build/bench/bench_recording --benchmark_filter=Record8Mp
+//   LD_PRELOAD=build/tools/virtualcam/libvirtualcam.so build/bench/bench_recording
+//   --benchmark_filter=Record8Mp
 #include "benchsupport.h"
 #include "cache.h"
 #include "camerainfo.h"
@@ -97,9 +98,8 @@ void BM_RecordFullHd(benchmark::State &state)
         qint64 longestGap = 0;
         QElapsedTimer gap;
         QTimer ticker;
-        QObject::connect(&ticker, &QTimer::timeout, [&] {
-            longestGap = qMax(longestGap, gap.restart());
-        });
+        QObject::connect(&ticker, &QTimer::timeout,
+                         [&] { longestGap = qMax(longestGap, gap.restart()); });
         view.recordBegin();
         gap.start();
         ticker.start(10);
@@ -137,7 +137,9 @@ QStringList packetsOf(const QString &path, int *width)
     while (av_read_frame(context, packet) >= 0) {
         if (packet->stream_index == 0) {
             const uLong crc = crc32(crc32(0L, Z_NULL, 0), packet->data, uInt(packet->size));
-            packets << QStringLiteral("%1 %2").arg(packet->size).arg(qulonglong(crc), 8, 16, QChar('0'));
+            packets << QStringLiteral("%1 %2")
+                               .arg(packet->size)
+                               .arg(qulonglong(crc), 8, 16, QChar('0'));
         }
         av_packet_unref(packet);
     }
@@ -183,7 +185,8 @@ void BM_Record8Mp(benchmark::State &state)
         qint64 longestGap = 0;
         QElapsedTimer gap;
         QTimer ticker;
-        QObject::connect(&ticker, &QTimer::timeout, [&] { longestGap = qMax(longestGap, gap.restart()); });
+        QObject::connect(&ticker, &QTimer::timeout,
+                         [&] { longestGap = qMax(longestGap, gap.restart()); });
         double cpu = processCpuSeconds();
         QElapsedTimer wall;
         wall.start();
@@ -230,10 +233,11 @@ void BM_Record8Mp(benchmark::State &state)
         state.counters["timer_ticks"] = timerTicks;
         state.counters["frames_written"] = packets.size();
         state.counters["file_width"] = width;
-        state.counters["ticks_written_percent"] = timerTicks ? 100.0 * packets.size() / timerTicks : 0;
+        state.counters["ticks_written_percent"] =
+                timerTicks ? 100.0 * packets.size() / timerTicks : 0;
         state.counters["camera_frames"] = delivered.size();
         state.counters["camera_frames_in_file_percent"] =
-            delivered.isEmpty() ? 0 : 100.0 * distinct.size() / delivered.size();
+                delivered.isEmpty() ? 0 : 100.0 * distinct.size() / delivered.size();
         state.counters["longest_gui_gap_ms"] = double(longestGap);
         state.counters["longest_gui_gap_preview_alone_ms"] = double(previewGap);
         state.counters["record_end_ms"] = double(endMs);

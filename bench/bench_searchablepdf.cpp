@@ -25,7 +25,8 @@ struct Photos
     {
         const PrintedPage page = printPage(sampleParagraphs(), 12);
         const QString path = dir.filePath("page.jpg");
-        page.image.scaled(3264, 2448, Qt::IgnoreAspectRatio, Qt::SmoothTransformation).save(path, "jpg", 90);
+        page.image.scaled(3264, 2448, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                .save(path, "jpg", 90);
         for (int i = 0; i < pages; ++i)
             list << path;
     }
@@ -72,7 +73,13 @@ void BM_SearchablePdf(benchmark::State &state)
 } // namespace
 
 BENCHMARK(BM_PhotoPdf)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-BENCHMARK(BM_SearchablePdf)->ArgName("workers")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_SearchablePdf)
+        ->ArgName("workers")
+        ->Arg(1)
+        ->Arg(2)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->Iterations(3);
 
 int main(int argc, char **argv)
 {

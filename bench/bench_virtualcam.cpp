@@ -30,7 +30,7 @@ cv::Size parse(const std::string &size)
 
 const char *sizeName(int64_t index)
 {
-    static const char *sizes[] = {"640x480", "1920x1080", "3264x2448"};
+    static const char *sizes[] = { "640x480", "1920x1080", "3264x2448" };
     return sizes[index];
 }
 
@@ -40,7 +40,8 @@ void readFrames(benchmark::State &state, const char *fourcc)
     configure(size);
     const cv::Size wanted = parse(size);
     cv::VideoCapture cap(0, cv::CAP_V4L2);
-    cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc(fourcc[0], fourcc[1], fourcc[2], fourcc[3]));
+    cap.set(cv::CAP_PROP_FOURCC,
+            cv::VideoWriter::fourcc(fourcc[0], fourcc[1], fourcc[2], fourcc[3]));
     cap.set(cv::CAP_PROP_FRAME_WIDTH, wanted.width);
     cap.set(cv::CAP_PROP_FRAME_HEIGHT, wanted.height);
     cv::Mat frame;
@@ -55,8 +56,14 @@ void readFrames(benchmark::State &state, const char *fourcc)
     state.SetLabel(size + " " + fourcc);
 }
 
-void BM_ReadMjpg(benchmark::State &state) { readFrames(state, "MJPG"); }
-void BM_ReadYuyv(benchmark::State &state) { readFrames(state, "YUYV"); }
+void BM_ReadMjpg(benchmark::State &state)
+{
+    readFrames(state, "MJPG");
+}
+void BM_ReadYuyv(benchmark::State &state)
+{
+    readFrames(state, "YUYV");
+}
 
 // Floor: a deep copy of a BGR frame of the same size.
 void BM_FloorCloneFrame(benchmark::State &state)

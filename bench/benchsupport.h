@@ -3,7 +3,7 @@
 
 // What the application object of a benchmark program must be able to do.
 enum class BenchApplication {
-    Gui,     // image conversion and rotation: a QGuiApplication
+    Gui, // image conversion and rotation: a QGuiApplication
     Widgets, // windows and dialogs: a QApplication
     Cameras, // the capture thread and the windows against the virtual camera:
              // a QApplication, cameras opened through Video4Linux2 and the

@@ -34,10 +34,10 @@ constexpr int cameraFps = 15;
 int reexecPreloaded(char **argv)
 {
     static QTemporaryDir scratch;
-    for (const char *sub : {"home", "work", "runtime"})
+    for (const char *sub : { "home", "work", "runtime" })
         QDir(scratch.path()).mkpath(sub);
-    QFile::setPermissions(scratch.filePath("runtime"), QFileDevice::ReadOwner | QFileDevice::WriteOwner
-                                                           | QFileDevice::ExeOwner);
+    QFile::setPermissions(scratch.filePath("runtime"),
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     setenv("LD_PRELOAD", VIRTUALCAM_LIB, 1);
     setenv("HOME", scratch.filePath("home").toLocal8Bit().constData(), 1);
     setenv("XDG_RUNTIME_DIR", scratch.filePath("runtime").toLocal8Bit().constData(), 1);
@@ -83,7 +83,7 @@ int main(int argc, char **argv)
     Cache::config->record_audio = true;
 
     VirtualMicrophone mic;
-    if (!mic.isReady() || !mic.feed({2000.0, 0.6, drift, 1000, 200})) {
+    if (!mic.isReady() || !mic.feed({ 2000.0, 0.6, drift, 1000, 200 })) {
         std::fprintf(stderr, "virtual microphone: %s\n", qPrintable(mic.error()));
         return 1;
     }
@@ -107,8 +107,8 @@ int main(int argc, char **argv)
     std::printf("recorded %d s with the microphone %+.2f %% off: video %.3f s, audio %.3f s, "
                 "%zu flashes (%d more after a missing frame), %zu beeps, %zu of %lld frames "
                 "present, frame period %.1f ms\n",
-                seconds, drift * 100.0, file.videoSeconds(), file.audioSeconds(), onsets.video.size(),
-                onsets.uncertain, onsets.audio.size(), file.frames.size(),
+                seconds, drift * 100.0, file.videoSeconds(), file.audioSeconds(),
+                onsets.video.size(), onsets.uncertain, onsets.audio.size(), file.frames.size(),
                 static_cast<long long>(file.videoTicks), 1000.0 / cameraFps);
     printOffsets("start", onsets, found, 0, 5);
     printOffsets("end", onsets, found, found.size() >= 5 ? found.size() - 5 : 0, found.size());

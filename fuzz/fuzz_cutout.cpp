@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FuzzInput in(data, size);
     const int width = in.upTo(640);
     const int height = in.upTo(480);
-    static const int channelChoices[] = {1, 3, 4};
+    static const int channelChoices[] = { 1, 3, 4 };
     cv::Mat frame(height, width, CV_8UC(channelChoices[in.byte() % 3]), cv::Scalar::all(in.byte()));
     const cv::RotatedRect r(cv::Point2f(in.f32(), in.f32()), cv::Size2f(in.f32(), in.f32()),
                             in.f32());

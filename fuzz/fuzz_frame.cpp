@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FuzzInput in(data, size);
     const int width = in.upTo(4000);
     const int height = in.upTo(3000);
-    static const int channelChoices[] = {1, 3, 4};
+    static const int channelChoices[] = { 1, 3, 4 };
     const int channels = channelChoices[in.byte() % 3];
     thread->shooting_type = int(in.byte() % 6) - 1;
     thread->correction_type = int(in.byte() % 5) - 1;

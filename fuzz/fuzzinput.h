@@ -9,7 +9,7 @@
 class FuzzInput
 {
 public:
-    FuzzInput(const uint8_t *data, size_t size) : data(data), left(size) {}
+    FuzzInput(const uint8_t *data, size_t size) : data(data), left(size) { }
 
     uint8_t byte()
     {

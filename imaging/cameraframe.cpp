@@ -5,7 +5,7 @@
 bool isCompressedFrame(const cv::Mat &mat)
 {
     return mat.rows == 1 && mat.type() == CV_8UC1 && mat.cols >= 2 && mat.at<uchar>(0, 0) == 0xFF
-        && mat.at<uchar>(0, 1) == 0xD8;
+            && mat.at<uchar>(0, 1) == 0xD8;
 }
 
 bool decodeWholeFrame(const cv::Mat &bytes, cv::Mat &picture)

@@ -35,7 +35,7 @@ std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correctio
 
     switch (correction) {
     case Correction::Single:
-        return {best};
+        return { best };
     case Correction::Several:
         return all;
     default:
@@ -96,8 +96,8 @@ cv::Mat deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r)
     // frame's width and height together; a rectangle that is not a number
     // or larger than that is nothing to cut out.
     const bool finite = std::isfinite(r.center.x) && std::isfinite(r.center.y)
-                        && std::isfinite(r.size.width) && std::isfinite(r.size.height)
-                        && std::isfinite(r.angle);
+            && std::isfinite(r.size.width) && std::isfinite(r.size.height)
+            && std::isfinite(r.angle);
     const float longest = float(img.cols) + float(img.rows);
     if (!finite || img.empty() || r.size.width > longest || r.size.height > longest)
         return cv::Mat();

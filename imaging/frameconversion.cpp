@@ -117,8 +117,8 @@ bool turnMatIntoImage(const cv::Mat &mat, int quarterTurns, QImage &turned)
 {
     if (mat.type() != CV_8UC1 && mat.type() != CV_8UC3)
         return false;
-    const Plane src{mat.data, qsizetype(mat.step), mat.cols, mat.rows};
-    const Plane dst{turned.bits(), turned.bytesPerLine(), turned.width(), turned.height()};
+    const Plane src{ mat.data, qsizetype(mat.step), mat.cols, mat.rows };
+    const Plane dst{ turned.bits(), turned.bytesPerLine(), turned.width(), turned.height() };
     if (!turnPixels(src, int(mat.elemSize()), true, quarterTurns, dst))
         return false;
     if (turned.format() == QImage::Format_Indexed8)

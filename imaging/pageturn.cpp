@@ -19,7 +19,8 @@ void pickGrey(const cv::Mat &frame, cv::Size size, cv::Mat &out)
         uchar *dst = out.ptr(y);
         for (int x = 0; x < size.width; ++x) {
             const uchar *p = src + size_t((x + 0.5) * frame.cols / size.width) * channels;
-            dst[x] = channels < 3 ? p[0] : uchar((p[0] * 1868 + p[1] * 9617 + p[2] * 4899 + 8192) >> 14);
+            dst[x] = channels < 3 ? p[0]
+                                  : uchar((p[0] * 1868 + p[1] * 9617 + p[2] * 4899 + 8192) >> 14);
         }
     }
 }

@@ -49,8 +49,8 @@ public:
 private:
     cv::Mat sampled_; // reused buffers of thumbnail()
     cv::Mat current_;
-    cv::Mat still_;   // the frame that began the current still spell
-    cv::Mat shot_;    // the frame the last photo was decided on
+    cv::Mat still_; // the frame that began the current still spell
+    cv::Mat shot_; // the frame the last photo was decided on
     int64_t stillSince_ = 0;
 
     void makeThumbnail(const cv::Mat &frame, cv::Mat &out);

@@ -191,7 +191,7 @@ SheetQuad uprightCorners(const SheetQuad &quad, const cv::RotatedRect &rect)
     // Each corner goes to the quarter it lies in once turned: top-left is
     // around -135 degrees from the centre (y grows downwards), then
     // clockwise.
-    int order[4] = {0, 1, 2, 3};
+    int order[4] = { 0, 1, 2, 3 };
     double bearing[4];
     for (int i = 0; i < 4; ++i)
         bearing[i] = std::atan2(turned[i].y - centre.y, turned[i].x - centre.x);
@@ -272,10 +272,10 @@ cv::Mat flattenSheet(const cv::Mat &img, const SheetQuad &quad, const cv::Rotate
     const cv::Size size = flatSize(up, sheetAspect(up, img.size()));
     if (size.width < 1 || size.height < 1)
         return cv::Mat();
-    const cv::Point2f to[4] = {{0, 0},
-                               {float(size.width - 1), 0},
-                               {float(size.width - 1), float(size.height - 1)},
-                               {0, float(size.height - 1)}};
+    const cv::Point2f to[4] = { { 0, 0 },
+                                { float(size.width - 1), 0 },
+                                { float(size.width - 1), float(size.height - 1) },
+                                { 0, float(size.height - 1) } };
     const cv::Mat m = cv::getPerspectiveTransform(up.data(), to);
     cv::Mat flat;
     // Cubic sampling keeps printed strokes as sharp as the straight

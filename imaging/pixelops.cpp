@@ -4,7 +4,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/core/version.hpp>
 #if CV_VERSION_MAJOR < 5
-#include <opencv2/imgproc/imgproc_c.h>
+#  include <opencv2/imgproc/imgproc_c.h>
 #endif
 
 #include <algorithm>
@@ -141,7 +141,7 @@ void findBrightOutlines(const cv::Mat &grey, double level, cv::Mat &padded,
 
 namespace {
 
-template <int Bytes>
+template<int Bytes>
 struct Pixel
 {
     uchar v[Bytes];
@@ -149,7 +149,7 @@ struct Pixel
 
 // One pixel, with its first and third bytes exchanged when Swap is set
 // (blue-green-red to red-green-blue).
-template <int Bytes, bool Swap>
+template<int Bytes, bool Swap>
 inline Pixel<Bytes> take(const uchar *in)
 {
     Pixel<Bytes> p;
@@ -166,7 +166,7 @@ inline Pixel<Bytes> take(const uchar *in)
 // Quarter turns copy the pixels tile by tile, so that both the rows read and
 // the rows written stay in the cache, with the destination rows shared
 // among the cores.
-template <int Bytes, int QuarterTurns, bool Swap>
+template<int Bytes, int QuarterTurns, bool Swap>
 void turnTiled(const Plane &src, const Plane &dst)
 {
     using P = Pixel<Bytes>;
@@ -203,7 +203,7 @@ void turnTiled(const Plane &src, const Plane &dst)
 }
 
 // Half turn: dst(r, c) = src(h-1-r, w-1-c), each row read backwards.
-template <int Bytes, bool Swap>
+template<int Bytes, bool Swap>
 void turnHalf(const Plane &src, const Plane &dst)
 {
     const int w = src.width;
@@ -218,7 +218,7 @@ void turnHalf(const Plane &src, const Plane &dst)
     });
 }
 
-template <int Bytes, bool Swap>
+template<int Bytes, bool Swap>
 void turn(const Plane &src, int quarterTurns, const Plane &dst)
 {
     if (quarterTurns == 1)
@@ -259,9 +259,9 @@ bool turnQuarters(const QImage &image, int quarterTurns, QImage &dst)
     const int depth = image.depth();
     if (depth != 8 && depth != 24 && depth != 32)
         return false;
-    const Plane src{const_cast<uchar *>(image.constBits()), image.bytesPerLine(), image.width(),
-                    image.height()};
-    const Plane out{dst.bits(), dst.bytesPerLine(), dst.width(), dst.height()};
+    const Plane src{ const_cast<uchar *>(image.constBits()), image.bytesPerLine(), image.width(),
+                     image.height() };
+    const Plane out{ dst.bits(), dst.bytesPerLine(), dst.width(), dst.height() };
     if (!turnPixels(src, depth / 8, false, quarterTurns, out))
         return false;
     if (image.colorCount() > 0)

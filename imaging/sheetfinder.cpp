@@ -28,14 +28,14 @@ inline int greyOf(const uchar *p)
 
 inline double saturationOf(const uchar *p)
 {
-    const int hi = std::max({p[0], p[1], p[2]});
-    const int lo = std::min({p[0], p[1], p[2]});
+    const int hi = std::max({ p[0], p[1], p[2] });
+    const int lo = std::min({ p[0], p[1], p[2] });
     return hi > 0 ? double(hi - lo) / hi : 0.0;
 }
 
 // The least-squares plane grey = a + b x + c y through the samples kept.
-bool fitPlane(const std::vector<cv::Point3d> &samples, const std::vector<double> &residuals, double limit,
-              DeskLook &desk)
+bool fitPlane(const std::vector<cv::Point3d> &samples, const std::vector<double> &residuals,
+              double limit, DeskLook &desk)
 {
     cv::Matx33d ata = cv::Matx33d::zeros();
     cv::Vec3d atb(0, 0, 0);
@@ -120,8 +120,8 @@ bool placeEdge(const cv::Mat &frame, cv::Point2f a, cv::Point2f b, cv::Point2f o
             float c[3];
             inside = colourAt(frame, p.x + s * outward.x, p.y + s * outward.y, c);
             if (inside) {
-                steps[s - 1 + span] = std::abs(c[0] - previous[0]) + std::abs(c[1] - previous[1]) +
-                                      std::abs(c[2] - previous[2]);
+                steps[s - 1 + span] = std::abs(c[0] - previous[0]) + std::abs(c[1] - previous[1])
+                        + std::abs(c[2] - previous[2]);
                 std::copy(c, c + 3, previous);
             }
         }
@@ -172,13 +172,13 @@ EdgeLine borderOr(cv::Size frame, const EdgeLine &edge, cv::Point2f end, float n
     const cv::Point2f a = edge.point;
     const float right = float(frame.width) - 0.5f, bottom = float(frame.height) - 0.5f;
     if (a.x < near && end.x < near)
-        return EdgeLine{{-0.5f, a.y}, {0, 1}};
+        return EdgeLine{ { -0.5f, a.y }, { 0, 1 } };
     if (a.x > right - near && end.x > right - near)
-        return EdgeLine{{right, a.y}, {0, 1}};
+        return EdgeLine{ { right, a.y }, { 0, 1 } };
     if (a.y < near && end.y < near)
-        return EdgeLine{{a.x, -0.5f}, {1, 0}};
+        return EdgeLine{ { a.x, -0.5f }, { 1, 0 } };
     if (a.y > bottom - near && end.y > bottom - near)
-        return EdgeLine{{a.x, bottom}, {1, 0}};
+        return EdgeLine{ { a.x, bottom }, { 1, 0 } };
     return edge;
 }
 
@@ -198,14 +198,14 @@ SheetQuad placeQuad(const cv::Mat &frame, const SheetQuad &rough, float reductio
         if (out.dot(0.5f * (a + b) - centre) < 0)
             out = -out;
         if (!placeEdge(frame, a, b, out, 2 * reduction + 2, points, lines[i]))
-            lines[i] = borderOr(frame.size(), EdgeLine{a, d}, b, 2 * reduction + 2);
+            lines[i] = borderOr(frame.size(), EdgeLine{ a, d }, b, 2 * reduction + 2);
     }
     SheetQuad placed;
     for (int i = 0; i < 4; ++i) {
         // A corner that would move far from where the reduced copy saw it
         // is no better for it: keep that one.
-        if (!meet(lines[(i + 3) % 4], lines[i], placed[i]) ||
-            cv::norm(placed[i] - rough[i]) > 3 * reduction + 3)
+        if (!meet(lines[(i + 3) % 4], lines[i], placed[i])
+            || cv::norm(placed[i] - rough[i]) > 3 * reduction + 3)
             placed[i] = rough[i];
     }
     return placed;
@@ -215,7 +215,8 @@ SheetQuad placeQuad(const cv::Mat &frame, const SheetQuad &rough, float reductio
 // quadrilateral, or its rotated rectangle's when it is none. The outline
 // runs through the paper's outermost reduced pixels; the sheet's edge lies
 // about half a reduced pixel further out.
-bool roughSheet(const std::vector<cv::Point> &contour, int reduction, SheetQuad &quad, cv::RotatedRect &rect)
+bool roughSheet(const std::vector<cv::Point> &contour, int reduction, SheetQuad &quad,
+                cv::RotatedRect &rect)
 {
     const float f = float(reduction);
     const float at = float(reducedPixelAt(reduction));
@@ -244,7 +245,8 @@ bool roughSheet(const std::vector<cv::Point> &contour, int reduction, SheetQuad 
         return true;
     }
     const cv::RotatedRect r = cv::minAreaRect(contour);
-    rect = cv::RotatedRect(r.center * f + shift, cv::Size2f(r.size.width * f + f, r.size.height * f + f), r.angle);
+    rect = cv::RotatedRect(r.center * f + shift,
+                           cv::Size2f(r.size.width * f + f, r.size.height * f + f), r.angle);
     rect.points(quad.data());
     return false;
 }
@@ -271,9 +273,10 @@ void reduceFrame(const cv::Mat &bgr, int reduction, cv::Mat &small)
     // blocks (INTER_AREA) costs more than the whole fixed threshold at
     // 3264x2448, and the edges are placed on the full frame anyway.
     const int at = reducedPixelAt(reduction);
-    const cv::Rect blocks(at, at, (bgr.cols - at) / reduction * reduction, (bgr.rows - at) / reduction * reduction);
-    cv::resize(bgr(blocks), small, cv::Size(blocks.width / reduction, blocks.height / reduction), 0, 0,
-               cv::INTER_NEAREST);
+    const cv::Rect blocks(at, at, (bgr.cols - at) / reduction * reduction,
+                          (bgr.rows - at) / reduction * reduction);
+    cv::resize(bgr(blocks), small, cv::Size(blocks.width / reduction, blocks.height / reduction), 0,
+               0, cv::INTER_NEAREST);
 }
 
 DeskLook estimateDesk(const cv::Mat &small, SheetFinderWork &work)
@@ -352,14 +355,16 @@ void findPaper(const cv::Mat &small, const DeskLook &desk, cv::Mat &paper)
             const double light = grey / deskGrey;
             const double s = saturationOf(p);
             const bool brighter = grey >= deskGrey + above;
-            const bool isPaper = s <= paperSaturation && light >= leastLight && (brighter || s <= neutral);
+            const bool isPaper =
+                    s <= paperSaturation && light >= leastLight && (brighter || s <= neutral);
             out[x] = isPaper ? 255 : 0;
         }
     }
 }
 
-std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correction, float minimumArea,
-                                                 SheetFinderWork &work, std::vector<SheetQuad> &quads)
+std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correction,
+                                                 float minimumArea, SheetFinderWork &work,
+                                                 std::vector<SheetQuad> &quads)
 {
     quads.clear();
     if (correction != 1 && correction != 2)
@@ -369,7 +374,7 @@ std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correct
         if (correction == 2)
             return {};
         quads.push_back(SheetQuad{});
-        return {cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0)};
+        return { cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0) };
     }
     const int f = sheetFinderReduction(bgr.cols);
     reduceFrame(bgr, f, work.small);
@@ -409,7 +414,7 @@ std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correct
     }
     if (correction == 1) {
         quads.push_back(bestQuad);
-        return {best};
+        return { best };
     }
     return all;
 }

@@ -66,7 +66,8 @@ void findPaper(const cv::Mat &small, const DeskLook &desk, cv::Mat &paper);
 // (full-frame pixels, strictly). quads receives each returned sheet's four
 // corners in the same order (a sheet whose outline is no quadrilateral: its
 // rotated rectangle's corners; the zero rectangle: zero corners).
-std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correction, float minimumArea,
-                                                 SheetFinderWork &work, std::vector<SheetQuad> &quads);
+std::vector<cv::RotatedRect> findSheetsOnAnyDesk(const cv::Mat &bgr, int correction,
+                                                 float minimumArea, SheetFinderWork &work,
+                                                 std::vector<SheetQuad> &quads);
 
 #endif // IMAGING_SHEETFINDER_H

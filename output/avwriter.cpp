@@ -30,7 +30,7 @@ AVPacket *packetOf(const void *bytes, std::size_t size)
 // 16-bit mono PCM at sampleRate.
 void addSoundStream(AVStream *audio, int sampleRate)
 {
-    audio->time_base = AVRational{1, sampleRate};
+    audio->time_base = AVRational{ 1, sampleRate };
     audio->codecpar->codec_type = AVMEDIA_TYPE_AUDIO;
     audio->codecpar->codec_id = AV_CODEC_ID_PCM_S16LE;
     audio->codecpar->sample_rate = sampleRate;
@@ -63,8 +63,8 @@ bool AvWriter::open(const std::string &path, cv::Size frameSize, int framesPerSe
         close();
         return false;
     }
-    video->time_base = AVRational{1, framesPerSecond};
-    video->avg_frame_rate = AVRational{framesPerSecond, 1};
+    video->time_base = AVRational{ 1, framesPerSecond };
+    video->avg_frame_rate = AVRational{ framesPerSecond, 1 };
     video->r_frame_rate = video->avg_frame_rate;
     video->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
     video->codecpar->codec_id = AV_CODEC_ID_MJPEG;
@@ -79,7 +79,6 @@ bool AvWriter::open(const std::string &path, cv::Size frameSize, int framesPerSe
 
     if (audio)
         addSoundStream(audio, sampleRate);
-
 
     if (avio_open(&context->pb, path.c_str(), AVIO_FLAG_WRITE) < 0) {
         close();
@@ -110,7 +109,7 @@ bool AvWriter::writeFrame(const uchar *jpeg, std::size_t size, int64_t pts)
     packet->duration = 1;
     packet->flags |= AV_PKT_FLAG_KEY;
     // The muxer may have settled on another time base when the header went.
-    av_packet_rescale_ts(packet, AVRational{1, framesPerSecond},
+    av_packet_rescale_ts(packet, AVRational{ 1, framesPerSecond },
                          context->streams[videoStream]->time_base);
     const bool ok = av_interleaved_write_frame(context, packet) >= 0;
     av_packet_free(&packet);
@@ -130,7 +129,7 @@ bool AvWriter::writeSamples(const int16_t *data, std::size_t count)
     packet->pts = packet->dts = samples;
     packet->duration = static_cast<int64_t>(count);
     packet->flags |= AV_PKT_FLAG_KEY;
-    av_packet_rescale_ts(packet, AVRational{1, sampleRate},
+    av_packet_rescale_ts(packet, AVRational{ 1, sampleRate },
                          context->streams[audioStream]->time_base);
     const bool ok = av_interleaved_write_frame(context, packet) >= 0;
     av_packet_free(&packet);

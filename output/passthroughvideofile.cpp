@@ -29,8 +29,8 @@ void PassThroughVideoFile::write(const cv::Mat &frame, int64_t)
         if (frame.size() != size || frame.type() != CV_8UC3)
             return;
         jpeg.clear();
-        written = cv::imencode(".jpg", frame, jpeg, {cv::IMWRITE_JPEG_QUALITY, jpegQuality})
-                  && file.writeFrame(jpeg, next);
+        written = cv::imencode(".jpg", frame, jpeg, { cv::IMWRITE_JPEG_QUALITY, jpegQuality })
+                && file.writeFrame(jpeg, next);
     }
     if (written)
         ++next;

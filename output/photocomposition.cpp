@@ -44,8 +44,8 @@ void paintPhoto(QImage &image, const PhotoExtras &extras)
 {
     const QString text = watermarkText();
     const bool anyInset = extras.insets
-                          && ((extras.show1 && !extras.first.isNull())
-                              || (extras.show2 && !extras.second.isNull()));
+            && ((extras.show1 && !extras.first.isNull())
+                || (extras.show2 && !extras.second.isNull()));
     if (image.isNull() || (text.isEmpty() && !anyInset))
         return;
     // A grey photo has a colour table, on which nothing can be painted: it
@@ -61,8 +61,8 @@ void paintPhoto(QImage &image, const PhotoExtras &extras)
     if (extras.insets) {
         p.setOpacity(1.0);
         // Both insets sit at the top-left corner, the second over the first.
-        for (const auto &[inset, shown] : {std::make_pair(extras.first, extras.show1),
-                                           std::make_pair(extras.second, extras.show2)}) {
+        for (const auto &[inset, shown] : { std::make_pair(extras.first, extras.show1),
+                                            std::make_pair(extras.second, extras.show2) }) {
             if (!shown || inset.isNull())
                 continue;
             const int w = int(Cache::config->painting_percentage / 100.0 * image.width());

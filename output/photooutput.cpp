@@ -25,8 +25,11 @@ QString nextOutputFileName(const QString &format, const QDateTime &now)
         const QString stamp = now.toString("yyyy_MM_dd HH_mm_ss.zzz");
         return QString("%1/%2.%3").arg(folder).arg(stamp).arg(format);
     }
-    const QString name =
-        QString("%1/%2_%3.%4").arg(folder).arg(config->save_prefix).arg(config->save_number).arg(format);
+    const QString name = QString("%1/%2_%3.%4")
+                                 .arg(folder)
+                                 .arg(config->save_prefix)
+                                 .arg(config->save_number)
+                                 .arg(format);
     config->save_number++;
     return name;
 }
@@ -34,9 +37,9 @@ QString nextOutputFileName(const QString &format, const QDateTime &now)
 QString recordingFileName(const QDateTime &now)
 {
     return QString("%1/%2.%3")
-        .arg(Cache::config->user_documentsLocation)
-        .arg(now.toString("yyyy_MM_dd_HH_mm_ss.zzz"))
-        .arg("avi");
+            .arg(Cache::config->user_documentsLocation)
+            .arg(now.toString("yyyy_MM_dd_HH_mm_ss.zzz"))
+            .arg("avi");
 }
 
 QString watermarkText()

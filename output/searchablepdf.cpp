@@ -77,8 +77,10 @@ struct Recogniser
     Recogniser()
     {
         recogniseOnThisThreadOnly();
-        ready = api.Init(nullptr, textLanguages, tesseract::OEM_LSTM_ONLY) == 0 && hasEveryLanguage()
-            && QFileInfo::exists(QString::fromLocal8Bit(api.GetDatapath()) + "/" + textLayerFont);
+        ready = api.Init(nullptr, textLanguages, tesseract::OEM_LSTM_ONLY) == 0
+                && hasEveryLanguage()
+                && QFileInfo::exists(QString::fromLocal8Bit(api.GetDatapath()) + "/"
+                                     + textLayerFont);
         if (!ready)
             return;
         // Whole pages of body text in columns and paragraphs.
@@ -135,7 +137,8 @@ bool recognisePage(Recogniser &r, const QString &photo, const QString &base)
     r.api.SetSourceResolution(pixGetXRes(pix));
     const QByteArray baseName = QFile::encodeName(base);
     tesseract::TessPDFRenderer renderer(baseName.constData(), r.api.GetDatapath(), true);
-    bool ok = renderer.BeginDocument("") && r.api.Recognize(nullptr) == 0 && renderer.AddImage(&r.api);
+    bool ok = renderer.BeginDocument("") && r.api.Recognize(nullptr) == 0
+            && renderer.AddImage(&r.api);
     ok = renderer.EndDocument() && ok;
     r.api.Clear();
     pixDestroy(&pix);
@@ -152,12 +155,14 @@ void addTextLayers(QPDF &pdf, const std::vector<std::unique_ptr<QPDF>> &texts)
     for (size_t i = 0; i < pages.size() && i < texts.size(); ++i) {
         if (!texts[i])
             continue;
-        std::vector<QPDFPageObjectHelper> textPages = QPDFPageDocumentHelper(*texts[i]).getAllPages();
+        std::vector<QPDFPageObjectHelper> textPages =
+                QPDFPageDocumentHelper(*texts[i]).getAllPages();
         if (textPages.empty())
             continue;
         QPDFPageObjectHelper &page = pages[i];
         QPDFObjectHandle form = pdf.copyForeignObject(textPages.front().getFormXObjectForPage());
-        const QPDFObjectHandle::Rectangle box = form.getDict().getKey("/BBox").getArrayAsRectangle();
+        const QPDFObjectHandle::Rectangle box =
+                form.getDict().getKey("/BBox").getArrayAsRectangle();
         const QPDFObjectHandle::Rectangle target = page.getMediaBox().getArrayAsRectangle();
         if (box.urx - box.llx <= 0 || box.ury - box.lly <= 0)
             continue;
@@ -175,11 +180,13 @@ void addTextLayers(QPDF &pdf, const std::vector<std::unique_ptr<QPDF>> &texts)
 
         const double sx = (target.urx - target.llx) / (box.urx - box.llx);
         const double sy = (target.ury - target.lly) / (box.ury - box.lly);
-        const QPDFMatrix placement(sx, 0, 0, sy, target.llx - box.llx * sx, target.lly - box.lly * sy);
+        const QPDFMatrix placement(sx, 0, 0, sy, target.llx - box.llx * sx,
+                                   target.lly - box.lly * sy);
         page.addPageContents(QPDFObjectHandle::newStream(&pdf, "q\n"), true);
-        page.addPageContents(
-            QPDFObjectHandle::newStream(&pdf, "\nQ\nq " + placement.unparse() + " cm " + name + " Do Q\n"),
-            false);
+        page.addPageContents(QPDFObjectHandle::newStream(&pdf,
+                                                         "\nQ\nq " + placement.unparse() + " cm "
+                                                                 + name + " Do Q\n"),
+                             false);
     }
 }
 
@@ -208,8 +215,8 @@ std::vector<bool> recognisePages(const QList<QString> &pages, int workers,
 {
     const int n = int(pages.size());
     std::vector<bool> recognised(size_t(n), false);
-    std::atomic<int> next{0};
-    std::atomic<bool> missing{false};
+    std::atomic<int> next{ 0 };
+    std::atomic<bool> missing{ false };
     std::mutex reportMutex;
     int done = 0;
 
@@ -224,7 +231,7 @@ std::vector<bool> recognisePages(const QList<QString> &pages, int workers,
         }
         for (int i = next++; i < n; i = next++) {
             recognised[size_t(i)] = scratch.isValid()
-                && recognisePage(r, pages.at(i), scratch.filePath(QString("page%1").arg(i)));
+                    && recognisePage(r, pages.at(i), scratch.filePath(QString("page%1").arg(i)));
             std::lock_guard<std::mutex> lock(reportMutex);
             ++done;
             if (pageDone)
@@ -256,7 +263,7 @@ void writeWithTextLayers(const QString &fileName, const QByteArray &plain,
                 continue;
             texts[i].reset(new QPDF);
             const QByteArray textPage =
-                QFile::encodeName(scratch.filePath(QString("page%1.pdf").arg(i)));
+                    QFile::encodeName(scratch.filePath(QString("page%1.pdf").arg(i)));
             texts[i]->processFile(textPage.constData());
         }
         addTextLayers(pdf, texts);
@@ -272,13 +279,13 @@ void writeWithTextLayers(const QString &fileName, const QByteArray &plain,
 
 } // namespace
 
-TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString> &pages, int workers,
-                                   const std::function<void(int)> &pageDone)
+TextLayerResult writeSearchablePdf(const QString &fileName, const QList<QString> &pages,
+                                   int workers, const std::function<void(int)> &pageDone)
 {
     QTemporaryDir scratch;
     bool dataMissing = false;
     const std::vector<bool> recognised =
-        recognisePages(pages, workers, scratch, pageDone, dataMissing);
+            recognisePages(pages, workers, scratch, pageDone, dataMissing);
 
     QByteArray plain;
     {

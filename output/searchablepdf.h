@@ -19,7 +19,7 @@ extern const char *const textLanguages;
 bool textRecognitionAvailable();
 
 enum class TextLayerResult {
-    Added,       // every readable photo got its text layer
+    Added, // every readable photo got its text layer
     DataMissing, // no recognition data: the PDF was written without text
 };
 

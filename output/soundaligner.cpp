@@ -8,7 +8,7 @@ constexpr int64_t windowNs = 500000000; // how far back the earliest arrival is 
 
 } // namespace
 
-SoundAligner::SoundAligner(int sampleRate) : rate(sampleRate) {}
+SoundAligner::SoundAligner(int sampleRate) : rate(sampleRate) { }
 
 void SoundAligner::setOrigin(int64_t ns)
 {

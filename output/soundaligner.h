@@ -47,14 +47,14 @@ private:
 
     const int rate;
     int64_t originNs = 0;
-    int64_t received = 0;       // microphone samples taken in since the window restarted
+    int64_t received = 0; // microphone samples taken in since the window restarted
     int64_t writtenSamples = 0;
     int64_t lastHeard = 0;
-    int16_t lastValue = 0;      // what padding repeats, so a pad does not click
+    int16_t lastValue = 0; // what padding repeats, so a pad does not click
     // (arrival, lateness in samples) of the recent blocks; the smallest
     // lateness is the block that waited least.
     std::deque<std::pair<int64_t, int64_t>> window;
-    int64_t windowBase = 0;     // file position where `received` was 0
+    int64_t windowBase = 0; // file position where `received` was 0
 };
 
 #endif // SOUNDALIGNER_H

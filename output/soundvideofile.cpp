@@ -27,9 +27,9 @@ SoundVideoFile::SoundVideoFile(const QString &path, cv::Size frameSize, int fram
     : fps(std::max(1, framesPerSecond)), aligner(Microphone::sampleRate)
 {
     microphone = std::make_unique<Microphone>(
-        [this](const int16_t *samples, std::size_t count, int64_t firstNs) {
-            hear(samples, count, firstNs);
-        });
+            [this](const int16_t *samples, std::size_t count, int64_t firstNs) {
+                hear(samples, count, firstNs);
+            });
     soundOk = microphone->start(deviceName);
     if (!soundOk)
         return; // the caller records the picture alone
@@ -57,7 +57,7 @@ void SoundVideoFile::hear(const int16_t *samples, std::size_t count, int64_t fir
             return;
         if (!started && blocks.size() >= maxEarlyBlocks)
             blocks.pop_front();
-        blocks.push_back(Block{std::vector<int16_t>(samples, samples + count), firstNs});
+        blocks.push_back(Block{ std::vector<int16_t>(samples, samples + count), firstNs });
         if (!started)
             return; // waits for the first frame, which sets the origin
     }
@@ -96,14 +96,13 @@ void SoundVideoFile::write(const cv::Mat &frame, int64_t capturedNs)
     if (pts <= lastPts)
         return;
     jpeg.clear();
-    if (!cv::imencode(".jpg", frame, jpeg, {cv::IMWRITE_JPEG_QUALITY, jpegQuality}))
+    if (!cv::imencode(".jpg", frame, jpeg, { cv::IMWRITE_JPEG_QUALITY, jpegQuality }))
         return;
     file.writeFrame(jpeg, pts);
     lastPts = pts;
 
     const bool heardLately = microphone->isRunning()
-                             && capturedNs - std::max(aligner.lastHeardNs(), aligner.origin())
-                                    < silentAfterNs;
+            && capturedNs - std::max(aligner.lastHeardNs(), aligner.origin()) < silentAfterNs;
     if (!heardLately)
         aligner.fillSilence(capturedNs - silenceLagNs, aligned);
     writeSoundUpTo((lastPts + 1) * Microphone::sampleRate / fps);

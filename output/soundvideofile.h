@@ -40,7 +40,8 @@ public:
     void close() override;
 
 private:
-    struct Block {
+    struct Block
+    {
         std::vector<int16_t> samples;
         int64_t firstNs;
     };

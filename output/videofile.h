@@ -23,13 +23,13 @@ public:
     virtual bool placesByTime() const { return false; }
     // Input that comes on its own between frames (sound) is written up to
     // the latest frame.
-    virtual void catchUp() {}
+    virtual void catchUp() { }
     // Nothing more is to come in on its own (the microphone stops); called
     // by the thread finishing the recording, before the last frames are
     // written.
-    virtual void endInput() {}
+    virtual void endInput() { }
     // After the last frame: the file is completed and closed.
-    virtual void close() {}
+    virtual void close() { }
 
     // How the file tells its writer thread that input came in on its own;
     // set once, before the thread starts.
@@ -54,7 +54,7 @@ bool openMjpgFile(cv::VideoWriter &writer, const QString &path, double framesPer
 class OpenCvVideoFile : public VideoFile
 {
 public:
-    explicit OpenCvVideoFile(cv::VideoWriter *writer) : writer(writer) {}
+    explicit OpenCvVideoFile(cv::VideoWriter *writer) : writer(writer) { }
     void write(const cv::Mat &frame, int64_t capturedNs) override;
 
 private:

@@ -119,7 +119,7 @@ cv::Mat numbered(int n)
 cv::Mat jpegOf(const cv::Mat &picture)
 {
     std::vector<uchar> bytes;
-    cv::imencode(".jpg", picture, bytes, {cv::IMWRITE_JPEG_QUALITY, 90});
+    cv::imencode(".jpg", picture, bytes, { cv::IMWRITE_JPEG_QUALITY, 90 });
     return cv::Mat(bytes, true).reshape(1, 1);
 }
 
@@ -156,8 +156,9 @@ struct Streaming
 
     Streaming(const QSize &size)
     {
-        QObject::connect(&p, &ImageProcessing::sendFarmeSignal, &p, [this](QImage) { ++frames; },
-                         Qt::DirectConnection);
+        QObject::connect(
+                &p, &ImageProcessing::sendFarmeSignal, &p, [this](QImage) { ++frames; },
+                Qt::DirectConnection);
         p.driveId = 0;
         p.setFrameWidthAndHeight(size.width(), size.height());
         p.begin();
@@ -170,8 +171,8 @@ QString photoOf(ImageProcessing &p)
 {
     QString file;
     const QMetaObject::Connection c = QObject::connect(
-        &p, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal), &p,
-        [&file](QList<QString> files, int) { file = files.value(0); }, Qt::DirectConnection);
+            &p, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal), &p,
+            [&file](QList<QString> files, int) { file = files.value(0); }, Qt::DirectConnection);
     p.takePhoto();
     QObject::disconnect(c);
     return file;

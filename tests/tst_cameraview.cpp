@@ -65,8 +65,8 @@ void wheel(QWidget *w, int deltaY)
 void mouse(QWidget *w, QEvent::Type type, const QPoint &pos)
 {
     const Qt::MouseButton button = type == QEvent::MouseMove ? Qt::NoButton : Qt::LeftButton;
-    const Qt::MouseButtons buttons = type == QEvent::MouseButtonRelease ? Qt::NoButton
-                                                                         : Qt::LeftButton;
+    const Qt::MouseButtons buttons =
+            type == QEvent::MouseButtonRelease ? Qt::NoButton : Qt::LeftButton;
     QMouseEvent e(type, pos, w->mapToGlobal(pos), button, buttons, Qt::NoModifier);
     QApplication::sendEvent(w, &e);
 }
@@ -92,7 +92,7 @@ bool isPicture(const QImage &shot, int x, int y)
 {
     const QColor c = shot.pixelColor(x, y);
     return qAbs(c.red() - pictureColour.red()) <= 3 && qAbs(c.green() - pictureColour.green()) <= 3
-           && qAbs(c.blue() - pictureColour.blue()) <= 3;
+            && qAbs(c.blue() - pictureColour.blue()) <= 3;
 }
 
 // The smallest rectangle holding every pixel of the picture's colour.
@@ -109,19 +109,19 @@ QRect pictureBox(const QImage &shot)
 QString describe(const QRect &r)
 {
     return QString("picture drawn at x %1..%2, y %3..%4 (%5x%6)")
-        .arg(r.left())
-        .arg(r.right())
-        .arg(r.top())
-        .arg(r.bottom())
-        .arg(r.width())
-        .arg(r.height());
+            .arg(r.left())
+            .arg(r.right())
+            .arg(r.top())
+            .arg(r.bottom())
+            .arg(r.width())
+            .arg(r.height());
 }
 
 // True when a and b differ by at most one pixel on every edge.
 bool nearly(const QRect &a, const QRect &b)
 {
     return qAbs(a.left() - b.left()) <= 1 && qAbs(a.right() - b.right()) <= 1
-           && qAbs(a.top() - b.top()) <= 1 && qAbs(a.bottom() - b.bottom()) <= 1;
+            && qAbs(a.top() - b.top()) <= 1 && qAbs(a.bottom() - b.bottom()) <= 1;
 }
 
 // The frames a finished recording holds, read back with OpenCV.
@@ -225,27 +225,33 @@ private slots:
         QVERIFY(qFuzzyCompare(view.m_ZoomValue, 1.0));
         for (int i = 0; i < 5; ++i)
             wheel(&view, 120);
-        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 2.0), qPrintable(QString::number(view.m_ZoomValue)));
+        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 2.0),
+                 qPrintable(QString::number(view.m_ZoomValue)));
         // No upper limit.
         for (int i = 0; i < 5; ++i)
             wheel(&view, 1);
-        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 3.0), qPrintable(QString::number(view.m_ZoomValue)));
+        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 3.0),
+                 qPrintable(QString::number(view.m_ZoomValue)));
     }
 
     void wheelDownZoomsOutButNeverToZero()
     {
         QCameraView view;
         wheel(&view, -120);
-        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 0.8), qPrintable(QString::number(view.m_ZoomValue)));
+        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 0.8),
+                 qPrintable(QString::number(view.m_ZoomValue)));
         // A delta of 0 counts as zooming out.
         wheel(&view, 0);
-        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 0.6), qPrintable(QString::number(view.m_ZoomValue)));
+        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 0.6),
+                 qPrintable(QString::number(view.m_ZoomValue)));
 
         view.m_ZoomValue = 0.2;
         wheel(&view, -120);
-        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 0.2), qPrintable(QString::number(view.m_ZoomValue)));
+        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 0.2),
+                 qPrintable(QString::number(view.m_ZoomValue)));
         wheel(&view, -120);
-        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 0.2), qPrintable(QString::number(view.m_ZoomValue)));
+        QVERIFY2(qFuzzyCompare(view.m_ZoomValue, 0.2),
+                 qPrintable(QString::number(view.m_ZoomValue)));
     }
 
     // ---- painting -----------------------------------------------------
@@ -259,7 +265,7 @@ private slots:
         QCOMPARE(shot.size(), QSize(800, 200));
         // 400x300 limited by the height: 266x200, left edge at 400 - 133.
         const int left = 400 - 133, right = left + 266 - 1;
-        for (int y : {2, 100, 197}) {
+        for (int y : { 2, 100, 197 }) {
             QVERIFY2(isPicture(shot, left + 2, y), qPrintable(QString("y %1").arg(y)));
             QVERIFY2(isPicture(shot, 400, y), qPrintable(QString("y %1").arg(y)));
             QVERIFY2(isPicture(shot, right - 2, y), qPrintable(QString("y %1").arg(y)));
@@ -354,8 +360,10 @@ private slots:
             QPainter p(&reference);
             p.setRenderHint(QPainter::Antialiasing, true);
             p.translate(760 / 2, 560 / 2);
-            p.drawImage(QRect(-fitted.width() / 2, -fitted.height() / 2, fitted.width(), fitted.height()),
-                        page.scaled(fitted, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation));
+            p.drawImage(
+                    QRect(-fitted.width() / 2, -fitted.height() / 2, fitted.width(),
+                          fitted.height()),
+                    page.scaled(fitted, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation));
         }
         const QPoint origin(760 / 2 - fitted.width() / 2, 560 / 2 - fitted.height() / 2);
         // Compared as the eye sees it: the brightness of 8x8 blocks, so that a
@@ -443,9 +451,12 @@ private slots:
         QCOMPARE(opened.count(), 1);
         const QImage image = view.m_Image;
         QCOMPARE(image.size(), QSize(640, 480));
-        QVERIFY2(qGray(image.pixel(320, 240)) > 200, qPrintable(QString::number(qGray(image.pixel(320, 240)))));
-        QVERIFY2(qGray(image.pixel(4, 4)) < 90, qPrintable(QString::number(qGray(image.pixel(4, 4)))));
-        QVERIFY2(qGray(image.pixel(635, 4)) < 90, qPrintable(QString::number(qGray(image.pixel(635, 4)))));
+        QVERIFY2(qGray(image.pixel(320, 240)) > 200,
+                 qPrintable(QString::number(qGray(image.pixel(320, 240)))));
+        QVERIFY2(qGray(image.pixel(4, 4)) < 90,
+                 qPrintable(QString::number(qGray(image.pixel(4, 4)))));
+        QVERIFY2(qGray(image.pixel(635, 4)) < 90,
+                 qPrintable(QString::number(qGray(image.pixel(635, 4)))));
         QTRY_COMPARE_WITH_TIMEOUT(stateValue(0, "streaming"), QString("1"), stateDeadline);
         QCOMPARE(stateValue(0, "width"), QString("640"));
         QCOMPARE(stateValue(0, "height"), QString("480"));
@@ -537,8 +548,9 @@ private slots:
         Cache::config->image_out_resolution = 11; // 640x480
         Cache::config->painting_percentage = 30;
         MainWindowQCamera w;
-        QVERIFY(QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
-                                frameDeadline));
+        QVERIFY(QTest::qWaitFor(
+                [&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
+                frameDeadline));
         ImageProcessing *thread = w.ui->video->m_imageProcessing;
         w.ui->chMergeImage_2->setChecked(true);
         QVERIFY(thread->isTakePhotoChildCamera);
@@ -571,7 +583,8 @@ private slots:
                 coloured += (c.red() > 150 || c.blue() > 150) && c.green() < 100;
             }
         QCOMPARE(coloured, 0);
-        QVERIFY2(photo.pixelColor(320, 240).red() > 200, "the sheet of the main camera is in the middle");
+        QVERIFY2(photo.pixelColor(320, 240).red() > 200,
+                 "the sheet of the main camera is in the middle");
     }
 
     void windowShowsFramesAndClosesItsCamera()
@@ -660,11 +673,11 @@ private slots:
         QCOMPARE(QFileInfo(path).absolutePath(), QFileInfo(m_documents->path()).absoluteFilePath());
         const QString name = QFileInfo(path).fileName();
         QVERIFY2(QRegularExpression(R"(^\d{4}_\d{2}_\d{2}_\d{2}_\d{2}_\d{2}\.\d{3}\.avi$)")
-                     .match(name)
-                     .hasMatch(),
+                         .match(name)
+                         .hasMatch(),
                  qPrintable(name));
         const QDateTime stamp =
-            QDateTime::fromString(name.chopped(4), QStringLiteral("yyyy_MM_dd_HH_mm_ss.zzz"));
+                QDateTime::fromString(name.chopped(4), QStringLiteral("yyyy_MM_dd_HH_mm_ss.zzz"));
         QVERIFY2(stamp.isValid(), qPrintable(name));
         QVERIFY2(stamp >= before.addMSecs(-1) && stamp <= after.addMSecs(1), qPrintable(name));
 
@@ -676,14 +689,14 @@ private slots:
         QVERIFY(!view.isCameraVideo);
         QVERIFY(!view.timerWriter->isActive());
         QCOMPARE(taken.count(), 1);
-        QCOMPARE(taken.at(0).at(0).value<QList<QString>>(), QList<QString>{path});
+        QCOMPARE(taken.at(0).at(0).value<QList<QString>>(), QList<QString>{ path });
         QCOMPARE(taken.at(0).at(1).toInt(), 0);
         QVERIFY(path.endsWith(".avi"));
 
         const Recording r = readRecording(path);
         QVERIFY2(r.opened, qPrintable(path));
-        qInfo("recording: %d frames in %lld ms, fourcc %s, fps %.2f, %dx%d", r.frames,
-              recordedMs, qPrintable(r.fourcc), r.fps, r.size.width(), r.size.height());
+        qInfo("recording: %d frames in %lld ms, fourcc %s, fps %.2f, %dx%d", r.frames, recordedMs,
+              qPrintable(r.fourcc), r.fps, r.size.width(), r.size.height());
         QCOMPARE(r.fourcc, QString("MJPG"));
         QVERIFY2(qAbs(r.fps - 10.0) < 0.01, qPrintable(QString::number(r.fps)));
         QCOMPARE(r.size, QSize(640, 480));
@@ -707,7 +720,8 @@ private slots:
 
         const Recording r = readRecording(path);
         QVERIFY2(r.opened, qPrintable(path));
-        qInfo("10 s recording: %d frames, %d timer ticks, fps_count %d", r.frames, ticks, view.fps_count);
+        qInfo("10 s recording: %d frames, %d timer ticks, fps_count %d", r.frames, ticks,
+              view.fps_count);
         QVERIFY2(r.frames >= 255 && r.frames <= 345, qPrintable(QString::number(r.frames)));
         // Every tick that found a frame wrote it to the file and counted it,
         // on top of the 1 the count starts at.
@@ -737,7 +751,7 @@ private slots:
 
         view.recordEnd();
         QCOMPARE(taken.count(), 1);
-        QCOMPARE(taken.at(0).at(0).value<QList<QString>>(), QList<QString>{path});
+        QCOMPARE(taken.at(0).at(0).value<QList<QString>>(), QList<QString>{ path });
         const Recording r = readRecording(path);
         QVERIFY2(r.opened, qPrintable(path));
         qInfo("recording with unplug: %d frames", r.frames);
@@ -777,8 +791,8 @@ private slots:
         view.recordEnd();
         QCOMPARE(taken.count(), 1);
         const Recording r = readRecording(view.m_cameraRecorderPath);
-        qInfo("full HD recording: %d ticks of 10 ms, longest gap %lld ms, %d frames written",
-              ticks, maxGap, r.frames);
+        qInfo("full HD recording: %d ticks of 10 ms, longest gap %lld ms, %d frames written", ticks,
+              maxGap, r.frames);
         QVERIFY(r.opened);
         QCOMPARE(r.size, QSize(1920, 1080));
         QVERIFY(r.frames > 0);

@@ -131,7 +131,7 @@ private:
                     return;
             }
             ok = Cache::cameras->size() == 2 && test.stateValue(0, "autofocus") == "off"
-                 && test.stateValue(0, "exposure") == "auto";
+                    && test.stateValue(0, "exposure") == "auto";
             startStreaming(p, sink, 0, QSize(640, 480));
         }
         bool started()
@@ -510,7 +510,8 @@ private slots:
         QElapsedTimer timer;
         timer.start();
         p.end();
-        QVERIFY2(timer.elapsed() <= 1200, qPrintable(QString("end() took %1 ms").arg(timer.elapsed())));
+        QVERIFY2(timer.elapsed() <= 1200,
+                 qPrintable(QString("end() took %1 ms").arg(timer.elapsed())));
         QVERIFY(p.isFinished());
     }
 
@@ -670,11 +671,17 @@ private slots:
         QCOMPARE(lastFitted.size(), QSize(759, 427));
         // The same picture: paper where the sheet lies, desk elsewhere, as
         // in Qt's own smooth scaling of the frame.
-        const QImage reference = lastFrame.scaled(759, 427, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-        for (const QPoint &at : {QPoint(190, 213), QPoint(570, 100), QPoint(570, 330)}) {
+        const QImage reference =
+                lastFrame.scaled(759, 427, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+        for (const QPoint &at : { QPoint(190, 213), QPoint(570, 100), QPoint(570, 330) }) {
             const int a = qGray(lastFitted.pixel(at));
             const int b = qGray(reference.pixel(at));
-            QVERIFY2(qAbs(a - b) <= 6, qPrintable(QString("at %1,%2: %3 against %4").arg(at.x()).arg(at.y()).arg(a).arg(b)));
+            QVERIFY2(qAbs(a - b) <= 6,
+                     qPrintable(QString("at %1,%2: %3 against %4")
+                                        .arg(at.x())
+                                        .arg(at.y())
+                                        .arg(a)
+                                        .arg(b)));
         }
         QVERIFY2(qGray(lastFitted.pixel(190, 213)) > 200, "sheet is not paper");
         QVERIFY2(qGray(lastFitted.pixel(570, 213)) < 90, "desk is not dark");
@@ -699,7 +706,10 @@ private slots:
             const cv::Mat raw = p.currentFrame();
             QString problem;
             if (raw.type() != CV_8UC3 || raw.cols != 640 || raw.rows != 480) {
-                problem = QString("raw frame %1x%2 type %3").arg(raw.cols).arg(raw.rows).arg(raw.type());
+                problem = QString("raw frame %1x%2 type %3")
+                                  .arg(raw.cols)
+                                  .arg(raw.rows)
+                                  .arg(raw.type());
             } else if (image.format() != QImage::Format_RGB888 || image.size() != QSize(640, 480)) {
                 problem = QString("image format %1").arg(int(image.format()));
             } else {

@@ -109,7 +109,8 @@ private slots:
         WorkingDirectory wd;
         Config config;
         const QByteArray text = readAll("system.ini");
-        for (const char *group : {"[camera]", "[image]", "[save]", "[watermark]", "[painting]", "[user]"})
+        for (const char *group :
+             { "[camera]", "[image]", "[save]", "[watermark]", "[painting]", "[user]" })
             QVERIFY2(text.contains(group), group);
         QVERIFY(text.contains("quality=80"));
         QVERIFY(text.contains("strikeOut=false"));
@@ -118,7 +119,7 @@ private slots:
     void missingKeyReadsZeroAndFileIsNotCompleted()
     {
         WorkingDirectory wd;
-        writeSettings("system.ini", {"image/quality"});
+        writeSettings("system.ini", { "image/quality" });
         const QByteArray before = readAll("system.ini");
 
         Config config;
@@ -130,7 +131,7 @@ private slots:
     void missingStringAndBoolKeysReadEmptyAndFalse()
     {
         WorkingDirectory wd;
-        writeSettings("system.ini", {"watermark/font_family", "save/playsound"});
+        writeSettings("system.ini", { "watermark/font_family", "save/playsound" });
         Config config;
         QVERIFY(config.watermark_font_family.isEmpty());
         QCOMPARE(config.save_playsound, false);
@@ -139,7 +140,7 @@ private slots:
     void textExposureReadsZero()
     {
         WorkingDirectory wd;
-        writeSettings("system.ini", {}, {{"camera/exposure", "bright"}});
+        writeSettings("system.ini", {}, { { "camera/exposure", "bright" } });
         Config config;
         QCOMPARE(config.camera_exposure, 0);
     }
@@ -148,8 +149,10 @@ private slots:
     {
         WorkingDirectory wd;
         writeSettings("system.ini", {},
-                      {{"camera/index", 999}, {"image/out_resolution", -1}, {"save/prefix", "DOC"},
-                       {"watermark/strikeOut", true}});
+                      { { "camera/index", 999 },
+                        { "image/out_resolution", -1 },
+                        { "save/prefix", "DOC" },
+                        { "watermark/strikeOut", true } });
         Config config;
         QCOMPARE(config.camera_index, 999);
         QCOMPARE(config.image_out_resolution, -1);
@@ -161,7 +164,7 @@ private slots:
     {
         {
             WorkingDirectory first;
-            writeSettings("system.ini", {}, {{"save/prefix", "FIRST"}});
+            writeSettings("system.ini", {}, { { "save/prefix", "FIRST" } });
             Config config;
             QCOMPARE(config.save_prefix, QString("FIRST"));
         }
@@ -175,7 +178,7 @@ private slots:
     {
         WorkingDirectory wd;
         const QString folder = wd.path() + "/a/b/c/photos";
-        writeSettings("system.ini", {}, {{"user/documentsLocation", folder}});
+        writeSettings("system.ini", {}, { { "user/documentsLocation", folder } });
         QVERIFY(!QDir(wd.path() + "/a").exists());
         Config config;
         QCOMPARE(config.user_documentsLocation, folder);
@@ -188,7 +191,8 @@ private slots:
         QFile blocker("blocker");
         QVERIFY(blocker.open(QIODevice::WriteOnly));
         blocker.close();
-        writeSettings("system.ini", {}, {{"user/documentsLocation", wd.path() + "/blocker/sub"}});
+        writeSettings("system.ini", {},
+                      { { "user/documentsLocation", wd.path() + "/blocker/sub" } });
         Config config;
         QVERIFY(!QDir(wd.path() + "/blocker/sub").exists());
         QCOMPARE(config.save_prefix, QString("IMG"));

@@ -17,7 +17,7 @@ struct Sheet
 {
     cv::Point2f centre;
     cv::Size2f size; // along the sheet's own sides: width first
-    float tilt;      // degrees, clockwise on screen
+    float tilt; // degrees, clockwise on screen
 };
 
 struct Scene
@@ -96,9 +96,9 @@ cv::Mat makeFrame(const QSize &frameSize, const Scene &scene)
 
 struct EdgeMeasure
 {
-    double tilt[4] = {99, 99, 99, 99}; // left, right, top, bottom; degrees off straight
-    double position[4] = {0, 0, 0, 0}; // mean x of left/right, mean y of top/bottom
-    int points[4] = {0, 0, 0, 0};
+    double tilt[4] = { 99, 99, 99, 99 }; // left, right, top, bottom; degrees off straight
+    double position[4] = { 0, 0, 0, 0 }; // mean x of left/right, mean y of top/bottom
+    int points[4] = { 0, 0, 0, 0 };
 };
 
 // Where a grey profile crosses edgeLevel between index i (paper) and the
@@ -159,12 +159,16 @@ EdgeMeasure measureEdges(const cv::Mat &cut)
         while (y > 0 && grey.at<uchar>(y - 1, x) > edgeLevel)
             --y;
         if (y > 0)
-            edge[2].emplace_back(float(x), float(crossing(grey.at<uchar>(y, x), grey.at<uchar>(y - 1, x), y, y - 1)));
+            edge[2].emplace_back(
+                    float(x),
+                    float(crossing(grey.at<uchar>(y, x), grey.at<uchar>(y - 1, x), y, y - 1)));
         y = cy;
         while (y < h - 1 && grey.at<uchar>(y + 1, x) > edgeLevel)
             ++y;
         if (y < h - 1)
-            edge[3].emplace_back(float(x), float(crossing(grey.at<uchar>(y, x), grey.at<uchar>(y + 1, x), y, y + 1)));
+            edge[3].emplace_back(
+                    float(x),
+                    float(crossing(grey.at<uchar>(y, x), grey.at<uchar>(y + 1, x), y, y + 1)));
     }
 
     EdgeMeasure m;
@@ -202,19 +206,16 @@ private slots:
     void initTestCase()
     {
         table() << QString("%1 %2 %3 %4 %5 %6 %7")
-                       .arg("frame", -9)
-                       .arg("case", -22)
-                       .arg("sheet", -16)
-                       .arg("cut-out (error)", -20)
-                       .arg("centre off", -13)
-                       .arg("sheet seen", -18)
-                       .arg("edge tilt L/R/T/B (deg)");
+                           .arg("frame", -9)
+                           .arg("case", -22)
+                           .arg("sheet", -16)
+                           .arg("cut-out (error)", -20)
+                           .arg("centre off", -13)
+                           .arg("sheet seen", -18)
+                           .arg("edge tilt L/R/T/B (deg)");
     }
 
-    void cleanupTestCase()
-    {
-        qInfo().noquote() << "\n" + table().join('\n');
-    }
+    void cleanupTestCase() { qInfo().noquote() << "\n" + table().join('\n'); }
 
     void sheetsAreFoundAndCutOutUpright_data()
     {
@@ -223,32 +224,36 @@ private slots:
 
         const QSize hd(1920, 1080);
         const QSize big(3264, 2448);
-        const float tilts[] = {-40, -25, -10, -3, 0, 3, 10, 25, 40};
+        const float tilts[] = { -40, -25, -10, -3, 0, 3, 10, 25, 40 };
         for (float t : tilts) {
             QTest::newRow(qPrintable(QString("1920 landscape %1").arg(double(t))))
-                << hd << Scene{{{cv::Point2f(961.3f, 538.7f), cv::Size2f(700, 500), t}}};
+                    << hd << Scene{ { { cv::Point2f(961.3f, 538.7f), cv::Size2f(700, 500), t } } };
         }
         for (float t : tilts) {
             QTest::newRow(qPrintable(QString("1920 portrait %1").arg(double(t))))
-                << hd << Scene{{{cv::Point2f(958.6f, 541.2f), cv::Size2f(500, 700), t}}};
+                    << hd << Scene{ { { cv::Point2f(958.6f, 541.2f), cv::Size2f(500, 700), t } } };
         }
         QTest::newRow("1920 two sheets")
-            << hd << Scene{{{cv::Point2f(520.4f, 540.0f), cv::Size2f(640, 460), 3},
-                            {cv::Point2f(1400.0f, 539.5f), cv::Size2f(500, 700), -10}}};
+                << hd
+                << Scene{ { { cv::Point2f(520.4f, 540.0f), cv::Size2f(640, 460), 3 },
+                            { cv::Point2f(1400.0f, 539.5f), cv::Size2f(500, 700), -10 } } };
         QTest::newRow("1920 three sheets")
-            << hd << Scene{{{cv::Point2f(330.0f, 540.0f), cv::Size2f(520, 380), -25},
-                            {cv::Point2f(960.5f, 540.5f), cv::Size2f(400, 560), 10},
-                            {cv::Point2f(1590.2f, 540.0f), cv::Size2f(500, 360), 40}}};
+                << hd
+                << Scene{ { { cv::Point2f(330.0f, 540.0f), cv::Size2f(520, 380), -25 },
+                            { cv::Point2f(960.5f, 540.5f), cv::Size2f(400, 560), 10 },
+                            { cv::Point2f(1590.2f, 540.0f), cv::Size2f(500, 360), 40 } } };
 
-        for (float t : {-40.0f, -10.0f, 0.0f, 3.0f, 25.0f, 40.0f}) {
+        for (float t : { -40.0f, -10.0f, 0.0f, 3.0f, 25.0f, 40.0f }) {
             QTest::newRow(qPrintable(QString("3264 landscape %1").arg(double(t))))
-                << big << Scene{{{cv::Point2f(1632.4f, 1223.8f), cv::Size2f(1200, 850), t}}};
+                    << big
+                    << Scene{ { { cv::Point2f(1632.4f, 1223.8f), cv::Size2f(1200, 850), t } } };
         }
         QTest::newRow("3264 portrait -3")
-            << big << Scene{{{cv::Point2f(1631.0f, 1224.5f), cv::Size2f(850, 1200), -3}}};
+                << big << Scene{ { { cv::Point2f(1631.0f, 1224.5f), cv::Size2f(850, 1200), -3 } } };
         QTest::newRow("3264 two sheets")
-            << big << Scene{{{cv::Point2f(900.0f, 1224.0f), cv::Size2f(1200, 850), -25},
-                             {cv::Point2f(2400.3f, 1224.0f), cv::Size2f(800, 1100), 10}}};
+                << big
+                << Scene{ { { cv::Point2f(900.0f, 1224.0f), cv::Size2f(1200, 850), -25 },
+                            { cv::Point2f(2400.3f, 1224.0f), cv::Size2f(800, 1100), 10 } } };
     }
 
     void sheetsAreFoundAndCutOutUpright()
@@ -275,7 +280,9 @@ private slots:
                     best = i;
                 }
             }
-            QVERIFY2(bestDistance < 3, qPrintable(QString("found centre %1 px from the nearest sheet").arg(bestDistance)));
+            QVERIFY2(bestDistance < 3,
+                     qPrintable(QString("found centre %1 px from the nearest sheet")
+                                        .arg(bestDistance)));
             QVERIFY2(!taken[best], "two rectangles for one sheet");
             taken[best] = true;
             foundFor[best] = r;
@@ -286,7 +293,9 @@ private slots:
             const double dh = cut.rows - sheet.size.height;
 
             // The same turn with desk around it, to see where the edges lie.
-            const cv::RotatedRect wider(r.center, cv::Size2f(r.size.width + 2 * margin, r.size.height + 2 * margin), r.angle);
+            const cv::RotatedRect wider(
+                    r.center, cv::Size2f(r.size.width + 2 * margin, r.size.height + 2 * margin),
+                    r.angle);
             const cv::Mat around = ImageProcessing::deskewCutOut(frame, wider);
             QCOMPARE(around.size(), cv::Size(cut.cols + 2 * margin, cut.rows + 2 * margin));
             const EdgeMeasure m = measureEdges(around);
@@ -295,37 +304,65 @@ private slots:
             const double offY = (m.position[2] + m.position[3]) / 2 - margin - (cut.rows - 1) / 2.0;
 
             table() << QString("%1 %2 %3 %4 %5 %6 %7")
-                           .arg(frameName, -9)
-                           .arg(caseName, -22)
-                           .arg(QString("%1x%2 @%3").arg(double(sheet.size.width)).arg(double(sheet.size.height)).arg(double(sheet.tilt)), -16)
-                           .arg(QString("%1x%2 (%3/%4)").arg(cut.cols).arg(cut.rows).arg(dw, 0, 'f', 0).arg(dh, 0, 'f', 0), -20)
-                           .arg(QString("%1/%2").arg(offX, 0, 'f', 2).arg(offY, 0, 'f', 2), -13)
-                           .arg(QString("%1x%2").arg(m.position[1] - m.position[0], 0, 'f', 1).arg(m.position[3] - m.position[2], 0, 'f', 1), -18)
-                           .arg(QString("%1 %2 %3 %4").arg(m.tilt[0], 5, 'f', 2).arg(m.tilt[1], 5, 'f', 2)
-                                    .arg(m.tilt[2], 5, 'f', 2).arg(m.tilt[3], 5, 'f', 2));
+                               .arg(frameName, -9)
+                               .arg(caseName, -22)
+                               .arg(QString("%1x%2 @%3")
+                                            .arg(double(sheet.size.width))
+                                            .arg(double(sheet.size.height))
+                                            .arg(double(sheet.tilt)),
+                                    -16)
+                               .arg(QString("%1x%2 (%3/%4)")
+                                            .arg(cut.cols)
+                                            .arg(cut.rows)
+                                            .arg(dw, 0, 'f', 0)
+                                            .arg(dh, 0, 'f', 0),
+                                    -20)
+                               .arg(QString("%1/%2").arg(offX, 0, 'f', 2).arg(offY, 0, 'f', 2), -13)
+                               .arg(QString("%1x%2")
+                                            .arg(m.position[1] - m.position[0], 0, 'f', 1)
+                                            .arg(m.position[3] - m.position[2], 0, 'f', 1),
+                                    -18)
+                               .arg(QString("%1 %2 %3 %4")
+                                            .arg(m.tilt[0], 5, 'f', 2)
+                                            .arg(m.tilt[1], 5, 'f', 2)
+                                            .arg(m.tilt[2], 5, 'f', 2)
+                                            .arg(m.tilt[3], 5, 'f', 2));
 
             QVERIFY2(std::abs(dw) <= sizeTolerance && std::abs(dh) <= sizeTolerance,
                      qPrintable(QString("cut-out %1x%2 for a sheet of %3x%4")
-                                    .arg(cut.cols).arg(cut.rows).arg(double(sheet.size.width)).arg(double(sheet.size.height))));
+                                        .arg(cut.cols)
+                                        .arg(cut.rows)
+                                        .arg(double(sheet.size.width))
+                                        .arg(double(sheet.size.height))));
             for (int i = 0; i < 4; ++i) {
-                QVERIFY2(m.points[i] >= 20, qPrintable(QString("edge %1 seen at %2 points only").arg(i).arg(m.points[i])));
+                QVERIFY2(
+                        m.points[i] >= 20,
+                        qPrintable(
+                                QString("edge %1 seen at %2 points only").arg(i).arg(m.points[i])));
                 QVERIFY2(std::abs(m.tilt[i]) <= tiltTolerance,
-                         qPrintable(QString("edge %1 of the cut-out is %2 degrees off straight").arg(i).arg(m.tilt[i])));
+                         qPrintable(QString("edge %1 of the cut-out is %2 degrees off straight")
+                                            .arg(i)
+                                            .arg(m.tilt[i])));
             }
             QVERIFY2(std::abs(offX) <= sizeTolerance && std::abs(offY) <= sizeTolerance,
-                     qPrintable(QString("sheet lies %1/%2 px off the cut-out's centre").arg(offX).arg(offY)));
+                     qPrintable(QString("sheet lies %1/%2 px off the cut-out's centre")
+                                        .arg(offX)
+                                        .arg(offY)));
         }
 
         // The single correction gives the largest sheet.
         ip.setCameraCorrection(1);
         const std::vector<cv::RotatedRect> single = ip.findSquares(frame);
         QCOMPARE(single.size(), size_t(1));
-        const auto largest = std::max_element(scene.sheets.begin(), scene.sheets.end(), [](const Sheet &a, const Sheet &b) {
-            return a.size.area() < b.size.area();
-        });
+        const auto largest = std::max_element(
+                scene.sheets.begin(), scene.sheets.end(),
+                [](const Sheet &a, const Sheet &b) { return a.size.area() < b.size.area(); });
         const cv::RotatedRect &expected = foundFor[size_t(largest - scene.sheets.begin())];
-        QVERIFY2(single[0].center == expected.center && single[0].size == expected.size && single[0].angle == expected.angle,
-                 qPrintable(QString("single sheet found at %1,%2").arg(double(single[0].center.x)).arg(double(single[0].center.y))));
+        QVERIFY2(single[0].center == expected.center && single[0].size == expected.size
+                         && single[0].angle == expected.angle,
+                 qPrintable(QString("single sheet found at %1,%2")
+                                    .arg(double(single[0].center.x))
+                                    .arg(double(single[0].center.y))));
     }
 };
 

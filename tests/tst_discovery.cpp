@@ -71,7 +71,7 @@ private slots:
         QCOMPARE(cameras[0].description, QString("Desk Camera: 文档"));
         QVERIFY(cameras[0].supportedImageCodecs.isEmpty());
         QCOMPARE(cameras[0].supportedResolutions,
-                 sizes({QSize(1920, 1080), QSize(1280, 720), QSize(640, 480)}));
+                 sizes({ QSize(1920, 1080), QSize(1280, 720), QSize(640, 480) }));
     }
 
     void metadataNodesAreListedWithoutSizes()
@@ -90,9 +90,9 @@ private slots:
             QCOMPARE(cameras[i].index, i);
             QCOMPARE(cameras[i].deviceName, QString("/dev/video%1").arg(i));
         }
-        QCOMPARE(cameras[0].supportedResolutions, sizes({QSize(1280, 720)}));
+        QCOMPARE(cameras[0].supportedResolutions, sizes({ QSize(1280, 720) }));
         QVERIFY(cameras[1].supportedResolutions.isEmpty());
-        QCOMPARE(cameras[2].supportedResolutions, sizes({QSize(800, 600)}));
+        QCOMPARE(cameras[2].supportedResolutions, sizes({ QSize(800, 600) }));
         QVERIFY(cameras[3].supportedResolutions.isEmpty());
     }
 
@@ -115,7 +115,7 @@ private slots:
         const QList<CameraInfo> cameras = CameraInfo::discover();
         QCOMPARE(cameras.size(), 1);
         QCOMPARE(cameras[0].supportedResolutions,
-                 sizes({QSize(1920, 1080), QSize(1280, 720), QSize(1280, 720), QSize(640, 480)}));
+                 sizes({ QSize(1920, 1080), QSize(1280, 720), QSize(1280, 720), QSize(640, 480) }));
     }
 
     void failedFormatEnumerationListsNoSizes()
@@ -128,7 +128,7 @@ private slots:
         const QList<CameraInfo> cameras = CameraInfo::discover();
         QCOMPARE(cameras.size(), 2);
         QVERIFY(cameras[0].supportedResolutions.isEmpty());
-        QCOMPARE(cameras[1].supportedResolutions, sizes({QSize(640, 480)}));
+        QCOMPARE(cameras[1].supportedResolutions, sizes({ QSize(640, 480) }));
     }
 
     void nodeThatIsNotCaptureStopsDiscovery()
@@ -145,7 +145,7 @@ private slots:
     {
         qputenv("VCAM_NODES", "");
         QVERIFY(CameraInfo::discover().isEmpty());
-        QCOMPARE(debugLines, QStringList{"open \"/dev/video0\" error"});
+        QCOMPARE(debugLines, QStringList{ "open \"/dev/video0\" error" });
     }
 
     void debugLinesDescribeEachDevice()
@@ -157,12 +157,10 @@ private slots:
 
         CameraInfo::discover();
         QCOMPARE(debugLines,
-                 QStringList({"Driver    Name: %s\n Stand Camera",
-                              "Picture Format: %s\n Motion-JPEG",
-                              "width: %d height: %d\n 640 480",
-                              "Picture Format: %s\n YUYV 4:2:2",
-                              "width: %d height: %d\n 640 480",
-                              "open \"/dev/video1\" error"}));
+                 QStringList({ "Driver    Name: %s\n Stand Camera",
+                               "Picture Format: %s\n Motion-JPEG", "width: %d height: %d\n 640 480",
+                               "Picture Format: %s\n YUYV 4:2:2", "width: %d height: %d\n 640 480",
+                               "open \"/dev/video1\" error" }));
     }
 
     void discoveryCanRunAgain()

@@ -186,7 +186,9 @@ private slots:
         QImage img(7, 3, format);
         for (int y = 0; y < 3; ++y)
             for (int x = 0; x < 7; ++x)
-                img.setPixel(x, y, qRgba(30 * x + 5, 60 * y + 9, 200 - 20 * x, translucent ? 40 * x + 10 : 255));
+                img.setPixel(x, y,
+                             qRgba(30 * x + 5, 60 * y + 9, 200 - 20 * x,
+                                   translucent ? 40 * x + 10 : 255));
         const cv::Mat mat = ImageProcessing::QImageToMat(img);
         QCOMPARE(mat.type(), CV_8UC3);
         QCOMPARE(mat.size(), cv::Size(7, 3));
@@ -207,7 +209,8 @@ private slots:
         for (int y = 0; y < 4; ++y)
             for (int x = 0; x < 5; ++x) {
                 const QRgb c = img.pixel(x, y);
-                QCOMPARE(mat.at<cv::Vec3b>(y, x), cv::Vec3b(uchar(qBlue(c)), uchar(qGreen(c)), uchar(qRed(c))));
+                QCOMPARE(mat.at<cv::Vec3b>(y, x),
+                         cv::Vec3b(uchar(qBlue(c)), uchar(qGreen(c)), uchar(qRed(c))));
             }
     }
 
@@ -216,9 +219,9 @@ private slots:
         std::vector<uchar> buffer(24 * 3, 0x77);
         for (int y = 0; y < 3; ++y)
             for (int x = 0; x < 5; ++x) {
-                buffer[size_t(24 * y + 3 * x + 0)] = uchar(10 * x + y);       // red
+                buffer[size_t(24 * y + 3 * x + 0)] = uchar(10 * x + y); // red
                 buffer[size_t(24 * y + 3 * x + 1)] = uchar(100 + 10 * x + y); // green
-                buffer[size_t(24 * y + 3 * x + 2)] = uchar(200 + x + y);      // blue
+                buffer[size_t(24 * y + 3 * x + 2)] = uchar(200 + x + y); // blue
             }
         const QImage img(buffer.data(), 5, 3, 24, QImage::Format_RGB888);
         const cv::Mat mat = ImageProcessing::QImageToMat(img);
@@ -248,10 +251,7 @@ private slots:
         QVERIFY(ImageProcessing::QImageToMat(img).empty());
     }
 
-    void nullImageGivesEmptyMat()
-    {
-        QVERIFY(ImageProcessing::QImageToMat(QImage()).empty());
-    }
+    void nullImageGivesEmptyMat() { QVERIFY(ImageProcessing::QImageToMat(QImage()).empty()); }
 
     void roundTripsPreservePixels()
     {
@@ -315,7 +315,8 @@ private slots:
             }
         if (turns == 1)
             QCOMPARE(turned.pixel(2, 0), img.pixel(0, 0)); // top-left goes to top-right
-        QCOMPARE(turned, img.transformed(QTransform().rotate(90 * turns), Qt::SmoothTransformation));
+        QCOMPARE(turned,
+                 img.transformed(QTransform().rotate(90 * turns), Qt::SmoothTransformation));
     }
 
     void angleZeroReturnsImageUnchanged()
@@ -331,11 +332,11 @@ private slots:
     {
         QTest::addColumn<QImage::Format>("format");
         QTest::addColumn<int>("turns");
-        for (int turns : {1, 2, 3}) {
+        for (int turns : { 1, 2, 3 }) {
             QTest::newRow(QByteArray("RGB888 ") + QByteArray::number(90 * turns))
-                << QImage::Format_RGB888 << turns;
+                    << QImage::Format_RGB888 << turns;
             QTest::newRow(QByteArray("Indexed8 ") + QByteArray::number(90 * turns))
-                << QImage::Format_Indexed8 << turns;
+                    << QImage::Format_Indexed8 << turns;
         }
     }
 
@@ -354,10 +355,12 @@ private slots:
         ip.angle = turns;
         const QImage turned = ip.handleQImage(img);
         QCOMPARE(turned.format(), format);
-        QCOMPARE(turned, img.transformed(QTransform().rotate(90 * turns), Qt::SmoothTransformation));
+        QCOMPARE(turned,
+                 img.transformed(QTransform().rotate(90 * turns), Qt::SmoothTransformation));
 
         // The same positions as OpenCV's exact quarter turns.
-        const int codes[] = {cv::ROTATE_90_CLOCKWISE, cv::ROTATE_180, cv::ROTATE_90_COUNTERCLOCKWISE};
+        const int codes[] = { cv::ROTATE_90_CLOCKWISE, cv::ROTATE_180,
+                              cv::ROTATE_90_COUNTERCLOCKWISE };
         cv::Mat expected;
         cv::rotate(pixels, expected, codes[turns - 1]);
         const cv::Mat got(turned.height(), turned.width(), CV_8UC(channels),

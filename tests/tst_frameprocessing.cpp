@@ -53,9 +53,12 @@ private slots:
     {
         QTest::addColumn<int>("shooting");
         QTest::addColumn<int>("correction");
-        for (int correction : {1, 2})
-            for (int shooting : {0, 1, 2, 3}) {
-                const QByteArray name = QString("correction %1 shooting %2").arg(correction).arg(shooting).toLatin1();
+        for (int correction : { 1, 2 })
+            for (int shooting : { 0, 1, 2, 3 }) {
+                const QByteArray name = QString("correction %1 shooting %2")
+                                                .arg(correction)
+                                                .arg(shooting)
+                                                .toLatin1();
                 QTest::newRow(name.constData()) << shooting << correction;
             }
     }
@@ -73,9 +76,11 @@ private slots:
         if (correction == 2) {
             COMPARE_RECT_LISTS(list, all);
         } else {
-            const auto largest = std::max_element(all.begin(), all.end(),
-                [](const cv::RotatedRect &a, const cv::RotatedRect &b) { return area(a) < area(b); });
-            COMPARE_RECT_LISTS(list, std::vector<cv::RotatedRect>{*largest});
+            const auto largest = std::max_element(
+                    all.begin(), all.end(), [](const cv::RotatedRect &a, const cv::RotatedRect &b) {
+                        return area(a) < area(b);
+                    });
+            COMPARE_RECT_LISTS(list, std::vector<cv::RotatedRect>{ *largest });
         }
         COMPARE_MATS(src, pristine); // the frame itself is left alone when nothing is drawn
     }
@@ -112,7 +117,8 @@ private slots:
         const cv::Mat src = documentFrame(true);
         cv::Mat grey, bin;
         cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
-        cv::adaptiveThreshold(grey, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 25, 20);
+        cv::adaptiveThreshold(grey, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 25,
+                              20);
         ip.setCameraShootType(3);
         cv::Mat out;
         ip.handleMat(src, out, true);
@@ -292,12 +298,14 @@ private slots:
         // A sheet of exactly the smallest area, and a small card: neither counts.
         cv::Mat pristine = desk(cv::Size(800, 600));
         cv::rectangle(pristine, cv::Rect(60, 80, 351, 211), cv::Scalar(240, 240, 240), cv::FILLED);
-        cv::rectangle(pristine, cv::Rect(500, 350, 200, 150), cv::Scalar(240, 240, 240), cv::FILLED);
+        cv::rectangle(pristine, cv::Rect(500, 350, 200, 150), cv::Scalar(240, 240, 240),
+                      cv::FILLED);
         const cv::Mat src = pristine.clone();
         cv::Mat out;
         const std::vector<cv::RotatedRect> list = handled(src, 1, shooting, out, true);
-        COMPARE_RECT_LISTS(list, std::vector<cv::RotatedRect>{
-                                     cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0)});
+        COMPARE_RECT_LISTS(list,
+                           std::vector<cv::RotatedRect>{
+                                   cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0) });
         COMPARE_MATS(out, referenceColourMode(pristine, shooting));
 
         ip.setCameraCorrection(2);

@@ -177,7 +177,8 @@ private slots:
         held << heldFor([&] { QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton); });
         QVERIFY(!w.isVideoShooting);
         QTRY_VERIFY_WITH_TIMEOUT(w.file_paths.value(1).endsWith(".avi"), frameDeadline);
-        QVERIFY(!QFileInfo(w.file_paths.value(1)).exists() || QFileInfo(w.file_paths.value(1)).size() == 0);
+        QVERIFY(!QFileInfo(w.file_paths.value(1)).exists()
+                || QFileInfo(w.file_paths.value(1)).size() == 0);
         // Frames still come.
         const unsigned seen = view->m_imageProcessing->framesTaken;
         QTRY_VERIFY_WITH_TIMEOUT(view->m_imageProcessing->framesTaken > seen + 5, frameDeadline);

@@ -40,7 +40,11 @@ QString allPixels(const QImage &img, const QRect &rect, QRgb colour)
     for (int y = rect.top(); y <= rect.bottom(); ++y)
         for (int x = rect.left(); x <= rect.right(); ++x)
             if (img.pixel(x, y) != colour)
-                return QString("(%1,%2) is %3, not %4").arg(x).arg(y).arg(argb(img.pixel(x, y))).arg(argb(colour));
+                return QString("(%1,%2) is %3, not %4")
+                        .arg(x)
+                        .arg(y)
+                        .arg(argb(img.pixel(x, y)))
+                        .arg(argb(colour));
     return QString();
 }
 
@@ -85,14 +89,17 @@ private slots:
         QVERIFY(dlg.image2_path.isEmpty());
 
         QCOMPARE(part<QBoxLayout>(dlg, "horizontalLayout")->spacing(), 0);
-        QCOMPARE(part<QBoxLayout>(dlg, "horizontalLayout")->contentsMargins(), QMargins(0, 0, 0, 0));
+        QCOMPARE(part<QBoxLayout>(dlg, "horizontalLayout")->contentsMargins(),
+                 QMargins(0, 0, 0, 0));
         QCOMPARE(part<QWidget>(dlg, "widget")->maximumSize(), QSize(600, 600));
         QCOMPARE(part<QWidget>(dlg, "widget_2")->maximumWidth(), 100);
         QCOMPARE(part<QBoxLayout>(dlg, "layout_center")->direction(), QBoxLayout::LeftToRight);
-        QCOMPARE(part<QBoxLayout>(dlg, "layout_center")->parentWidget(), part<QWidget>(dlg, "widget"));
+        QCOMPARE(part<QBoxLayout>(dlg, "layout_center")->parentWidget(),
+                 part<QWidget>(dlg, "widget"));
 
-        const QList<QLabel *> boxes = {part<QLabel>(dlg, "imagebox1"), part<QLabel>(dlg, "imagebox2")};
-        const QStringList texts = {"图像1", "图像2"};
+        const QList<QLabel *> boxes = { part<QLabel>(dlg, "imagebox1"),
+                                        part<QLabel>(dlg, "imagebox2") };
+        const QStringList texts = { "图像1", "图像2" };
         for (int i = 0; i < 2; ++i) {
             QLabel *box = dlg.findChild<QLabel *>(QString("imagebox%1").arg(i + 1));
             QCOMPARE(box, boxes[i]);
@@ -103,8 +110,10 @@ private slots:
             QVERIFY(part<QBoxLayout>(dlg, "layout_center")->indexOf(box) >= 0);
         }
 
-        const QList<QPair<QString, QString>> buttons = {
-            {"btnSave", "合并图像"}, {"btnLeftRight", "左右预览"}, {"btnUpDown", "上下预览"}, {"btnPhoto", "拍照"}};
+        const QList<QPair<QString, QString>> buttons = { { "btnSave", "合并图像" },
+                                                         { "btnLeftRight", "左右预览" },
+                                                         { "btnUpDown", "上下预览" },
+                                                         { "btnPhoto", "拍照" } };
         for (const auto &b : buttons) {
             auto *button = dlg.findChild<QPushButton *>(b.first);
             QVERIFY2(button, qPrintable(b.first));
@@ -150,16 +159,18 @@ private slots:
         ImageMergingDialog dlg(nullptr);
         const QString p1 = photo("one", 300, 200, qRgb(255, 0, 0), qRgb(255, 0, 0));
         const QString p2 = photo("two", 300, 200, qRgb(0, 255, 0), qRgb(0, 255, 0));
-        dlg.setImage({p1});
+        dlg.setImage({ p1 });
         QCOMPARE(dlg.index, 1);
         QCOMPARE(dlg.image1_path, p1);
         QVERIFY(dlg.image2_path.isEmpty());
         const QPixmap shown = part<QLabel>(dlg, "imagebox1")->pixmap(Qt::ReturnByValue);
-        QCOMPARE(shown.size(), QSize(part<QLabel>(dlg, "imagebox1")->width(), part<QLabel>(dlg, "imagebox2")->height()));
+        QCOMPARE(shown.size(),
+                 QSize(part<QLabel>(dlg, "imagebox1")->width(),
+                       part<QLabel>(dlg, "imagebox2")->height()));
         QCOMPARE(shownColour(part<QLabel>(dlg, "imagebox1")), qRgb(255, 0, 0));
         QVERIFY(part<QLabel>(dlg, "imagebox2")->pixmap(Qt::ReturnByValue).isNull());
 
-        dlg.setImage({p2});
+        dlg.setImage({ p2 });
         QCOMPARE(dlg.index, 2);
         QCOMPARE(dlg.image2_path, p2);
         QCOMPARE(shownColour(part<QLabel>(dlg, "imagebox2")), qRgb(0, 255, 0));
@@ -171,9 +182,9 @@ private slots:
         const QString p1 = photo("one", 120, 90, qRgb(255, 0, 0), qRgb(255, 0, 0));
         const QString p2 = photo("two", 120, 90, qRgb(0, 255, 0), qRgb(0, 255, 0));
         const QString p3 = photo("three", 120, 90, qRgb(0, 0, 255), qRgb(0, 0, 255));
-        dlg.setImage({p1});
-        dlg.setImage({p2});
-        dlg.setImage({p3});
+        dlg.setImage({ p1 });
+        dlg.setImage({ p2 });
+        dlg.setImage({ p3 });
         QCOMPARE(dlg.image1_path, p3);
         QCOMPARE(dlg.image2_path, p2);
         QCOMPARE(dlg.index, 1);
@@ -187,7 +198,7 @@ private slots:
         const QString p1 = photo("one", 120, 90, qRgb(255, 0, 0), qRgb(255, 0, 0));
         const QString p2 = photo("two", 120, 90, qRgb(0, 255, 0), qRgb(0, 255, 0));
         const QString p3 = photo("three", 120, 90, qRgb(0, 0, 255), qRgb(0, 0, 255));
-        dlg.setImage({p1, p2, p3});
+        dlg.setImage({ p1, p2, p3 });
         QCOMPARE(dlg.image1_path, p3);
         QCOMPARE(dlg.image2_path, p2);
         QCOMPARE(dlg.index, 1);
@@ -210,7 +221,7 @@ private slots:
     void onePhotoOnlyWarnsNoImage2AndWritesNothing()
     {
         ImageMergingDialog dlg(nullptr);
-        dlg.setImage({photo("one", 100, 80, qRgb(255, 0, 0), qRgb(255, 0, 0))});
+        dlg.setImage({ photo("one", 100, 80, qRgb(255, 0, 0), qRgb(255, 0, 0)) });
         dlg.show();
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         ModalAnswerer answerer;
@@ -229,7 +240,7 @@ private slots:
         ImageMergingDialog dlg(nullptr);
         const QString p1 = photo("one", 100, 80, qRgb(255, 0, 0), qRgb(255, 0, 0));
         const QString p2 = photo("two", 100, 80, qRgb(0, 255, 0), qRgb(0, 255, 0));
-        dlg.setImage({p1, p2});
+        dlg.setImage({ p1, p2 });
         QVERIFY(QFile::remove(p1));
         ModalAnswerer answerer;
         part<QPushButton>(dlg, "btnSave")->click();
@@ -243,15 +254,15 @@ private slots:
         ImageMergingDialog dlg(nullptr);
         const QRgb red = qRgb(200, 30, 30), blue = qRgb(30, 30, 200), yellow = qRgb(250, 250, 0),
                    green = qRgb(0, 160, 0);
-        dlg.setImage({photo("first", 1000, 800, red, yellow)});
-        dlg.setImage({photo("second", 600, 900, blue, green)});
+        dlg.setImage({ photo("first", 1000, 800, red, yellow) });
+        dlg.setImage({ photo("second", 600, 900, blue, green) });
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         part<QPushButton>(dlg, "btnLeftRight")->click();
         part<QPushButton>(dlg, "btnSave")->click();
 
         QCOMPARE(saved.count(), 1);
         const QString name = folder + "/IMG_1.png";
-        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({name}));
+        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({ name }));
         QCOMPARE(saved[0][1].toInt(), 1);
 
         const QImage img = readBack(name);
@@ -277,7 +288,8 @@ private slots:
         ImageMergingDialog dlg(nullptr);
         const QRgb red = qRgb(200, 30, 30), blue = qRgb(30, 30, 200), yellow = qRgb(250, 250, 0),
                    green = qRgb(0, 160, 0);
-        dlg.setImage({photo("first", 1000, 800, red, yellow), photo("second", 600, 900, blue, green)});
+        dlg.setImage(
+                { photo("first", 1000, 800, red, yellow), photo("second", 600, 900, blue, green) });
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         part<QPushButton>(dlg, "btnUpDown")->click();
         part<QPushButton>(dlg, "btnSave")->click();
@@ -308,7 +320,7 @@ private slots:
         ImageMergingDialog dlg(nullptr);
         const QString p1 = photo("one", 200, 100, qRgb(255, 0, 0), qRgb(255, 0, 0));
         const QString p2 = photo("two", 100, 150, qRgb(0, 0, 255), qRgb(0, 0, 255));
-        dlg.setImage({p1, p2});
+        dlg.setImage({ p1, p2 });
         dlg.show();
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         ModalAnswerer answerer;
@@ -316,9 +328,9 @@ private slots:
 
         QCOMPARE(answerer.boxes.size(), 0);
         QCOMPARE(saved.count(), 1);
-        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({folder + "/IMG_7.jpg"}));
+        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({ folder + "/IMG_7.jpg" }));
         QCOMPARE(saved[0][1].toInt(), 1);
-        QCOMPARE(filesIn(folder), QStringList({"IMG_7.jpg"}));
+        QCOMPARE(filesIn(folder), QStringList({ "IMG_7.jpg" }));
         QCOMPARE(QImageReader(folder + "/IMG_7.jpg").format(), QByteArray("jpeg"));
         QCOMPARE(readBack(folder + "/IMG_7.jpg").size(), QSize(300, 150));
         QCOMPARE(c->save_number, 8);
@@ -337,8 +349,8 @@ private slots:
         Cache::config->save_type = 1;
         Cache::config->save_number = 5;
         ImageMergingDialog dlg(nullptr);
-        dlg.setImage({photo("one", 40, 30, qRgb(255, 0, 0), qRgb(255, 0, 0)),
-                      photo("two", 40, 30, qRgb(0, 0, 255), qRgb(0, 0, 255))});
+        dlg.setImage({ photo("one", 40, 30, qRgb(255, 0, 0), qRgb(255, 0, 0)),
+                       photo("two", 40, 30, qRgb(0, 0, 255), qRgb(0, 0, 255)) });
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         const QDateTime before = QDateTime::currentDateTime();
         part<QPushButton>(dlg, "btnSave")->click();
@@ -347,7 +359,8 @@ private slots:
         const QFileInfo info(name);
         QCOMPARE(info.path(), folder);
         QCOMPARE(info.suffix(), QString("png"));
-        const QDateTime stamped = QDateTime::fromString(info.completeBaseName(), "yyyy_MM_dd HH_mm_ss.zzz");
+        const QDateTime stamped =
+                QDateTime::fromString(info.completeBaseName(), "yyyy_MM_dd HH_mm_ss.zzz");
         QVERIFY2(stamped.isValid(), qPrintable(info.fileName()));
         QVERIFY(qAbs(stamped.msecsTo(before)) < 5000);
         QVERIFY(info.exists());
@@ -359,7 +372,7 @@ private slots:
         ImageMergingDialog dlg(nullptr);
         const QString p1 = photo("one", 50, 40, qRgb(255, 0, 0), qRgb(255, 0, 0));
         const QString p2 = photo("two", 30, 60, qRgb(0, 0, 255), qRgb(0, 0, 255));
-        dlg.setImage({p1, p2});
+        dlg.setImage({ p1, p2 });
         dlg.show();
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         part<QPushButton>(dlg, "btnSave")->click();
@@ -381,12 +394,12 @@ private slots:
         part<QPushButton>(dlg, "btnSave")->click();
         QCOMPARE(answerer.boxes.size(), 0);
         QCOMPARE(saved.count(), 2);
-        QCOMPARE(saved[1][0].value<QList<QString>>(), QList<QString>({folder + "/IMG_2.png"}));
+        QCOMPARE(saved[1][0].value<QList<QString>>(), QList<QString>({ folder + "/IMG_2.png" }));
         const QImage again = readBack(folder + "/IMG_2.png");
         QCOMPARE(again.size(), QSize(80, 60));
         QCOMPARE(again.pixel(0, 0), qRgb(255, 0, 0));
         QCOMPARE(again.pixel(50, 0), qRgb(0, 0, 255));
-        QCOMPARE(filesIn(folder), QStringList({"IMG_1.png", "IMG_2.png"}));
+        QCOMPARE(filesIn(folder), QStringList({ "IMG_1.png", "IMG_2.png" }));
     }
 
     void undecodableFileJoinsAsAnEmptyPicture()
@@ -397,7 +410,7 @@ private slots:
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write("not a picture");
         file.close();
-        dlg.setImage({broken, photo("two", 70, 50, qRgb(0, 0, 255), qRgb(0, 0, 255))});
+        dlg.setImage({ broken, photo("two", 70, 50, qRgb(0, 0, 255), qRgb(0, 0, 255)) });
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         ModalAnswerer answerer;
         part<QPushButton>(dlg, "btnSave")->click();

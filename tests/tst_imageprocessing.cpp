@@ -20,7 +20,7 @@ private slots:
 
     void setAngleOneFourTimesReturnsToZero()
     {
-        const int expected[] = {1, 2, 3, 0};
+        const int expected[] = { 1, 2, 3, 0 };
         for (int e : expected) {
             ip.setAngle(1);
             QCOMPARE(ip.angle.load(), e);
@@ -29,7 +29,7 @@ private slots:
 
     void setAngleMinusOneTurnsBack()
     {
-        const int expected[] = {3, 2, 1, 0, 3};
+        const int expected[] = { 3, 2, 1, 0, 3 };
         for (int e : expected) {
             ip.setAngle(-1);
             QCOMPARE(ip.angle.load(), e);
@@ -57,8 +57,8 @@ private slots:
 
     void setAngleIgnoresOtherDirections()
     {
-        for (int start : {0, 1, 2, 3})
-            for (int direction : {7, 2, -2, 3, 100, -100}) {
+        for (int start : { 0, 1, 2, 3 })
+            for (int direction : { 7, 2, -2, 3, 100, -100 }) {
                 ip.angle = start;
                 ip.setAngle(direction);
                 QCOMPARE(ip.angle.load(), start);

@@ -53,7 +53,8 @@ QString run(const QString &program, const QStringList &args)
 int pdfPages(const QString &pdf)
 {
     const QRegularExpressionMatch m =
-        QRegularExpression("^Pages:\\s+(\\d+)$", QRegularExpression::MultilineOption).match(run("pdfinfo", {pdf}));
+            QRegularExpression("^Pages:\\s+(\\d+)$", QRegularExpression::MultilineOption)
+                    .match(run("pdfinfo", { pdf }));
     return m.hasMatch() ? m.captured(1).toInt() : -1;
 }
 
@@ -61,26 +62,31 @@ struct PdfPage
 {
     double width = 0;
     double height = 0;
-    QString paper;  // what pdfinfo names the size, "A4"
+    QString paper; // what pdfinfo names the size, "A4"
     int rotation = -1;
 };
 
 // Page n as pdfinfo reports it: "Page    n size: W x H pts (A4)" and "Page    n rot:  R".
 PdfPage pdfPage(const QString &pdf, int n)
 {
-    const QString info = run("pdfinfo", {"-f", QString::number(n), "-l", QString::number(n), pdf});
+    const QString info =
+            run("pdfinfo", { "-f", QString::number(n), "-l", QString::number(n), pdf });
     PdfPage page;
     const QRegularExpressionMatch size =
-        QRegularExpression(QString("^Page\\s+%1 size:\\s+([\\d.]+) x ([\\d.]+) pts(?: \\((\\w+)\\))?").arg(n),
-                           QRegularExpression::MultilineOption)
-            .match(info);
+            QRegularExpression(
+                    QString("^Page\\s+%1 size:\\s+([\\d.]+) x ([\\d.]+) pts(?: \\((\\w+)\\))?")
+                            .arg(n),
+                    QRegularExpression::MultilineOption)
+                    .match(info);
     if (size.hasMatch()) {
         page.width = size.captured(1).toDouble();
         page.height = size.captured(2).toDouble();
         page.paper = size.captured(3);
     }
     const QRegularExpressionMatch rot =
-        QRegularExpression(QString("^Page\\s+%1 rot:\\s+(\\d+)").arg(n), QRegularExpression::MultilineOption).match(info);
+            QRegularExpression(QString("^Page\\s+%1 rot:\\s+(\\d+)").arg(n),
+                               QRegularExpression::MultilineOption)
+                    .match(info);
     if (rot.hasMatch())
         page.rotation = rot.captured(1).toInt();
     return page;
@@ -90,7 +96,9 @@ PdfPage pdfPage(const QString &pdf, int n)
 QImage renderPage(const QString &pdf, int n, const QString &scratch)
 {
     const QString base = scratch + QString("/page%1").arg(n);
-    run("pdftoppm", {"-f", QString::number(n), "-l", QString::number(n), "-r", "12", "-png", "-singlefile", pdf, base});
+    run("pdftoppm",
+        { "-f", QString::number(n), "-l", QString::number(n), "-r", "12", "-png", "-singlefile",
+          pdf, base });
     return QImage(base + ".png").convertToFormat(QImage::Format_RGB32);
 }
 
@@ -113,7 +121,8 @@ class tst_ImageSavePdfOrTiffDialog : public QObject, private OutputFolders
 {
     Q_OBJECT
 
-    QString photo(const QString &name, int width, int height, QRgb colour, const char *format = "png")
+    QString photo(const QString &name, int width, int height, QRgb colour,
+                  const char *format = "png")
     {
         QImage img(width, height, QImage::Format_RGB32);
         img.fill(colour);
@@ -127,7 +136,8 @@ class tst_ImageSavePdfOrTiffDialog : public QObject, private OutputFolders
     {
         QList<QString> list;
         for (int i = 0; i < count; ++i)
-            list << photo(QString("p%1").arg(i + 1), width, height, qRgb(10 * i, 100, 200 - 10 * i));
+            list << photo(QString("p%1").arg(i + 1), width, height,
+                          qRgb(10 * i, 100, 200 - 10 * i));
         return list;
     }
 
@@ -195,8 +205,10 @@ class tst_ImageSavePdfOrTiffDialog : public QObject, private OutputFolders
 private slots:
     void initTestCase()
     {
-        QVERIFY2(!QStandardPaths::findExecutable("pdfinfo").isEmpty(), "pdfinfo (poppler-utils) is needed");
-        QVERIFY2(!QStandardPaths::findExecutable("pdftoppm").isEmpty(), "pdftoppm (poppler-utils) is needed");
+        QVERIFY2(!QStandardPaths::findExecutable("pdfinfo").isEmpty(),
+                 "pdfinfo (poppler-utils) is needed");
+        QVERIFY2(!QStandardPaths::findExecutable("pdftoppm").isEmpty(),
+                 "pdftoppm (poppler-utils) is needed");
     }
 
     void init() { QVERIFY(makeFresh("jpg")); }
@@ -208,22 +220,25 @@ private slots:
         QCOMPARE(dlg.size(), QSize(728, 264));
         QVERIFY(part<QWidget>(dlg, "frame")->isAncestorOf(part<QScrollArea>(dlg, "scrollArea")));
         QVERIFY(part<QScrollArea>(dlg, "scrollArea")->widgetResizable());
-        QCOMPARE(part<QScrollArea>(dlg, "scrollArea")->widget(), part<QWidget>(dlg, "scrollAreaWidgetContents"));
+        QCOMPARE(part<QScrollArea>(dlg, "scrollArea")->widget(),
+                 part<QWidget>(dlg, "scrollAreaWidgetContents"));
         QCOMPARE(part<QWidget>(dlg, "scrollAreaWidgetContents")->layout(),
                  static_cast<QLayout *>(part<QBoxLayout>(dlg, "horizontalLayout_2")));
         QCOMPARE(part<QWidget>(dlg, "frame_2")->maximumHeight(), 40);
         expectEmpty(dlg);
-        const QList<QLabel *> fixed = {part<QLabel>(dlg, "Image_1"), part<QLabel>(dlg, "Image_2"), part<QLabel>(dlg, "Image_3"), part<QLabel>(dlg, "Image_4")};
+        const QList<QLabel *> fixed = { part<QLabel>(dlg, "Image_1"), part<QLabel>(dlg, "Image_2"),
+                                        part<QLabel>(dlg, "Image_3"),
+                                        part<QLabel>(dlg, "Image_4") };
         for (int n = 1; n <= 4; ++n) {
             QCOMPARE(rowLabels(dlg)[n - 1], fixed[n - 1]);
             QCOMPARE(fixed[n - 1]->minimumSize(), QSize(160, 160));
             QCOMPARE(fixed[n - 1]->maximumSize(), QSize(160, 180));
         }
-        const QList<QPair<QString, QString>> buttons = {{"btnSavePDF", "合并PDF"},
-                                                        {"btnSaveTiff", "合并TIFF"},
-                                                        {"btnPhoto", "拍摄"},
-                                                        {"btnClose", "关闭"},
-                                                        {"btnDel", "删除"}};
+        const QList<QPair<QString, QString>> buttons = { { "btnSavePDF", "合并PDF" },
+                                                         { "btnSaveTiff", "合并TIFF" },
+                                                         { "btnPhoto", "拍摄" },
+                                                         { "btnClose", "关闭" },
+                                                         { "btnDel", "删除" } };
         for (const auto &b : buttons) {
             auto *button = dlg.findChild<QPushButton *>(b.first);
             QVERIFY2(button, qPrintable(b.first));
@@ -251,7 +266,9 @@ private slots:
 
         const QList<QLabel *> row = rowLabels(dlg);
         QCOMPARE(row.size(), 6);
-        const QList<QLabel *> fixed = {part<QLabel>(dlg, "Image_1"), part<QLabel>(dlg, "Image_2"), part<QLabel>(dlg, "Image_3"), part<QLabel>(dlg, "Image_4")};
+        const QList<QLabel *> fixed = { part<QLabel>(dlg, "Image_1"), part<QLabel>(dlg, "Image_2"),
+                                        part<QLabel>(dlg, "Image_3"),
+                                        part<QLabel>(dlg, "Image_4") };
         for (int n = 1; n <= 6; ++n) {
             QLabel *label = row[n - 1];
             QCOMPARE(label->objectName(), QString("Image_%1").arg(n));
@@ -266,7 +283,8 @@ private slots:
                 QCOMPARE(label->parentWidget(), part<QWidget>(dlg, "scrollAreaWidgetContents"));
                 QCOMPARE(label->minimumSize(), QSize(160, 160));
                 QCOMPARE(label->maximumSize(), QSize(160, 180));
-                QCOMPARE(label->styleSheet(), QString("border-radius:3px;border:1px groove gray;padding:2px 4px;"));
+                QCOMPARE(label->styleSheet(),
+                         QString("border-radius:3px;border:1px groove gray;padding:2px 4px;"));
             }
         }
 
@@ -275,7 +293,7 @@ private slots:
             connect(row[n - 1], &QObject::destroyed, this,
                     [&destroyed, n]() { destroyed << QString("Image_%1").arg(n); });
         dlg.init();
-        QCOMPARE(destroyed, QStringList({"Image_6", "Image_5"}));
+        QCOMPARE(destroyed, QStringList({ "Image_6", "Image_5" }));
         expectEmpty(dlg);
     }
 
@@ -309,11 +327,11 @@ private slots:
 
         // A new photo takes the freed number; its path goes behind the others.
         const QString late = photo("late", 20, 40, qRgb(1, 2, 3));
-        dlg.setImage({late});
+        dlg.setImage({ late });
         QCOMPARE(dlg.index, 5);
         QVERIFY(showsPicture(part<QLabel>(dlg, "Image_4")));
         QCOMPARE(part<QLabel>(dlg, "Image_4")->pixmap(Qt::ReturnByValue).size(), QSize(20, 40));
-        QCOMPARE(dlg.image_list, list + QList<QString>({late}));
+        QCOMPARE(dlg.image_list, list + QList<QString>({ late }));
     }
 
     void deleteOnAnEmptyDialogDoesNothing()
@@ -373,8 +391,8 @@ private slots:
     {
         const QRgb red = qRgb(220, 20, 20), blue = qRgb(20, 20, 220);
         ImageSavePDFOrTiffDialog dlg(nullptr);
-        dlg.setImage({photo("wide", 4000, 3000, red, "jpg")});
-        dlg.setImage({photo("tall", 3000, 4000, blue, "jpg")});
+        dlg.setImage({ photo("wide", 4000, 3000, red, "jpg") });
+        dlg.setImage({ photo("tall", 3000, 4000, blue, "jpg") });
         part<QPushButton>(dlg, "btnSavePDF")->click();
         const QString pdf = folder + "/IMG_1.pdf";
         QCOMPARE(pdfPages(pdf), 2);
@@ -385,23 +403,30 @@ private slots:
         QCOMPARE(second.paper, QString("A4"));
         QCOMPARE(first.rotation, 0);
         QCOMPARE(second.rotation, 0);
-        QVERIFY2(first.width > first.height, qPrintable(QString("%1 x %2").arg(first.width).arg(first.height)));
-        QVERIFY2(second.width < second.height, qPrintable(QString("%1 x %2").arg(second.width).arg(second.height)));
+        QVERIFY2(first.width > first.height,
+                 qPrintable(QString("%1 x %2").arg(first.width).arg(first.height)));
+        QVERIFY2(second.width < second.height,
+                 qPrintable(QString("%1 x %2").arg(second.width).arg(second.height)));
         QVERIFY(qAbs(first.width - 841.89) < 1 && qAbs(first.height - 595.28) < 1);
 
         // Every corner and the middle of each page carry the photo's colour.
-        const QList<QRgb> colours = {red, blue};
+        const QList<QRgb> colours = { red, blue };
         for (int n = 1; n <= 2; ++n) {
             const QImage page = renderPage(pdf, n, dir->path());
             QVERIFY2(!page.isNull(), qPrintable(QString("page %1 not rendered").arg(n)));
             QCOMPARE(page.width() > page.height(), n == 1);
-            const QList<QPoint> probes = {QPoint(0, 0), QPoint(page.width() - 1, 0), QPoint(0, page.height() - 1),
-                                          QPoint(page.width() - 1, page.height() - 1),
-                                          QPoint(page.width() / 2, page.height() / 2)};
+            const QList<QPoint> probes = { QPoint(0, 0), QPoint(page.width() - 1, 0),
+                                           QPoint(0, page.height() - 1),
+                                           QPoint(page.width() - 1, page.height() - 1),
+                                           QPoint(page.width() / 2, page.height() / 2) };
             for (const QPoint &at : probes) {
                 const QRgb c = page.pixel(at);
                 QVERIFY2(near(c, colours[n - 1], 24),
-                         qPrintable(QString("page %1 at (%2,%3) is %4").arg(n).arg(at.x()).arg(at.y()).arg(rgb(c))));
+                         qPrintable(QString("page %1 at (%2,%3) is %4")
+                                            .arg(n)
+                                            .arg(at.x())
+                                            .arg(at.y())
+                                            .arg(rgb(c))));
             }
         }
     }
@@ -409,7 +434,8 @@ private slots:
     void squarePhotoGivesAPortraitPage()
     {
         ImageSavePDFOrTiffDialog dlg(nullptr);
-        dlg.setImage({photo("wide", 60, 40, qRgb(200, 0, 0)), photo("square", 50, 50, qRgb(0, 200, 0))});
+        dlg.setImage({ photo("wide", 60, 40, qRgb(200, 0, 0)),
+                       photo("square", 50, 50, qRgb(0, 200, 0)) });
         part<QPushButton>(dlg, "btnSavePDF")->click();
         const PdfPage first = pdfPage(folder + "/IMG_1.pdf", 1);
         const PdfPage second = pdfPage(folder + "/IMG_1.pdf", 2);
@@ -431,22 +457,24 @@ private slots:
         QCOMPARE(Cache::config->save_number, 14);
 
         QCOMPARE(saved.count(), 2);
-        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({folder + "/IMG_12.pdf"}));
-        QCOMPARE(saved[1][0].value<QList<QString>>(), QList<QString>({folder + "/IMG_13.tiff"}));
-        QCOMPARE(filesIn(folder), QStringList({"IMG_12.pdf", "IMG_13.tiff"}));
+        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({ folder + "/IMG_12.pdf" }));
+        QCOMPARE(saved[1][0].value<QList<QString>>(), QList<QString>({ folder + "/IMG_13.tiff" }));
+        QCOMPARE(filesIn(folder), QStringList({ "IMG_12.pdf", "IMG_13.tiff" }));
         QCOMPARE(pdfPages(folder + "/IMG_12.pdf"), 2);
         std::vector<cv::Mat> pages;
-        QVERIFY(cv::imreadmulti((folder + "/IMG_13.tiff").toStdString(), pages, cv::IMREAD_UNCHANGED));
+        QVERIFY(cv::imreadmulti((folder + "/IMG_13.tiff").toStdString(), pages,
+                                cv::IMREAD_UNCHANGED));
         QCOMPARE(int(pages.size()), 2);
     }
 
     void tiffHasOnePagePerPhotoAtItsOwnSize()
     {
-        const QList<QSize> sizes = {QSize(320, 240), QSize(200, 300), QSize(150, 150)};
-        const QList<QRgb> colours = {qRgb(255, 0, 0), qRgb(0, 255, 0), qRgb(0, 0, 255)};
+        const QList<QSize> sizes = { QSize(320, 240), QSize(200, 300), QSize(150, 150) };
+        const QList<QRgb> colours = { qRgb(255, 0, 0), qRgb(0, 255, 0), qRgb(0, 0, 255) };
         ImageSavePDFOrTiffDialog dlg(nullptr);
         for (int i = 0; i < 3; ++i)
-            dlg.setImage({photo(QString("t%1").arg(i), sizes[i].width(), sizes[i].height(), colours[i])});
+            dlg.setImage({ photo(QString("t%1").arg(i), sizes[i].width(), sizes[i].height(),
+                                 colours[i]) });
         part<QPushButton>(dlg, "btnSaveTiff")->click();
 
         const QString tiff = folder + "/IMG_1.tiff";
@@ -472,7 +500,7 @@ private slots:
         part<QPushButton>(dlg, "btnSavePDF")->click();
         QCOMPARE(answerer.boxes.size(), 0);
         QCOMPARE(saved.count(), 1);
-        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({folder + "/IMG_1.pdf"}));
+        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({ folder + "/IMG_1.pdf" }));
         QCOMPARE(saved[0][1].toInt(), 1);
         QVERIFY(!dlg.isVisible());
         expectEmpty(dlg);
@@ -488,7 +516,7 @@ private slots:
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         part<QPushButton>(dlg, "btnSaveTiff")->click();
         QCOMPARE(saved.count(), 1);
-        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({folder + "/IMG_1.tiff"}));
+        QCOMPARE(saved[0][0].value<QList<QString>>(), QList<QString>({ folder + "/IMG_1.tiff" }));
         QCOMPARE(saved[0][1].toInt(), 1);
         QVERIFY(!dlg.isVisible());
         expectEmpty(dlg);
@@ -503,7 +531,7 @@ private slots:
         ImageSavePDFOrTiffDialog dlg(nullptr);
         dlg.show();
         QSignalSpy saved(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
-        dlg.setImage({photo("a", 40, 30, qRgb(200, 0, 0)), missing});
+        dlg.setImage({ photo("a", 40, 30, qRgb(200, 0, 0)), missing });
         part<QPushButton>(dlg, "btnSavePDF")->click();
         QCOMPARE(pdfPages(folder + "/IMG_1.pdf"), 2);
         const QImage blank = renderPage(folder + "/IMG_1.pdf", 2, dir->path());
@@ -511,10 +539,10 @@ private slots:
         QCOMPARE(blank.pixel(blank.width() / 2, blank.height() / 2), qRgb(255, 255, 255));
 
         dlg.show();
-        dlg.setImage({photo("b", 40, 30, qRgb(0, 200, 0)), missing});
+        dlg.setImage({ photo("b", 40, 30, qRgb(0, 200, 0)), missing });
         part<QPushButton>(dlg, "btnSaveTiff")->click();
         QCOMPARE(saved.count(), 2);
-        QCOMPARE(saved[1][0].value<QList<QString>>(), QList<QString>({folder + "/IMG_2.tiff"}));
+        QCOMPARE(saved[1][0].value<QList<QString>>(), QList<QString>({ folder + "/IMG_2.tiff" }));
         QVERIFY(!dlg.isVisible());
         expectEmpty(dlg);
     }
@@ -546,7 +574,8 @@ private slots:
         QCOMPARE(seen.cancelButtons, 0);
         QCOMPARE(seen.label, QString("正在生成PDF，共8页"));
         // Moved on page by page while the file was being written.
-        QVERIFY2(seen.values.size() >= 4, qPrintable(QString("values seen: %1").arg(seen.values.size())));
+        QVERIFY2(seen.values.size() >= 4,
+                 qPrintable(QString("values seen: %1").arg(seen.values.size())));
         for (int i = 1; i < seen.values.size(); ++i)
             QVERIFY(seen.values[i] > seen.values[i - 1]);
         QVERIFY(seen.values.last() <= 8);
@@ -554,7 +583,7 @@ private slots:
         // The attempts to save again meanwhile did nothing.
         QVERIFY(seen.reentered);
         QCOMPARE(saved.count(), 1);
-        QCOMPARE(filesIn(folder), QStringList({"IMG_1.pdf"}));
+        QCOMPARE(filesIn(folder), QStringList({ "IMG_1.pdf" }));
         QCOMPARE(Cache::config->save_number, 2);
         QCOMPARE(pdfPages(folder + "/IMG_1.pdf"), 8);
         // The progress is gone with the work, and the dialog closed empty.
@@ -577,13 +606,15 @@ private slots:
         QCOMPARE(seen.modality, Qt::WindowModal);
         QCOMPARE(seen.cancelButtons, 0);
         QCOMPARE(seen.label, QString("正在生成TIFF，共6页"));
-        QVERIFY2(seen.values.size() >= 3, qPrintable(QString("values seen: %1").arg(seen.values.size())));
+        QVERIFY2(seen.values.size() >= 3,
+                 qPrintable(QString("values seen: %1").arg(seen.values.size())));
         QVERIFY(seen.reentered);
         QCOMPARE(saved.count(), 1);
-        QCOMPARE(filesIn(folder), QStringList({"IMG_1.tiff"}));
+        QCOMPARE(filesIn(folder), QStringList({ "IMG_1.tiff" }));
 
         std::vector<cv::Mat> pages;
-        QVERIFY(cv::imreadmulti((folder + "/IMG_1.tiff").toStdString(), pages, cv::IMREAD_UNCHANGED));
+        QVERIFY(cv::imreadmulti((folder + "/IMG_1.tiff").toStdString(), pages,
+                                cv::IMREAD_UNCHANGED));
         QCOMPARE(int(pages.size()), 6);
         for (int i = 0; i < 6; ++i) {
             QCOMPARE(pages[i].cols, 40);

@@ -21,7 +21,7 @@ private slots:
     {
         QProcess install;
         install.setProcessChannelMode(QProcess::MergedChannels);
-        install.start(CMAKE_COMMAND_PATH, {"--install", BUILD_DIR, "--prefix", prefix.path()});
+        install.start(CMAKE_COMMAND_PATH, { "--install", BUILD_DIR, "--prefix", prefix.path() });
         QVERIFY(install.waitForFinished(120000));
         QVERIFY2(install.exitCode() == 0, install.readAll().constData());
     }
@@ -30,8 +30,8 @@ private slots:
     {
         const QString folder = prefix.path() + "/lib/brivora";
         QVERIFY(QFileInfo(folder + "/brivora").isExecutable());
-        for (const char *picture : {"brivora.png", "back/Picture_90.png", "pdf.png", "recored.png",
-                                    "tiff.png", "icon/icon_snap_32.png", "icon/icon_webcam.png"})
+        for (const char *picture : { "brivora.png", "back/Picture_90.png", "pdf.png", "recored.png",
+                                     "tiff.png", "icon/icon_snap_32.png", "icon/icon_webcam.png" })
             QVERIFY2(!QImage(folder + "/Resources/" + picture).isNull(), picture);
         // Only pictures are installed, no sources or build files.
         QDirIterator it(folder + "/Resources", QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot,
@@ -52,7 +52,7 @@ private slots:
         QDir().mkpath(place.path() + "/work");
         QDir().mkpath(place.path() + "/home");
         const ProgramRun run = runProgram(place.path() + "/work", place.path() + "/home",
-                                          {{"VCAM_CAMERAS", "1"}}, 1500, 60000, launcher);
+                                          { { "VCAM_CAMERAS", "1" } }, 1500, 60000, launcher);
         QVERIFY2(run.finished && !run.crashed, qPrintable(run.output.right(2000)));
         QCOMPARE(run.exitCode, 0);
         // The program reports its own folder: the installed one.
@@ -67,12 +67,12 @@ private slots:
         QVERIFY(entry.open(QIODevice::ReadOnly | QIODevice::Text));
         const QStringList lines = QString::fromUtf8(entry.readAll()).split('\n');
         for (const char *line :
-             {"Name=Brivora", "Name[zh_CN]=Brivora 文档拍摄", "Icon=io.brivora.Brivora",
-              "Exec=brivora", "Categories=Graphics;Photography;Scanning;"})
+             { "Name=Brivora", "Name[zh_CN]=Brivora 文档拍摄", "Icon=io.brivora.Brivora",
+               "Exec=brivora", "Categories=Graphics;Photography;Scanning;" })
             QVERIFY2(lines.contains(QString::fromUtf8(line)), line);
-        for (const char *key : {"Comment=", "Comment[zh_CN]=", "Keywords=", "Keywords[zh_CN]="}) {
-            const QStringList found = lines.filter(QRegularExpression(
-                "^" + QRegularExpression::escape(QString(key)) + "."));
+        for (const char *key : { "Comment=", "Comment[zh_CN]=", "Keywords=", "Keywords[zh_CN]=" }) {
+            const QStringList found = lines.filter(
+                    QRegularExpression("^" + QRegularExpression::escape(QString(key)) + "."));
             QVERIFY2(found.size() == 1, key);
         }
     }
@@ -80,7 +80,7 @@ private slots:
     void applicationIconInEveryThemeSize()
     {
         const QString themes = prefix.path() + "/share/icons/hicolor/";
-        for (int size : {48, 64, 128, 256}) {
+        for (int size : { 48, 64, 128, 256 }) {
             const QString png = themes + QString("%1x%1/apps/io.brivora.Brivora.png").arg(size);
             const QImage icon(png);
             QVERIFY2(!icon.isNull(), qPrintable(png));
@@ -100,7 +100,7 @@ private slots:
         QVERIFY(changelog.open(QIODevice::ReadOnly | QIODevice::Text));
         const QString first = QString::fromUtf8(changelog.readLine()).trimmed();
         const QRegularExpressionMatch head =
-            QRegularExpression("^brivora \\(([^)]+)\\) ").match(first);
+                QRegularExpression("^brivora \\(([^)]+)\\) ").match(first);
         QVERIFY2(head.hasMatch(), qPrintable(first));
         QCOMPARE(head.captured(1), QString(BRIVORA_VERSION));
 

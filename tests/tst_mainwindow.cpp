@@ -52,9 +52,9 @@ constexpr int fileDeadline = 20000;
 
 const char *const loadingTip = "视频加载中，请稍候......";
 const char *const normalSlotStyle =
-    "border-radius:3px;border:1px groove gray;padding:2px 4px;background-color:transparent";
+        "border-radius:3px;border:1px groove gray;padding:2px 4px;background-color:transparent";
 const char *const newestSlotStyle =
-    "border-radius:3px;border:1px groove gray;padding:2px 4px;background-color:red;";
+        "border-radius:3px;border:1px groove gray;padding:2px 4px;background-color:red;";
 
 // Makes the window's event filter callable, to see what it answers.
 class OpenWindow : public MainWindowQCamera
@@ -93,8 +93,8 @@ QString resource(const QString &relative)
 QImage scaledIcon(const QString &relative)
 {
     return QPixmap(resource(relative))
-        .scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation)
-        .toImage();
+            .scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation)
+            .toImage();
 }
 
 // Writes a plain photo of the given size and colour; returns its path.
@@ -188,20 +188,71 @@ private slots:
     {
         attachCameras(1);
         MainWindowQCamera w;
-        const QStringList expected = {
-            "centralwidget", "verticalLayout", "widget", "horizontalLayout_7", "video",
-            "horizontalLayout_8", "lb_video_tip", "frame_11", "picLogo_2", "lbRotate_2",
-            "btnleft_2", "btnupdown_2", "btnright_2", "btnToggleDevice_2", "lbSecCon_2",
-            "btnSecCamCon_2", "btnSecCam1Con_2", "chMergeImage_2", "gpimagepath_2",
-            "btnOpenUserWorkDir_2", "btnSelectWorkDir_2", "lbUserWorkDir_2", "groupCorrection_2",
-            "rb_correction_10", "rb_correction_11", "rb_correction_12", "rb_correction_13",
-            "groupShootingSetting_2", "rb_Shooting_10", "rb_Shooting_11", "rb_Shooting_12",
-            "rb_Shooting_13", "groupBox_4", "check_image_merging_2", "cbSaveTiffImage_2",
-            "pushButton", "btnSavePdfTiff", "lb_exposure_header_2", "tbExposure_2", "cbAutoExp_2",
-            "lb_exposure_2", "frame_2", "verticalLayout_3", "frame_7", "horizontalLayout_5",
-            "frame_8", "pic22", "pic24", "pic23", "pic25", "pic21", "pic26", "pic27", "pic28",
-            "pic29", "pic210", "frame_9", "btnShooting", "btnSetting_2", "btnShootingTime",
-            "btnShootingVideo", "frame_10", "horizontalLayout_6", "lbcompany_2", "lbcopyText_2"};
+        const QStringList expected = { "centralwidget",
+                                       "verticalLayout",
+                                       "widget",
+                                       "horizontalLayout_7",
+                                       "video",
+                                       "horizontalLayout_8",
+                                       "lb_video_tip",
+                                       "frame_11",
+                                       "picLogo_2",
+                                       "lbRotate_2",
+                                       "btnleft_2",
+                                       "btnupdown_2",
+                                       "btnright_2",
+                                       "btnToggleDevice_2",
+                                       "lbSecCon_2",
+                                       "btnSecCamCon_2",
+                                       "btnSecCam1Con_2",
+                                       "chMergeImage_2",
+                                       "gpimagepath_2",
+                                       "btnOpenUserWorkDir_2",
+                                       "btnSelectWorkDir_2",
+                                       "lbUserWorkDir_2",
+                                       "groupCorrection_2",
+                                       "rb_correction_10",
+                                       "rb_correction_11",
+                                       "rb_correction_12",
+                                       "rb_correction_13",
+                                       "groupShootingSetting_2",
+                                       "rb_Shooting_10",
+                                       "rb_Shooting_11",
+                                       "rb_Shooting_12",
+                                       "rb_Shooting_13",
+                                       "groupBox_4",
+                                       "check_image_merging_2",
+                                       "cbSaveTiffImage_2",
+                                       "pushButton",
+                                       "btnSavePdfTiff",
+                                       "lb_exposure_header_2",
+                                       "tbExposure_2",
+                                       "cbAutoExp_2",
+                                       "lb_exposure_2",
+                                       "frame_2",
+                                       "verticalLayout_3",
+                                       "frame_7",
+                                       "horizontalLayout_5",
+                                       "frame_8",
+                                       "pic22",
+                                       "pic24",
+                                       "pic23",
+                                       "pic25",
+                                       "pic21",
+                                       "pic26",
+                                       "pic27",
+                                       "pic28",
+                                       "pic29",
+                                       "pic210",
+                                       "frame_9",
+                                       "btnShooting",
+                                       "btnSetting_2",
+                                       "btnShootingTime",
+                                       "btnShootingVideo",
+                                       "frame_10",
+                                       "horizontalLayout_6",
+                                       "lbcompany_2",
+                                       "lbcopyText_2" };
         // Children are kept in creation order, so a walk of the tree in that
         // order gives the order in which the form made them.
         QStringList found;
@@ -238,20 +289,38 @@ private slots:
             return QString("(none)");
         };
         const QList<QPair<const char *, QString>> texts = {
-            {"lbRotate_2", "视频旋转："}, {"lbSecCon_2", "画 中 画："}, {"chMergeImage_2", "合并拍照"},
-            {"gpimagepath_2", "存储路径"}, {"btnOpenUserWorkDir_2", "浏览图像"},
-            {"btnSelectWorkDir_2", "存储位置"}, {"groupCorrection_2", "矫正方式"},
-            {"rb_correction_10", "不矫正"}, {"rb_correction_11", "单个矫正"},
-            {"rb_correction_12", "多个矫正"}, {"rb_correction_13", "自定义矫正"},
-            {"groupShootingSetting_2", "拍摄类型"}, {"rb_Shooting_10", "彩色"},
-            {"rb_Shooting_11", "灰度"}, {"rb_Shooting_12", "黑白"}, {"rb_Shooting_13", "彩色去底"},
-            {"groupBox_4", "图像处理"}, {"check_image_merging_2", "合拼图像"},
-            {"cbSaveTiffImage_2", "存储PDF/TIFF"}, {"pushButton", "合并图像"},
-            {"btnSavePdfTiff", "存储PDF/TIFF"}, {"lb_exposure_header_2", "曝 光 度："},
-            {"cbAutoExp_2", "自动"}, {"lb_exposure_2", "-3"}, {"btnShooting", "\n\n拍摄"},
-            {"btnSetting_2", "\n\n设置"}, {"btnShootingTime", "\n\n定时"},
-            {"btnShootingVideo", "\n\n录像"}, {"lb_video_tip", loadingTip}, {"btnleft_2", ""},
-            {"picLogo_2", ""}};
+            { "lbRotate_2", "视频旋转：" },
+            { "lbSecCon_2", "画 中 画：" },
+            { "chMergeImage_2", "合并拍照" },
+            { "gpimagepath_2", "存储路径" },
+            { "btnOpenUserWorkDir_2", "浏览图像" },
+            { "btnSelectWorkDir_2", "存储位置" },
+            { "groupCorrection_2", "矫正方式" },
+            { "rb_correction_10", "不矫正" },
+            { "rb_correction_11", "单个矫正" },
+            { "rb_correction_12", "多个矫正" },
+            { "rb_correction_13", "自定义矫正" },
+            { "groupShootingSetting_2", "拍摄类型" },
+            { "rb_Shooting_10", "彩色" },
+            { "rb_Shooting_11", "灰度" },
+            { "rb_Shooting_12", "黑白" },
+            { "rb_Shooting_13", "彩色去底" },
+            { "groupBox_4", "图像处理" },
+            { "check_image_merging_2", "合拼图像" },
+            { "cbSaveTiffImage_2", "存储PDF/TIFF" },
+            { "pushButton", "合并图像" },
+            { "btnSavePdfTiff", "存储PDF/TIFF" },
+            { "lb_exposure_header_2", "曝 光 度：" },
+            { "cbAutoExp_2", "自动" },
+            { "lb_exposure_2", "-3" },
+            { "btnShooting", "\n\n拍摄" },
+            { "btnSetting_2", "\n\n设置" },
+            { "btnShootingTime", "\n\n定时" },
+            { "btnShootingVideo", "\n\n录像" },
+            { "lb_video_tip", loadingTip },
+            { "btnleft_2", "" },
+            { "picLogo_2", "" }
+        };
         for (const auto &t : texts)
             QCOMPARE(text(t.first), t.second);
 
@@ -276,18 +345,25 @@ private slots:
         for (int n = 1; n <= 10; ++n) {
             auto *slot = w.findChild<QLabel *>(QString("pic2%1").arg(n));
             QVERIFY(slot->hasScaledContents());
-            QCOMPARE(slot->styleSheet(), QString("border-radius:3px;\n\tborder:1px groove gray;\n\tpadding:2px 4px;"));
+            QCOMPARE(slot->styleSheet(),
+                     QString("border-radius:3px;\n\tborder:1px groove gray;\n\tpadding:2px 4px;"));
         }
 
-        const QString frameStyle = "QFrame {\n\tborder:0px solid rgb(190, 190, 190);\n}\nQPushButton:hover{\n\tbackground-color: rgb(197, 197, 197);\n}\nQPushButton:pressed{\n\tbackground-color: rgb(170, 170, 255);\n}\n";
+        const QString frameStyle =
+                "QFrame {\n\tborder:0px solid rgb(190, 190, "
+                "190);\n}\nQPushButton:hover{\n\tbackground-color: rgb(197, 197, "
+                "197);\n}\nQPushButton:pressed{\n\tbackground-color: rgb(170, 170, 255);\n}\n";
         QCOMPARE(w.ui->frame_11->styleSheet(), frameStyle);
         QCOMPARE(w.ui->frame_2->styleSheet(), frameStyle.left(frameStyle.size() - 1));
         QCOMPARE(w.ui->video->styleSheet(), QString("border:0.5px solid gray;"));
-        QCOMPARE(w.ui->btnleft_2->styleSheet(), QString("border:1px groove gray;border-radius:16px;padding:2px 4px;\n"));
+        QCOMPARE(w.ui->btnleft_2->styleSheet(),
+                 QString("border:1px groove gray;border-radius:16px;padding:2px 4px;\n"));
         QCOMPARE(w.ui->btnSecCam1Con_2->styleSheet(), w.ui->btnleft_2->styleSheet());
-        QCOMPARE(w.ui->btnSelectWorkDir_2->styleSheet(), QString("border:1px groove gray;border-radius:3px;padding:2px 4px;\n"));
-        QCOMPARE(w.ui->lbUserWorkDir_2->styleSheet(), QString("background-color: rgb(255, 255, 255);"));
-        for (QFrame *f : {w.ui->frame_7, w.ui->frame_8, w.ui->frame_9, w.ui->frame_10})
+        QCOMPARE(w.ui->btnSelectWorkDir_2->styleSheet(),
+                 QString("border:1px groove gray;border-radius:3px;padding:2px 4px;\n"));
+        QCOMPARE(w.ui->lbUserWorkDir_2->styleSheet(),
+                 QString("background-color: rgb(255, 255, 255);"));
+        for (QFrame *f : { w.ui->frame_7, w.ui->frame_8, w.ui->frame_9, w.ui->frame_10 })
             QCOMPARE(f->frameShape(), QFrame::StyledPanel);
     }
 
@@ -315,7 +391,8 @@ private slots:
         for (QWidget *child : ui->frame_11->findChildren<QWidget *>()) {
             if (child->isHidden() || child->parentWidget() != ui->frame_11)
                 continue;
-            QVERIFY2(ui->frame_11->rect().contains(child->geometry()), qPrintable(child->objectName()));
+            QVERIFY2(ui->frame_11->rect().contains(child->geometry()),
+                     qPrintable(child->objectName()));
         }
         for (int n = 1; n <= 10; ++n) {
             auto *slot = w.findChild<QLabel *>(QString("pic2%1").arg(n));
@@ -330,18 +407,23 @@ private slots:
         QCOMPARE(w.ui->lbUserWorkDir_2->text(), m_documents->path());
         QVERIFY(!w.ui->picLogo_2->pixmap(Qt::ReturnByValue).isNull());
         const QPixmap logo = QPixmap(resource("/Resources/brivora.png"))
-                                 .scaled(w.ui->picLogo_2->size(), Qt::KeepAspectRatio, Qt::SmoothTransformation);
+                                     .scaled(w.ui->picLogo_2->size(), Qt::KeepAspectRatio,
+                                             Qt::SmoothTransformation);
         QCOMPARE(w.ui->picLogo_2->pixmap(Qt::ReturnByValue).toImage(), logo.toImage());
         QVERIFY(w.ui->picLogo_2->rect().contains(QRect(QPoint(), logo.size())));
-        for (QPushButton *b : {w.ui->btnleft_2, w.ui->btnupdown_2, w.ui->btnright_2,
-                               w.ui->btnToggleDevice_2, w.ui->btnSecCam1Con_2, w.ui->btnSecCamCon_2})
-            QVERIFY2(!b->icon().isNull() && !b->icon().availableSizes().isEmpty(), qPrintable(b->objectName()));
+        for (QPushButton *b :
+             { w.ui->btnleft_2, w.ui->btnupdown_2, w.ui->btnright_2, w.ui->btnToggleDevice_2,
+               w.ui->btnSecCam1Con_2, w.ui->btnSecCamCon_2 })
+            QVERIFY2(!b->icon().isNull() && !b->icon().availableSizes().isEmpty(),
+                     qPrintable(b->objectName()));
         QCOMPARE(w.ui->btnleft_2->icon().pixmap(32).toImage(),
                  QIcon(resource("/Resources/icon/icon_oleft.png")).pixmap(32).toImage());
         QCOMPARE(w.ui->btnSecCamCon_2->icon().pixmap(32).toImage(),
                  QIcon(resource("/Resources/icon/icon_webcam.png")).pixmap(32).toImage());
 
-        const QString tpl = "border:1px groove gray;border-radius:3px;padding:2px 4px;background-image: url(%1/%2);background-repeat: no-repeat;background-position: top ;";
+        const QString tpl =
+                "border:1px groove gray;border-radius:3px;padding:2px 4px;background-image: "
+                "url(%1/%2);background-repeat: no-repeat;background-position: top ;";
         const QString folder = Cache::config->exe_path + "/Resources/icon/";
         QCOMPARE(w.ui->btnShooting->styleSheet(), tpl.arg(folder, "icon_snap_32.png"));
         QCOMPARE(w.ui->btnSetting_2->styleSheet(), tpl.arg(folder, "icon_setting_32.png"));
@@ -362,9 +444,10 @@ private slots:
         QCOMPARE(w.currentPicIndex, 1);
         QCOMPARE(w.picCount, 10);
         QVERIFY(!w.timerShooting->isActive());
-        for (QObject *child : {static_cast<QObject *>(w.settingsDialog), static_cast<QObject *>(w.cameraView1),
-                               static_cast<QObject *>(w.cameraView2), static_cast<QObject *>(w.imageMerging),
-                               static_cast<QObject *>(w.imageSavePDFOrTiff)})
+        for (QObject *child :
+             { static_cast<QObject *>(w.settingsDialog), static_cast<QObject *>(w.cameraView1),
+               static_cast<QObject *>(w.cameraView2), static_cast<QObject *>(w.imageMerging),
+               static_cast<QObject *>(w.imageSavePDFOrTiff) })
             QCOMPARE(child->parent(), static_cast<QObject *>(&w));
     }
 
@@ -385,11 +468,12 @@ private slots:
         QCOMPARE(QSettings(ini, QSettings::IniFormat).value("camera/index").toInt(), 3);
 
         const ProgramRun run = runProgram(work, home,
-                                          {{"VCAM_CAMERAS", "1"},
-                                           {"VCAM_0_SIZES", "640x480"},
-                                           {"VCAM_STATE_DIR", m_state->path()}},
+                                          { { "VCAM_CAMERAS", "1" },
+                                            { "VCAM_0_SIZES", "640x480" },
+                                            { "VCAM_STATE_DIR", m_state->path() } },
                                           2500);
-        QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(run.output.right(2000)));
+        QVERIFY2(run.finished && !run.crashed && run.exitCode == 0,
+                 qPrintable(run.output.right(2000)));
         QVERIFY(run.boxes.isEmpty());
         // Camera 0 streamed, and the file holds 0 once the window is gone.
         QVERIFY2(stateValue(0, "frames").toInt() > 0, qPrintable(run.output.right(2000)));
@@ -410,7 +494,17 @@ private slots:
     {
         attachCameras(1);
         MainWindowQCamera w;
-        QCOMPARE(w.file_paths, QList<QString>() << "" << "" << "" << "" << "" << "" << "" << "" << "" << "");
+        QCOMPARE(w.file_paths,
+                 QList<QString>() << ""
+                                  << ""
+                                  << ""
+                                  << ""
+                                  << ""
+                                  << ""
+                                  << ""
+                                  << ""
+                                  << ""
+                                  << "");
         const QImage placeholder = QPixmap(resource("/Resources/back/Picture_90.png")).toImage();
         QVERIFY(!placeholder.isNull());
         for (int n = 1; n <= 10; ++n)
@@ -423,19 +517,19 @@ private slots:
         MainWindowQCamera w;
         w.show();
         QVERIFY(QTest::qWaitForWindowExposed(&w));
-        for (QWidget *hidden : {static_cast<QWidget *>(w.ui->rb_correction_13),
-                                static_cast<QWidget *>(w.ui->btnSecCamCon_2),
-                                static_cast<QWidget *>(w.ui->check_image_merging_2),
-                                static_cast<QWidget *>(w.ui->cbSaveTiffImage_2),
-                                static_cast<QWidget *>(w.ui->lb_exposure_2),
-                                static_cast<QWidget *>(w.ui->lb_exposure_header_2),
-                                static_cast<QWidget *>(w.ui->cbAutoExp_2),
-                                static_cast<QWidget *>(w.ui->tbExposure_2)})
+        for (QWidget *hidden : { static_cast<QWidget *>(w.ui->rb_correction_13),
+                                 static_cast<QWidget *>(w.ui->btnSecCamCon_2),
+                                 static_cast<QWidget *>(w.ui->check_image_merging_2),
+                                 static_cast<QWidget *>(w.ui->cbSaveTiffImage_2),
+                                 static_cast<QWidget *>(w.ui->lb_exposure_2),
+                                 static_cast<QWidget *>(w.ui->lb_exposure_header_2),
+                                 static_cast<QWidget *>(w.ui->cbAutoExp_2),
+                                 static_cast<QWidget *>(w.ui->tbExposure_2) })
             QVERIFY2(!hidden->isVisible(), qPrintable(hidden->objectName()));
-        for (QWidget *shown : {static_cast<QWidget *>(w.ui->rb_correction_12),
-                               static_cast<QWidget *>(w.ui->btnSecCam1Con_2),
-                               static_cast<QWidget *>(w.ui->pushButton),
-                               static_cast<QWidget *>(w.ui->btnShootingVideo)})
+        for (QWidget *shown : { static_cast<QWidget *>(w.ui->rb_correction_12),
+                                static_cast<QWidget *>(w.ui->btnSecCam1Con_2),
+                                static_cast<QWidget *>(w.ui->pushButton),
+                                static_cast<QWidget *>(w.ui->btnShootingVideo) })
             QVERIFY2(shown->isVisible(), qPrintable(shown->objectName()));
     }
 
@@ -557,7 +651,8 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(photos.count() >= 1, 15000);
         const qint64 first = clock.elapsed();
         // Qt lets a coarse timer fire up to 5% early.
-        QVERIFY2(first >= 4700 && first < 8000, qPrintable(QString("first photo after %1 ms").arg(first)));
+        QVERIFY2(first >= 4700 && first < 8000,
+                 qPrintable(QString("first photo after %1 ms").arg(first)));
     }
 
     void timedShootingIsRefusedWhileRecording()
@@ -631,7 +726,8 @@ private slots:
         QVERIFY(w.ui->video->isOpenTip);
         QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
         QTRY_COMPARE_WITH_TIMEOUT(answerer.boxes.size(), 1, 5000);
-        QCOMPARE(answerer.boxes[0].text, QString("视频切换中，请等摄像头准备就绪了再进行录制，谢谢......"));
+        QCOMPARE(answerer.boxes[0].text,
+                 QString("视频切换中，请等摄像头准备就绪了再进行录制，谢谢......"));
         QVERIFY(!w.isVideoShooting);
         QCOMPARE(w.ui->btnShootingVideo->text(), QString("\n\n录像"));
         QVERIFY(!w.ui->video->isCameraVideo);
@@ -674,7 +770,8 @@ private slots:
         const QString avi = w.file_paths.value(0);
         QCOMPARE(QFileInfo(avi).absolutePath(), m_documents->path());
         QVERIFY2(frameCount(avi) >= 10, qPrintable(QString("%1 frames").arg(frameCount(avi))));
-        QVERIFY2(!scaledIcon("/Resources/recored.png").isNull(), "/Resources/recored.png is there to compare with");
+        QVERIFY2(!scaledIcon("/Resources/recored.png").isNull(),
+                 "/Resources/recored.png is there to compare with");
         QCOMPARE(slotPixmap(w, 1).toImage(), scaledIcon("/Resources/recored.png"));
         QCOMPARE(slotStyle(w, 1), QString(newestSlotStyle));
     }
@@ -762,7 +859,8 @@ private slots:
         QTest::mouseClick(w.ui->btnSecCam1Con_2, Qt::LeftButton);
         QVERIFY(w.cameraView2->isVisible());
         const QSize size = w.cameraView2->size();
-        QCOMPARE(w.cameraView2->geometry(), QRect(w.x() + 10, w.y() + 65, size.width(), size.height()));
+        QCOMPARE(w.cameraView2->geometry(),
+                 QRect(w.x() + 10, w.y() + 65, size.width(), size.height()));
         QTRY_COMPARE_WITH_TIMEOUT(stateValue(2, "streaming"), QString("1"), frameDeadline);
         QTRY_COMPARE_WITH_TIMEOUT(w.ui->video->m_Image.size(), QSize(640, 480), frameDeadline);
         QTRY_VERIFY_WITH_TIMEOUT(!w.cameraView2->getChildImage().isNull(), frameDeadline);
@@ -880,7 +978,8 @@ private slots:
             }
         });
         QTest::mouseClick(w.ui->btnSelectWorkDir_2, Qt::LeftButton);
-        QCOMPARE(QDir(Cache::config->user_documentsLocation).absolutePath(), QDir(chosen).absolutePath());
+        QCOMPARE(QDir(Cache::config->user_documentsLocation).absolutePath(),
+                 QDir(chosen).absolutePath());
         QCOMPARE(w.ui->lbUserWorkDir_2->text(), Cache::config->user_documentsLocation);
         QVERIFY(waitOpen(w));
         QTest::mouseClick(w.ui->btnShooting, Qt::LeftButton);
@@ -973,7 +1072,7 @@ private slots:
         attachCameras(1);
         MainWindowQCamera w;
         const QString photo = writePhoto(m_scratch->path(), "a.jpg", 40, 30, Qt::blue);
-        w.takePhotoImage({photo}, 0);
+        w.takePhotoImage({ photo }, 0);
         QCOMPARE(slotStyle(w, 1), QString(newestSlotStyle));
         w.takePhotoImage({}, 0);
         QCOMPARE(w.currentPicIndex, 2);
@@ -988,7 +1087,8 @@ private slots:
         MainWindowQCamera w;
         QStringList photos;
         for (int i = 0; i < 3; ++i)
-            photos << writePhoto(m_scratch->path(), QString("p%1.png").arg(i), 40, 30, QColor(10 * i, 0, 0));
+            photos << writePhoto(m_scratch->path(), QString("p%1.png").arg(i), 40, 30,
+                                 QColor(10 * i, 0, 0));
         w.currentPicIndex = 9;
         w.ui->pic28->setStyleSheet(newestSlotStyle);
         w.takePhotoImage(photos, 0);
@@ -998,8 +1098,12 @@ private slots:
         QCOMPARE(w.currentPicIndex, 2);
         QCOMPARE(slotStyle(w, 8), QString(normalSlotStyle));
         QCOMPARE(slotStyle(w, 1), QString(newestSlotStyle));
-        QCOMPARE(slotStyle(w, 9), QString("border-radius:3px;\n\tborder:1px groove gray;\n\tpadding:2px 4px;"));
-        const QImage expected = QPixmap(photos[2]).scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation).toImage();
+        QCOMPARE(slotStyle(w, 9),
+                 QString("border-radius:3px;\n\tborder:1px groove gray;\n\tpadding:2px 4px;"));
+        const QImage expected =
+                QPixmap(photos[2])
+                        .scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation)
+                        .toImage();
         QCOMPARE(slotPixmap(w, 1).toImage(), expected);
         QVERIFY(w.ui->pic21->hasScaledContents());
     }
@@ -1011,24 +1115,29 @@ private slots:
         const QString pdf = QDir(m_scratch->path()).filePath("IMG_3.pdf");
         const QString avi = QDir(m_scratch->path()).filePath("2026_01_01_10_00_00.000.avi");
         const QString tiff = QDir(m_scratch->path()).filePath("IMG_4.tiff");
-        w.takePhotoImage({pdf, avi, tiff}, 1);
-        QVERIFY2(!scaledIcon("/Resources/pdf.png").isNull(), "/Resources/pdf.png is there to compare with");
+        w.takePhotoImage({ pdf, avi, tiff }, 1);
+        QVERIFY2(!scaledIcon("/Resources/pdf.png").isNull(),
+                 "/Resources/pdf.png is there to compare with");
         QCOMPARE(slotPixmap(w, 1).toImage(), scaledIcon("/Resources/pdf.png"));
-        QVERIFY2(!scaledIcon("/Resources/recored.png").isNull(), "/Resources/recored.png is there to compare with");
+        QVERIFY2(!scaledIcon("/Resources/recored.png").isNull(),
+                 "/Resources/recored.png is there to compare with");
         QCOMPARE(slotPixmap(w, 2).toImage(), scaledIcon("/Resources/recored.png"));
-        QVERIFY2(!scaledIcon("/Resources/tiff.png").isNull(), "/Resources/tiff.png is there to compare with");
+        QVERIFY2(!scaledIcon("/Resources/tiff.png").isNull(),
+                 "/Resources/tiff.png is there to compare with");
         QCOMPARE(slotPixmap(w, 3).toImage(), scaledIcon("/Resources/tiff.png"));
         QVERIFY(w.ui->pic21->hasScaledContents());
         QCOMPARE(w.file_paths.value(0), pdf);
 
         UrlRecorder recorder;
         QDesktopServices::setUrlHandler("file", &recorder, "open");
-        QMouseEvent press(QEvent::MouseButtonPress, QPointF(5, 5), Qt::RightButton, Qt::RightButton, Qt::NoModifier);
+        QMouseEvent press(QEvent::MouseButtonPress, QPointF(5, 5), Qt::RightButton, Qt::RightButton,
+                          Qt::NoModifier);
         const bool consumed = w.eventFilter(w.ui->pic21, &press);
         QTest::mouseClick(w.ui->pic22, Qt::LeftButton);
         QDesktopServices::unsetUrlHandler("file");
         QVERIFY2(!consumed, "the press still reaches the label");
-        QCOMPARE(recorder.urls, QList<QUrl>() << QUrl::fromLocalFile(pdf) << QUrl::fromLocalFile(avi));
+        QCOMPARE(recorder.urls,
+                 QList<QUrl>() << QUrl::fromLocalFile(pdf) << QUrl::fromLocalFile(avi));
     }
 
     void upperCaseAndShortEndingsKeepTheirOwnPicture()
@@ -1037,10 +1146,14 @@ private slots:
         MainWindowQCamera w;
         const QString tif = writePhoto(m_scratch->path(), "scan.tif", 30, 20, Qt::green);
         const QString upper = QDir(m_scratch->path()).filePath("DOC.PDF");
-        w.takePhotoImage({tif, upper}, 0);
-        const QImage expected = QPixmap(tif).scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation).toImage();
+        w.takePhotoImage({ tif, upper }, 0);
+        const QImage expected =
+                QPixmap(tif)
+                        .scaled(200, 200, Qt::IgnoreAspectRatio, Qt::FastTransformation)
+                        .toImage();
         QCOMPARE(slotPixmap(w, 1).toImage(), expected);
-        QVERIFY2(slotPixmap(w, 2).isNull(), "an upper-case PDF is loaded as a picture, which fails");
+        QVERIFY2(slotPixmap(w, 2).isNull(),
+                 "an upper-case PDF is loaded as a picture, which fails");
         QCOMPARE(w.file_paths.value(1), upper);
     }
 
@@ -1051,7 +1164,8 @@ private slots:
         UrlRecorder recorder;
         QDesktopServices::setUrlHandler("file", &recorder, "open");
         QTest::mouseClick(w.ui->pic25, Qt::LeftButton);
-        QMouseEvent press(QEvent::MouseButtonPress, QPointF(1, 1), Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
+        QMouseEvent press(QEvent::MouseButtonPress, QPointF(1, 1), Qt::LeftButton, Qt::LeftButton,
+                          Qt::NoModifier);
         const bool consumed = w.eventFilter(w.ui->pic210, &press);
         QDesktopServices::unsetUrlHandler("file");
         QVERIFY(!consumed);
@@ -1065,10 +1179,10 @@ private slots:
         QTest::mouseClick(w.ui->btnSavePdfTiff, Qt::LeftButton);
         QVERIFY(w.imageSavePDFOrTiff->isVisible());
         const QString photo = writePhoto(m_scratch->path(), "a.png", 40, 30, Qt::red);
-        w.takePhotoImage({photo}, 1);
+        w.takePhotoImage({ photo }, 1);
         QVERIFY(w.imageSavePDFOrTiff->image_list.isEmpty());
         QCOMPARE(w.file_paths.value(0), photo);
-        w.takePhotoImage({photo}, 0);
+        w.takePhotoImage({ photo }, 0);
         QCOMPARE(w.imageSavePDFOrTiff->image_list, QList<QString>() << photo);
     }
 
@@ -1091,23 +1205,26 @@ private slots:
         // upright, so its corners are paper and not desk.
         QVERIFY2(qAbs(cut.width() - 576) <= 12 && qAbs(cut.height() - 360) <= 12,
                  qPrintable(QString("cut-out %1x%2").arg(cut.width()).arg(cut.height())));
-        for (const QPoint &p : {QPoint(6, 6), QPoint(cut.width() - 7, 6), QPoint(6, cut.height() - 7),
-                                QPoint(cut.width() - 7, cut.height() - 7)})
-            QVERIFY2(isBright(cut.pixelColor(p)), qPrintable(QString("corner %1,%2").arg(p.x()).arg(p.y())));
+        for (const QPoint &p :
+             { QPoint(6, 6), QPoint(cut.width() - 7, 6), QPoint(6, cut.height() - 7),
+               QPoint(cut.width() - 7, cut.height() - 7) })
+            QVERIFY2(isBright(cut.pixelColor(p)),
+                     qPrintable(QString("corner %1,%2").arg(p.x()).arg(p.y())));
     }
 
     void photoWithInsetCarriesTheSecondCamera()
     {
         attachCaptureNodes(3);
         qputenv("VCAM_0_SCENE", "sheets:0.5,0.5,1.0,1.0,0"); // all paper
-        qputenv("VCAM_2_SCENE", "desk");                      // all desk
+        qputenv("VCAM_2_SCENE", "desk"); // all desk
         *Cache::cameras = CameraInfo::discover();
         MainWindowQCamera w;
         QVERIFY(waitOpen(w));
         QTest::mouseClick(w.ui->btnSecCam1Con_2, Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!w.cameraView2->getChildImage().isNull(), frameDeadline);
         QVERIFY(waitOpen(w));
-        QTest::mouseClick(w.ui->chMergeImage_2, Qt::LeftButton, {}, QPoint(8, w.ui->chMergeImage_2->height() / 2));
+        QTest::mouseClick(w.ui->chMergeImage_2, Qt::LeftButton, {},
+                          QPoint(8, w.ui->chMergeImage_2->height() / 2));
         QVERIFY(w.ui->chMergeImage_2->isChecked());
         QTest::mouseClick(w.ui->btnShooting, Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(document("IMG_1.jpg")), fileDeadline);
@@ -1115,7 +1232,8 @@ private slots:
         const QImage photo(document("IMG_1.jpg"));
         QVERIFY(!photo.isNull());
         QVERIFY2(isDark(photo.pixelColor(20, 20)), "the inset of the desk camera sits top left");
-        QVERIFY2(isBright(photo.pixelColor(photo.width() - 20, photo.height() - 20)), "the rest is the paper");
+        QVERIFY2(isBright(photo.pixelColor(photo.width() - 20, photo.height() - 20)),
+                 "the rest is the paper");
     }
 
     void dialogsReceivePhotosAndTheirResultsLandInTheStrip()
@@ -1153,7 +1271,8 @@ private slots:
         std::vector<cv::Mat> pages;
         QVERIFY(cv::imreadmulti(document("IMG_6.tiff").toStdString(), pages));
         QCOMPARE(int(pages.size()), 2);
-        QVERIFY2(!scaledIcon("/Resources/tiff.png").isNull(), "/Resources/tiff.png is there to compare with");
+        QVERIFY2(!scaledIcon("/Resources/tiff.png").isNull(),
+                 "/Resources/tiff.png is there to compare with");
         QCOMPARE(slotPixmap(w, 6).toImage(), scaledIcon("/Resources/tiff.png"));
     }
 };

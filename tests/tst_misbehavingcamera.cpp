@@ -30,7 +30,6 @@ namespace {
 
 constexpr int frameDeadline = 30000;
 
-
 double processCpuSeconds()
 {
     timespec ts;
@@ -119,19 +118,19 @@ private slots:
         took["photo"] = heldFor([&] { QTest::mouseClick(w->ui->btnShooting, Qt::LeftButton); });
         QTest::qWait(200);
         took["start recording"] =
-            heldFor([&] { QTest::mouseClick(w->ui->btnShootingVideo, Qt::LeftButton); });
+                heldFor([&] { QTest::mouseClick(w->ui->btnShootingVideo, Qt::LeftButton); });
         QVERIFY(w->isVideoShooting);
         QTest::qWait(300);
         took["stop recording"] =
-            heldFor([&] { QTest::mouseClick(w->ui->btnShootingVideo, Qt::LeftButton); });
+                heldFor([&] { QTest::mouseClick(w->ui->btnShootingVideo, Qt::LeftButton); });
         QVERIFY(!w->isVideoShooting);
         QTest::qWait(200);
         took["open secondary window"] =
-            heldFor([&] { QTest::mouseClick(w->ui->btnSecCam1Con_2, Qt::LeftButton); });
+                heldFor([&] { QTest::mouseClick(w->ui->btnSecCam1Con_2, Qt::LeftButton); });
         QVERIFY(w->cameraView2->isVisible());
         QTest::qWait(300);
         took["close secondary window"] =
-            heldFor([&] { QTest::mouseClick(w->ui->btnSecCam1Con_2, Qt::LeftButton); });
+                heldFor([&] { QTest::mouseClick(w->ui->btnSecCam1Con_2, Qt::LeftButton); });
         QVERIFY(!w->cameraView2->isVisible());
         QTest::qWait(200);
         took["settings re-configuration"] = heldFor([&] { w->reConfigVideoSetting(); });
@@ -141,14 +140,14 @@ private slots:
         QElapsedTimer switching;
         switching.start();
         took["switch camera"] =
-            heldFor([&] { QTest::mouseClick(w->ui->btnToggleDevice_2, Qt::LeftButton); });
+                heldFor([&] { QTest::mouseClick(w->ui->btnToggleDevice_2, Qt::LeftButton); });
         QCOMPARE(w->ui->video->id, 2);
         QTRY_COMPARE_WITH_TIMEOUT(w->ui->video->m_Image.size(), QSize(320, 240), 4000);
         const qint64 switchMs = switching.elapsed();
         // Back to the stalled camera, then close the program.
         QVERIFY(waitOpen(w->ui->video));
         took["switch back"] =
-            heldFor([&] { QTest::mouseClick(w->ui->btnToggleDevice_2, Qt::LeftButton); });
+                heldFor([&] { QTest::mouseClick(w->ui->btnToggleDevice_2, Qt::LeftButton); });
         QTest::qWait(1500);
         took["close window"] = heldFor([&] { w->close(); });
         const qint64 longestGap = gaps.longest;
@@ -160,7 +159,8 @@ private slots:
               "program ended in %lld ms",
               longestGap, switchMs, endMs);
         for (auto it = took.cbegin(); it != took.cend(); ++it)
-            QVERIFY2(it.value() <= guiCallLimitMs, qPrintable(QString("%1 took %2 ms").arg(it.key()).arg(it.value())));
+            QVERIFY2(it.value() <= guiCallLimitMs,
+                     qPrintable(QString("%1 took %2 ms").arg(it.key()).arg(it.value())));
         QVERIFY2(longestGap <= timerGapLimitMs, qPrintable(QString::number(longestGap)));
         QVERIFY2(switchMs <= 2000, qPrintable(QString::number(switchMs)));
         QVERIFY2(endMs <= 2000, qPrintable(QString::number(endMs)));
@@ -182,7 +182,8 @@ private slots:
         const QString name = QDir(m_documents->path()).entryList(QDir::Files).first();
         // The file shows in the folder as soon as its writing begins.
         QImage photo;
-        QTRY_VERIFY_WITH_TIMEOUT(photo.load(QDir(m_documents->path()).filePath(name)), frameDeadline);
+        QTRY_VERIFY_WITH_TIMEOUT(photo.load(QDir(m_documents->path()).filePath(name)),
+                                 frameDeadline);
         QCOMPARE(photo.size(), QSize(640, 480));
         QCOMPARE(stateNumber(0, "frames"), 10);
     }

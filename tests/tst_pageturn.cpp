@@ -22,7 +22,8 @@ cv::Mat page(int number, cv::Size size = cv::Size(640, 480))
     const cv::Rect sheet(int(150 * s), int(40 * s), int(340 * s), int(400 * s));
     cv::rectangle(img, sheet, cv::Scalar(236, 240, 242), cv::FILLED);
     for (int line = 0; line < 6; ++line)
-        cv::rectangle(img, cv::Rect(int(180 * s), int((70 + 16 * line) * s), int(280 * s), int(5 * s)),
+        cv::rectangle(img,
+                      cv::Rect(int(180 * s), int((70 + 16 * line) * s), int(280 * s), int(5 * s)),
                       cv::Scalar(60, 60, 60), cv::FILLED);
     cv::putText(img, std::to_string(number), cv::Point(int(230 * s), int(380 * s)),
                 cv::FONT_HERSHEY_SIMPLEX, 5 * s, cv::Scalar(30, 30, 30), int(12 * s), cv::LINE_AA);

@@ -74,7 +74,7 @@ class tst_PageTurnAccuracy : public QObject
         for (const QByteArray &line : f.readAll().split('\n')) {
             const QList<QByteArray> p = line.split(' ');
             if (p.size() == 4)
-                list.append({p[0].toLongLong(), QString::fromLatin1(p[2]), p[3].toInt()});
+                list.append({ p[0].toLongLong(), QString::fromLatin1(p[2]), p[3].toInt() });
         }
         return list;
     }
@@ -104,14 +104,15 @@ class tst_PageTurnAccuracy : public QObject
         connect(w.ui->video, &QCameraView::sendTakePhotoImageSignal, this,
                 [this](const QList<QString> &files, int) {
                     for (const QString &file : files)
-                        m_photos.append({QDateTime::currentMSecsSinceEpoch(), file});
+                        m_photos.append({ QDateTime::currentMSecsSinceEpoch(), file });
                 });
         w.show();
         m_started = QDateTime::currentMSecsSinceEpoch();
         QTest::mouseClick(w.ui->btnShootingTime, Qt::LeftButton);
         return w.isTimeShooting && w.ui->video->m_imageProcessing->pageTurnSeries
-               && QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
-                                  frameDeadline);
+                && QTest::qWaitFor(
+                        [&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
+                        frameDeadline);
     }
 
     void stopSeries()
@@ -141,7 +142,7 @@ class tst_PageTurnAccuracy : public QObject
         QCOMPARE(pages.size(), 10);
         // What happened, for the messages: the pages' times and the photos'
         // pages and times, from the start of the series.
-        QStringList report{QString("pages at")};
+        QStringList report{ QString("pages at") };
         for (const Step &s : pages)
             report << QString::number(s.at - m_started);
         report << "photos";
@@ -155,7 +156,9 @@ class tst_PageTurnAccuracy : public QObject
             const qint64 delay = photo.at - settled;
             QVERIFY2(delay > 0 && delay <= settleDeadlineMs,
                      qPrintable(QString("page %1 photographed %2 ms after it settled (%3)")
-                                    .arg(k).arg(delay).arg(report.join(' '))));
+                                        .arg(k)
+                                        .arg(delay)
+                                        .arg(report.join(' '))));
         }
         QCOMPARE(QDir(m_documents->path()).entryList(QDir::Files).size(), 10);
     }
@@ -193,7 +196,8 @@ private slots:
     void tenTurnedPagesGiveTenPhotosAt3264x2448()
     {
 #ifdef BRIVORA_SANITIZED
-        QSKIP("run in the plain build only: the instrumented build is too slow for 3264x2448 in real time");
+        QSKIP("run in the plain build only: the instrumented build is too slow for 3264x2448 in "
+              "real time");
 #endif
         tenTurnedPagesGiveTenPhotos("3264x2448", "15");
     }

@@ -194,7 +194,7 @@ private slots:
         QCOMPARE(w.currentPicIndex, 2);
         // Nothing changes under the camera: no second photo.
         QTest::qWait(2500);
-        QCOMPARE(documents(), QStringList{"IMG_1.jpg"});
+        QCOMPARE(documents(), QStringList{ "IMG_1.jpg" });
         QTest::mouseClick(w.ui->btnShootingTime, Qt::LeftButton);
         // Started again, the same sheet is photographed again.
         QTest::mouseClick(w.ui->btnShootingTime, Qt::LeftButton);

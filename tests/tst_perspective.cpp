@@ -37,7 +37,7 @@ View tiltedPage(cv::Size size, double tilt, char axis, double turn, double focal
     vcam::SceneSpec scene;
     vcam::PageSpec page;
     const double tall = 0.58 * size.height;
-    page.sheet = vcam::SheetSpec{0.5, 0.5, tall / std::sqrt(2.0) / size.width, 0.58, turn};
+    page.sheet = vcam::SheetSpec{ 0.5, 0.5, tall / std::sqrt(2.0) / size.width, 0.58, turn };
     scene.pages.push_back(page);
     (axis == 'x' ? scene.tiltX : scene.tiltY) = tilt;
     scene.focal = focal;
@@ -89,11 +89,11 @@ private slots:
         QTest::addColumn<char>("axis");
         QTest::addColumn<double>("turn");
         QTest::addColumn<double>("focal");
-        const QSize sizes[] = {{1920, 1080}, {3264, 2448}};
-        const double turns[] = {-40, -15, 0, 25, 40};
+        const QSize sizes[] = { { 1920, 1080 }, { 3264, 2448 } };
+        const double turns[] = { -40, -15, 0, 25, 40 };
         for (const QSize &size : sizes) {
-            for (double tilt : {0.0, 10.0, 20.0, 30.0}) {
-                for (char axis : {'x', 'y'}) {
+            for (double tilt : { 0.0, 10.0, 20.0, 30.0 }) {
+                for (char axis : { 'x', 'y' }) {
                     if (tilt == 0 && axis == 'y')
                         continue;
                     for (double turn : turns) {
@@ -101,22 +101,24 @@ private slots:
                         if (size.width() > 2000 && (turn == -15 || turn == 25))
                             continue;
                         const QString name = QString("%1x%2 tilt %3 about %4, turned %5")
-                                                 .arg(size.width())
-                                                 .arg(size.height())
-                                                 .arg(tilt)
-                                                 .arg(axis)
-                                                 .arg(turn);
+                                                     .arg(size.width())
+                                                     .arg(size.height())
+                                                     .arg(tilt)
+                                                     .arg(axis)
+                                                     .arg(turn);
                         QTest::newRow(qPrintable(name))
-                            << size.width() << size.height() << tilt << axis << turn << 1.0;
+                                << size.width() << size.height() << tilt << axis << turn << 1.0;
                     }
                 }
             }
         }
         // A wider lens: its focal length is told from the sheet itself
         // (only a sheet seen square to one of its axes leaves it open).
-        for (double tilt : {10.0, 20.0, 30.0}) {
-            for (double turn : {-25.0, 25.0}) {
-                const QString name = QString("1920x1080 tilt %1 about x, turned %2, wide lens").arg(tilt).arg(turn);
+        for (double tilt : { 10.0, 20.0, 30.0 }) {
+            for (double turn : { -25.0, 25.0 }) {
+                const QString name = QString("1920x1080 tilt %1 about x, turned %2, wide lens")
+                                             .arg(tilt)
+                                             .arg(turn);
                 QTest::newRow(qPrintable(name)) << 1920 << 1080 << tilt << 'x' << turn << 0.7;
             }
         }
@@ -162,17 +164,20 @@ private slots:
         // Round two corners off and fold a third: paper gone near them.
         const cv::Scalar deskColour(46, 44, 42), paper(236, 240, 242);
         const cv::Point2d c2 = v.truth[2];
-        for (int i : {0, 1}) {
+        for (int i : { 0, 1 }) {
             const cv::Point2d c = v.truth[i];
             const cv::Point2d u1 = (v.truth[(i + 1) % 4] - c) / cv::norm(v.truth[(i + 1) % 4] - c);
             const cv::Point2d u2 = (v.truth[(i + 3) % 4] - c) / cv::norm(v.truth[(i + 3) % 4] - c);
             const double r = 24;
-            const std::vector<cv::Point> square = {cv::Point(c), cv::Point(c + r * u1),
-                                                   cv::Point(c + r * u1 + r * u2), cv::Point(c + r * u2)};
+            const std::vector<cv::Point> square = { cv::Point(c), cv::Point(c + r * u1),
+                                                    cv::Point(c + r * u1 + r * u2),
+                                                    cv::Point(c + r * u2) };
             cv::fillConvexPoly(v.frame, square, deskColour);
-            cv::circle(v.frame, cv::Point(c + r * u1 + r * u2), int(r), paper, cv::FILLED, cv::LINE_AA);
+            cv::circle(v.frame, cv::Point(c + r * u1 + r * u2), int(r), paper, cv::FILLED,
+                       cv::LINE_AA);
         }
-        const cv::Point2d fold[3] = {c2, c2 + 0.08 * (v.truth[1] - c2), c2 + 0.08 * (v.truth[3] - c2)};
+        const cv::Point2d fold[3] = { c2, c2 + 0.08 * (v.truth[1] - c2),
+                                      c2 + 0.08 * (v.truth[3] - c2) };
         std::vector<cv::Point> ear;
         for (const cv::Point2d &p : fold)
             ear.emplace_back(int(std::lround(p.x)), int(std::lround(p.y)));
@@ -181,7 +186,8 @@ private slots:
         Found f;
         QVERIFY(findSheet(v.frame, f));
         const double error = cornerError(v.truth, f.quad.data(), size);
-        qInfo() << "rounded and dog-eared corners found within" << 100 * error << "% of the diagonal";
+        qInfo() << "rounded and dog-eared corners found within" << 100 * error
+                << "% of the diagonal";
         QVERIFY2(error <= 0.003, qPrintable(QString::number(error)));
     }
 
@@ -231,7 +237,7 @@ private slots:
     {
         const cv::Size size(1920, 1080);
         vcam::PageSpec page;
-        page.sheet = vcam::SheetSpec{0.5, 0.5, 800.0 / 1920, 566.0 / 1080, 10};
+        page.sheet = vcam::SheetSpec{ 0.5, 0.5, 800.0 / 1920, 566.0 / 1080, 10 };
         cv::Mat frame = desk(size);
         vcam::drawPage(frame, vcam::pageCorners(page, size.width, size.height));
         Found f;

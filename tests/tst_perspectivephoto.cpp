@@ -49,8 +49,8 @@ QList<QString> shoot(ImageProcessing &ip)
 {
     QList<QString> files;
     const QMetaObject::Connection c = QObject::connect(
-        &ip, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal), &ip,
-        [&files](QList<QString> f, int) { files = f; }, Qt::DirectConnection);
+            &ip, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal),
+            &ip, [&files](QList<QString> f, int) { files = f; }, Qt::DirectConnection);
     ip.takePhoto();
     QObject::disconnect(c);
     return files;
@@ -60,7 +60,8 @@ QList<QString> shoot(ImageProcessing &ip)
 vcam::PageSpec a4Page(cv::Size size, double cx, double cy, double tall, double turn)
 {
     vcam::PageSpec page;
-    page.sheet = vcam::SheetSpec{cx, cy, tall * size.height / std::sqrt(2.0) / size.width, tall, turn};
+    page.sheet =
+            vcam::SheetSpec{ cx, cy, tall * size.height / std::sqrt(2.0) / size.width, tall, turn };
     return page;
 }
 
@@ -111,8 +112,10 @@ private slots:
         QTest::addColumn<QString>("tilt");
         QTest::addColumn<double>("turn");
         QTest::addColumn<double>("limit");
-        QTest::newRow("1920x1080 tilted 20 about x, turned 15") << QSize(1920, 1080) << "x:20" << 15.0 << 0.03;
-        QTest::newRow("3264x2448 tilted 30 about y, turned -30") << QSize(3264, 2448) << "y:30" << -30.0 << 0.05;
+        QTest::newRow("1920x1080 tilted 20 about x, turned 15")
+                << QSize(1920, 1080) << "x:20" << 15.0 << 0.03;
+        QTest::newRow("3264x2448 tilted 30 about y, turned -30")
+                << QSize(3264, 2448) << "y:30" << -30.0 << 0.05;
     }
 
     void tiltedPageFromTheCameraIsOutlinedAndPhotographedFlat()
@@ -125,10 +128,11 @@ private slots:
         const vcam::PageSpec page = a4Page(frameSize, 0.5, 0.5, 0.56, turn);
         qputenv("VCAM_0_FORMATS", "MJPG");
         qputenv("VCAM_0_SIZES", qPrintable(QString("%1x%2").arg(size.width()).arg(size.height())));
-        qputenv("VCAM_0_SCENE", qPrintable(QString("pages:0.5,0.5,%1,%2,%3")
-                                               .arg(page.sheet.w, 0, 'g', 10)
-                                               .arg(page.sheet.h, 0, 'g', 10)
-                                               .arg(turn)));
+        qputenv("VCAM_0_SCENE",
+                qPrintable(QString("pages:0.5,0.5,%1,%2,%3")
+                                   .arg(page.sheet.w, 0, 'g', 10)
+                                   .arg(page.sheet.h, 0, 'g', 10)
+                                   .arg(turn)));
         qputenv("VCAM_0_TILT", qPrintable(tilt));
         *Cache::cameras = CameraInfo::discover();
         QCOMPARE(Cache::cameras->size(), 2);
@@ -136,8 +140,8 @@ private slots:
         vcam::SceneSpec scene;
         (tilt.startsWith('x') ? scene.tiltX : scene.tiltY) = tilt.mid(2).toDouble();
         const vcam::PageCorners truth =
-            vcam::mapCorners(vcam::tiltHomography(scene, size.width(), size.height()),
-                             vcam::pageCorners(page, size.width(), size.height()));
+                vcam::mapCorners(vcam::tiltHomography(scene, size.width(), size.height()),
+                                 vcam::pageCorners(page, size.width(), size.height()));
 
         ImageProcessing p;
         QImage last;
@@ -147,8 +151,9 @@ private slots:
             last = image;
             ++frames;
         });
-        QObject::connect(&p, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal),
-                         this, [&](QList<QString> f, int) { files = f; });
+        QObject::connect(
+                &p, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal),
+                this, [&](QList<QString> f, int) { files = f; });
         p.setCameraCorrection(1);
         p.perspective = true;
         p.driveId = 0;
@@ -192,8 +197,8 @@ private slots:
         const cv::Size size(1920, 1080);
         vcam::SceneSpec scene;
         scene.tiltY = 20;
-        scene.pages = {a4Page(size, 0.2, 0.5, 0.5, -10), a4Page(size, 0.5, 0.5, 0.5, 5),
-                       a4Page(size, 0.8, 0.5, 0.5, 20)};
+        scene.pages = { a4Page(size, 0.2, 0.5, 0.5, -10), a4Page(size, 0.5, 0.5, 0.5, 5),
+                        a4Page(size, 0.8, 0.5, 0.5, 20) };
         cv::Mat frame = desk(size);
         vcam::printPages(frame, scene);
 
@@ -203,7 +208,9 @@ private slots:
         ip.perspective = true;
         const QList<QString> files = shoot(ip);
         const QString folder = dir->path();
-        QCOMPARE(files, QList<QString>({folder + "/IMG_1.png", folder + "/IMG_2.png", folder + "/IMG_3.png"}));
+        QCOMPARE(files,
+                 QList<QString>(
+                         { folder + "/IMG_1.png", folder + "/IMG_2.png", folder + "/IMG_3.png" }));
         for (const QString &name : files) {
             const Measure m = measureCut(readBack(name), vcam::kPageRuleInset);
             qInfo().noquote() << name.section('/', -1) << describe(m);
@@ -218,11 +225,11 @@ private slots:
         const cv::Size size(1280, 720);
         vcam::SceneSpec scene;
         scene.tiltX = 25;
-        scene.pages = {a4Page(size, 0.3, 0.5, 0.6, 12), a4Page(size, 0.72, 0.5, 0.6, -20)};
+        scene.pages = { a4Page(size, 0.3, 0.5, 0.6, 12), a4Page(size, 0.72, 0.5, 0.6, -20) };
         cv::Mat frame = desk(size);
         vcam::printPages(frame, scene);
 
-        for (int correction : {1, 2}) {
+        for (int correction : { 1, 2 }) {
             // Today's cut-outs, the way a photo has always made them.
             ImageProcessing today;
             today.setCameraCorrection(correction);
@@ -239,9 +246,11 @@ private slots:
             const QList<QString> files = shoot(ip);
             QCOMPARE(files.size(), int(rects.size()));
             for (int i = 0; i < files.size(); ++i) {
-                const QImage expected = ImageProcessing::MatQImage(ImageProcessing::deskewCutOut(frame, rects[i]))
-                                            .convertToFormat(QImage::Format_RGB888);
-                const QImage written = QImageReader(files[i]).read().convertToFormat(QImage::Format_RGB888);
+                const QImage expected =
+                        ImageProcessing::MatQImage(ImageProcessing::deskewCutOut(frame, rects[i]))
+                                .convertToFormat(QImage::Format_RGB888);
+                const QImage written =
+                        QImageReader(files[i]).read().convertToFormat(QImage::Format_RGB888);
                 QCOMPARE(written.size(), expected.size());
                 QVERIFY2(written == expected, qPrintable(files[i]));
             }

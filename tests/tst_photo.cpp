@@ -42,13 +42,14 @@ Shot shoot(ImageProcessing &ip)
 {
     Shot shot;
     const QMetaObject::Connection c = QObject::connect(
-        &ip, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal), &ip,
-        [&shot](QList<QString> files, int kind) {
-            ++shot.emissions;
-            shot.files = files;
-            QCOMPARE(kind, 0);
-        },
-        Qt::DirectConnection);
+            &ip, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal),
+            &ip,
+            [&shot](QList<QString> files, int kind) {
+                ++shot.emissions;
+                shot.files = files;
+                QCOMPARE(kind, 0);
+            },
+            Qt::DirectConnection);
     ip.takePhoto();
     QObject::disconnect(c);
     return shot;
@@ -163,7 +164,8 @@ private slots:
         const std::vector<cv::RotatedRect> sheets = {
             cv::RotatedRect(cv::Point2f(200, 330), cv::Size2f(300, 400), 0),
             cv::RotatedRect(cv::Point2f(620, 360), cv::Size2f(380, 250), 8),
-            cv::RotatedRect(cv::Point2f(1040, 360), cv::Size2f(340, 300), -12)};
+            cv::RotatedRect(cv::Point2f(1040, 360), cv::Size2f(340, 300), -12)
+        };
         for (const cv::RotatedRect &s : sheets)
             drawSheet(frame, s);
 
@@ -172,7 +174,9 @@ private slots:
         ip.setCameraCorrection(2);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.emissions, 1);
-        QCOMPARE(shot.files, QList<QString>({folder + "/IMG_1.jpg", folder + "/IMG_2.jpg", folder + "/IMG_3.jpg"}));
+        QCOMPARE(shot.files,
+                 QList<QString>(
+                         { folder + "/IMG_1.jpg", folder + "/IMG_2.jpg", folder + "/IMG_3.jpg" }));
         QCOMPARE(Cache::config->save_number, 4);
 
         std::vector<bool> taken(sheets.size(), false);
@@ -184,11 +188,16 @@ private slots:
             for (size_t i = 0; i < sheets.size() && !matched; ++i) {
                 if (taken[i])
                     continue;
-                if (std::abs(img.width() - sheets[i].size.width) <= 2 && std::abs(img.height() - sheets[i].size.height) <= 2) {
+                if (std::abs(img.width() - sheets[i].size.width) <= 2
+                    && std::abs(img.height() - sheets[i].size.height) <= 2) {
                     taken[i] = matched = true;
                 }
             }
-            QVERIFY2(matched, qPrintable(QString("%1 is %2x%3, the size of no sheet").arg(name).arg(img.width()).arg(img.height())));
+            QVERIFY2(matched,
+                     qPrintable(QString("%1 is %2x%3, the size of no sheet")
+                                        .arg(name)
+                                        .arg(img.width())
+                                        .arg(img.height())));
             // A cut-out of a white sheet is white in its middle.
             const QRgb middle = img.pixel(img.width() / 2, img.height() / 2);
             QVERIFY2(near(middle, Qt::white, 12), qPrintable(rgb(middle)));
@@ -202,7 +211,7 @@ private slots:
         ip.setCameraCorrection(1);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.emissions, 1);
-        QCOMPARE(shot.files, QList<QString>({folder + "/IMG_1.jpg"}));
+        QCOMPARE(shot.files, QList<QString>({ folder + "/IMG_1.jpg" }));
         // Nothing found means an empty picture: nothing to write.
         QVERIFY(!QFileInfo::exists(shot.files.first()));
         QCOMPARE(filesIn(folder), QStringList());
@@ -231,13 +240,17 @@ private slots:
         ip.setTakePhotoCammond(solid(320, 240, Qt::red), solid(200, 150, Qt::blue), true, true);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.emissions, 1);
-        QCOMPARE(shot.files, QList<QString>({folder + "/IMG_1.jpg", folder + "/IMG_2.jpg", folder + "/IMG_3.jpg"}));
+        QCOMPARE(shot.files,
+                 QList<QString>(
+                         { folder + "/IMG_1.jpg", folder + "/IMG_2.jpg", folder + "/IMG_3.jpg" }));
 
         const QImage main = readBack(shot.files[0], QImage::Format_RGB32);
         QCOMPARE(main.size(), QSize(640, 480));
-        QVERIFY2(near(main.pixel(320, 240), QColor(128, 128, 128), 6), qPrintable(rgb(main.pixel(320, 240))));
+        QVERIFY2(near(main.pixel(320, 240), QColor(128, 128, 128), 6),
+                 qPrintable(rgb(main.pixel(320, 240))));
         // No inset on the main picture.
-        QVERIFY2(near(main.pixel(5, 5), QColor(128, 128, 128), 6), qPrintable(rgb(main.pixel(5, 5))));
+        QVERIFY2(near(main.pixel(5, 5), QColor(128, 128, 128), 6),
+                 qPrintable(rgb(main.pixel(5, 5))));
 
         const QImage first = readBack(shot.files[1], QImage::Format_RGB32);
         QCOMPARE(first.size(), QSize(320, 240));
@@ -256,18 +269,22 @@ private slots:
         // The first is taller for the same width: it shows below the second.
         ip.setTakePhotoCammond(solid(200, 300, Qt::red), solid(400, 300, Qt::blue), true, true);
         const Shot shot = shoot(ip);
-        QCOMPARE(shot.files, QList<QString>({folder + "/IMG_1.png"}));
+        QCOMPARE(shot.files, QList<QString>({ folder + "/IMG_1.png" }));
         const QImage img = readBack(shot.files[0], QImage::Format_RGB32);
         QCOMPARE(img.size(), QSize(640, 480));
 
-        const int w = int(30 / 100.0 * 640);           // 192
-        const int h1 = int(double(w) / 200 * 300);     // 288
-        const int h2 = int(double(w) / 400 * 300);     // 144
+        const int w = int(30 / 100.0 * 640); // 192
+        const int h1 = int(double(w) / 200 * 300); // 288
+        const int h2 = int(double(w) / 400 * 300); // 144
         const QColor grey(128, 128, 128);
         auto expect = [&](int x, int y, QColor c) {
             const QRgb got = img.pixel(x, y);
-            QVERIFY2(near(got, c, 0), qPrintable(QString("pixel (%1,%2) is %3, expected %4")
-                                                       .arg(x).arg(y).arg(rgb(got)).arg(rgb(c.rgb()))));
+            QVERIFY2(near(got, c, 0),
+                     qPrintable(QString("pixel (%1,%2) is %3, expected %4")
+                                        .arg(x)
+                                        .arg(y)
+                                        .arg(rgb(got))
+                                        .arg(rgb(c.rgb()))));
         };
         // Second inset.
         expect(0, 0, Qt::blue);
@@ -297,16 +314,23 @@ private slots:
         QVERIFY(!stamped.isNull());
 
         const QFontMetrics fm(watermarkFont());
-        const int timeWidth = fm.tightBoundingRect(QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss")).width();
+        const int timeWidth =
+                fm.tightBoundingRect(QDateTime::currentDateTime().toString("yyyy-MM-dd HH:mm:ss"))
+                        .width();
         const int textWidth = fm.tightBoundingRect("ZZZZ").width();
         QVERIFY(timeWidth > 2 * textWidth);
 
         const QRect textInk = inkBox(textOnly, qRgb(255, 255, 255));
         const QRect timeInk = inkBox(stamped, qRgb(255, 255, 255));
         QVERIFY2(std::abs(textInk.width() - textWidth) <= 4,
-                 qPrintable(QString("text ink %1 px wide, the text %2").arg(textInk.width()).arg(textWidth)));
+                 qPrintable(QString("text ink %1 px wide, the text %2")
+                                    .arg(textInk.width())
+                                    .arg(textWidth)));
         QVERIFY2(std::abs(timeInk.width() - timeWidth) <= 8,
-                 qPrintable(QString("time ink %1 px wide, the time %2, the text %3").arg(timeInk.width()).arg(timeWidth).arg(textWidth)));
+                 qPrintable(QString("time ink %1 px wide, the time %2, the text %3")
+                                    .arg(timeInk.width())
+                                    .arg(timeWidth)
+                                    .arg(textWidth)));
     }
 
     void positionFiftyCentresTheText()
@@ -321,7 +345,12 @@ private slots:
         const double cy = (ink.top() + ink.bottom()) / 2.0;
         QVERIFY2(std::abs(cx - 319.5) <= 2 && std::abs(cy - 239.5) <= 2,
                  qPrintable(QString("ink %1,%2 %3x%4 centred at %5,%6")
-                                .arg(ink.left()).arg(ink.top()).arg(ink.width()).arg(ink.height()).arg(cx).arg(cy)));
+                                    .arg(ink.left())
+                                    .arg(ink.top())
+                                    .arg(ink.width())
+                                    .arg(ink.height())
+                                    .arg(cx)
+                                    .arg(cy)));
     }
 
     void transparencyZeroInksAndHundredLeavesUntouched()
@@ -346,8 +375,12 @@ private slots:
         const QImage invisible = whitePhotoWith("invisible");
         QCOMPARE(invisible.size(), plain.size());
         const QRect left = inkBox(invisible, qRgb(255, 255, 255));
-        QVERIFY2(!left.isValid(), qPrintable(QString("pixels changed in %1,%2 %3x%4")
-                                                 .arg(left.left()).arg(left.top()).arg(left.width()).arg(left.height())));
+        QVERIFY2(!left.isValid(),
+                 qPrintable(QString("pixels changed in %1,%2 %3x%4")
+                                    .arg(left.left())
+                                    .arg(left.top())
+                                    .arg(left.width())
+                                    .arg(left.height())));
         QVERIFY(invisible == plain);
     }
 
@@ -357,7 +390,7 @@ private slots:
         ip.frame = desk(640, 480, 90);
         ip.setSaveImageToTiff(true);
         const Shot shot = shoot(ip);
-        QCOMPARE(shot.files, QList<QString>({folder + "/IMG_1.tiff"}));
+        QCOMPARE(shot.files, QList<QString>({ folder + "/IMG_1.tiff" }));
         QImageReader reader(shot.files[0]);
         QCOMPARE(reader.format(), QByteArray("tiff"));
         const QImage img = reader.read();
@@ -380,14 +413,16 @@ private slots:
         QCOMPARE(second, first);
         QCOMPARE(c->save_number, 1);
         // A millisecond later is another name.
-        QCOMPARE(nextOutputFileName("bmp", when.addMSecs(1)), folder + "/2026_03_07 09_05_04.028.bmp");
+        QCOMPARE(nextOutputFileName("bmp", when.addMSecs(1)),
+                 folder + "/2026_03_07 09_05_04.028.bmp");
 
         // Two photos under the one name: the second replaces the first.
         writePhoto(solid(8, 8, Qt::red), first, "bmp");
-        QCOMPARE(filesIn(folder), QStringList({"2026_03_07 09_05_04.027.bmp"}));
-        QVERIFY2(near(readBack(first, QImage::Format_RGB32).pixel(4, 4), Qt::red, 0), qPrintable(rgb(readBack(first, QImage::Format_RGB32).pixel(4, 4))));
+        QCOMPARE(filesIn(folder), QStringList({ "2026_03_07 09_05_04.027.bmp" }));
+        QVERIFY2(near(readBack(first, QImage::Format_RGB32).pixel(4, 4), Qt::red, 0),
+                 qPrintable(rgb(readBack(first, QImage::Format_RGB32).pixel(4, 4))));
         writePhoto(solid(8, 8, Qt::blue), second, "bmp");
-        QCOMPARE(filesIn(folder), QStringList({"2026_03_07 09_05_04.027.bmp"}));
+        QCOMPARE(filesIn(folder), QStringList({ "2026_03_07 09_05_04.027.bmp" }));
         const QImage img = readBack(first, QImage::Format_RGB32);
         QCOMPARE(img.size(), QSize(8, 8));
         QVERIFY2(near(img.pixel(4, 4), Qt::blue, 0), qPrintable(rgb(img.pixel(4, 4))));
@@ -397,7 +432,8 @@ private slots:
     {
         Cache::config->save_type = 1;
         const QRegularExpression pattern(
-            "^" + QRegularExpression::escape(folder) + "/(\\d{4}_\\d{2}_\\d{2} \\d{2}_\\d{2}_\\d{2}\\.\\d{3})\\.jpg$");
+                "^" + QRegularExpression::escape(folder)
+                + "/(\\d{4}_\\d{2}_\\d{2} \\d{2}_\\d{2}_\\d{2}\\.\\d{3})\\.jpg$");
         ImageProcessing ip;
         ip.frame = desk(8, 8);
         const QDateTime before = QDateTime::currentDateTime();
@@ -408,9 +444,10 @@ private slots:
         QVERIFY2(m.hasMatch(), qPrintable(shot.files[0]));
         const QDateTime when = QDateTime::fromString(m.captured(1), "yyyy_MM_dd HH_mm_ss.zzz");
         QVERIFY(when.isValid());
-        QVERIFY2(when >= before.addMSecs(-1) && when <= after.addMSecs(1), qPrintable(shot.files[0]));
+        QVERIFY2(when >= before.addMSecs(-1) && when <= after.addMSecs(1),
+                 qPrintable(shot.files[0]));
         QCOMPARE(Cache::config->save_number, 1);
-        QCOMPARE(filesIn(folder), QStringList({QFileInfo(shot.files[0]).fileName()}));
+        QCOMPARE(filesIn(folder), QStringList({ QFileInfo(shot.files[0]).fileName() }));
     }
 
     void watermarkByTimeStampsTheTimeGiven()
@@ -438,7 +475,8 @@ private slots:
         const QImage a = readBack(upright.files[0], QImage::Format_RGB32);
         QCOMPARE(a.size(), QSize(640, 360));
         QVERIFY2(near(a.pixel(20, 20), Qt::red, 3), qPrintable(rgb(a.pixel(20, 20))));
-        QVERIFY2(near(a.pixel(620, 20), QColor(128, 128, 128), 3), qPrintable(rgb(a.pixel(620, 20))));
+        QVERIFY2(near(a.pixel(620, 20), QColor(128, 128, 128), 3),
+                 qPrintable(rgb(a.pixel(620, 20))));
 
         ip.setAngle(1);
         const Shot turned = shoot(ip);
@@ -448,7 +486,8 @@ private slots:
         // A quarter turn clockwise brings the top-left corner to the top-right.
         QVERIFY2(near(b.pixel(340, 20), Qt::red, 3), qPrintable(rgb(b.pixel(340, 20))));
         QVERIFY2(near(b.pixel(20, 20), QColor(128, 128, 128), 3), qPrintable(rgb(b.pixel(20, 20))));
-        QVERIFY2(near(b.pixel(340, 620), QColor(128, 128, 128), 3), qPrintable(rgb(b.pixel(340, 620))));
+        QVERIFY2(near(b.pixel(340, 620), QColor(128, 128, 128), 3),
+                 qPrintable(rgb(b.pixel(340, 620))));
     }
 
     void lowerQualityGivesSmallerJpeg()
@@ -467,7 +506,10 @@ private slots:
         const qint64 highSize = QFileInfo(high.files[0]).size();
         const qint64 lowSize = QFileInfo(low.files[0]).size();
         QVERIFY(lowSize > 0);
-        QVERIFY2(lowSize < highSize, qPrintable(QString("quality 20: %1 bytes, quality 95: %2 bytes").arg(lowSize).arg(highSize)));
+        QVERIFY2(lowSize < highSize,
+                 qPrintable(QString("quality 20: %1 bytes, quality 95: %2 bytes")
+                                    .arg(lowSize)
+                                    .arg(highSize)));
         QCOMPARE(readBack(low.files[0], QImage::Format_RGB32).size(), QSize(640, 480));
     }
 
@@ -483,7 +525,7 @@ private slots:
         ip.frame = desk(640, 480);
         const Shot failed = shoot(ip);
         QCOMPARE(failed.emissions, 1);
-        QCOMPARE(failed.files, QList<QString>({bad + "/IMG_1.jpg"}));
+        QCOMPARE(failed.files, QList<QString>({ bad + "/IMG_1.jpg" }));
         QVERIFY(!QFileInfo::exists(failed.files[0]));
 
         // A removed folder as well.
@@ -492,12 +534,12 @@ private slots:
         QVERIFY(QDir(gone).removeRecursively());
         Cache::config->user_documentsLocation = gone;
         const Shot removed = shoot(ip);
-        QCOMPARE(removed.files, QList<QString>({gone + "/IMG_2.jpg"}));
+        QCOMPARE(removed.files, QList<QString>({ gone + "/IMG_2.jpg" }));
         QVERIFY(!QFileInfo::exists(removed.files[0]));
 
         Cache::config->user_documentsLocation = folder;
         const Shot good = shoot(ip);
-        QCOMPARE(good.files, QList<QString>({folder + "/IMG_3.jpg"}));
+        QCOMPARE(good.files, QList<QString>({ folder + "/IMG_3.jpg" }));
         QCOMPARE(readBack(good.files[0], QImage::Format_RGB32).size(), QSize(640, 480));
     }
 
@@ -524,8 +566,10 @@ private slots:
             QCOMPARE(shot.files.size(), 1);
             all += shot.files;
         }
-        QCOMPARE(all, QList<QString>({folder + "/Scan_7.jpg", folder + "/Scan_8.jpg", folder + "/Scan_9.jpg"}));
-        QCOMPARE(filesIn(folder), QStringList({"Scan_7.jpg", "Scan_8.jpg", "Scan_9.jpg"}));
+        QCOMPARE(all,
+                 QList<QString>({ folder + "/Scan_7.jpg", folder + "/Scan_8.jpg",
+                                  folder + "/Scan_9.jpg" }));
+        QCOMPARE(filesIn(folder), QStringList({ "Scan_7.jpg", "Scan_8.jpg", "Scan_9.jpg" }));
         QCOMPARE(Cache::config->save_number, 10);
     }
 

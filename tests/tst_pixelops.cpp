@@ -92,7 +92,8 @@ void addShapes()
     QTest::newRow("1280x960") << 1280 << 960 << false;
 }
 
-const int rotateCodes[] = {cv::ROTATE_90_CLOCKWISE, cv::ROTATE_180, cv::ROTATE_90_COUNTERCLOCKWISE};
+const int rotateCodes[] = { cv::ROTATE_90_CLOCKWISE, cv::ROTATE_180,
+                            cv::ROTATE_90_COUNTERCLOCKWISE };
 
 QVector<QRgb> shuffledColours()
 {
@@ -150,8 +151,10 @@ private slots:
         // The shooting types' values (25, 20), a fraction, and offsets of
         // zero and below, which take the other branch.
         for (const auto &[name, block, c] :
-             {std::tuple<const char *, int, double>{"25/20", 25, 20.0},
-              {"25/2.5", 25, 2.5}, {"7/0", 7, 0.0}, {"11/-3", 11, -3.0}}) {
+             { std::tuple<const char *, int, double>{ "25/20", 25, 20.0 },
+               { "25/2.5", 25, 2.5 },
+               { "7/0", 7, 0.0 },
+               { "11/-3", 11, -3.0 } }) {
             const QByteArray tag(name);
             QTest::newRow(tag + " odd width") << 641 << 479 << false << block << c;
             QTest::newRow(tag + " padded stride") << 333 << 257 << true << block << c;
@@ -178,7 +181,8 @@ private slots:
                               blockSize, c);
         const int white = cv::countNonZero(expected);
         if (grey.total() > 1000)
-            QVERIFY2(white > 0 && white < int(grey.total()), "a picture of one colour tests little");
+            QVERIFY2(white > 0 && white < int(grey.total()),
+                     "a picture of one colour tests little");
 
         cv::Mat bin;
         std::vector<cv::Mat> means;
@@ -200,7 +204,8 @@ private slots:
         QFETCH(int, width);
         QFETCH(int, height);
         QFETCH(bool, window);
-        const cv::Mat src = noise(width, height, CV_8UC3, window, uint64(width) * 17 + uint64(height));
+        const cv::Mat src =
+                noise(width, height, CV_8UC3, window, uint64(width) * 17 + uint64(height));
         const cv::Mat levels = noise(width, height, CV_8UC1, window, uint64(height) * 5 + 3);
         cv::Mat bin;
         cv::threshold(levels, bin, 127, 255, cv::THRESH_BINARY);
@@ -254,17 +259,21 @@ private slots:
         rng.fill(whole, cv::RNG::UNIFORM, 0, 100);
         // Sheets and specks, some touching the border, some holding holes.
         for (int n = 0; n < 40; ++n) {
-            const cv::RotatedRect r(cv::Point2f(rng.uniform(0.f, float(whole.cols)), rng.uniform(0.f, float(whole.rows))),
-                                    cv::Size2f(rng.uniform(1.f, whole.cols / 3.f), rng.uniform(1.f, whole.rows / 3.f)),
+            const cv::RotatedRect r(cv::Point2f(rng.uniform(0.f, float(whole.cols)),
+                                                rng.uniform(0.f, float(whole.rows))),
+                                    cv::Size2f(rng.uniform(1.f, whole.cols / 3.f),
+                                               rng.uniform(1.f, whole.rows / 3.f)),
                                     rng.uniform(-90.f, 90.f));
             cv::Point2f p[4];
             r.points(p);
             std::vector<cv::Point> corners(p, p + 4);
             cv::fillConvexPoly(whole, corners, cv::Scalar(rng.uniform(110, 255)));
             if (n % 3 == 0)
-                cv::circle(whole, r.center, int(std::min(r.size.width, r.size.height) / 4), cv::Scalar(20), -1);
+                cv::circle(whole, r.center, int(std::min(r.size.width, r.size.height) / 4),
+                           cv::Scalar(20), -1);
         }
-        const cv::Mat grey = window ? whole(cv::Rect(11, 7, width, height)) : whole(cv::Rect(0, 0, width, height)).clone();
+        const cv::Mat grey = window ? whole(cv::Rect(11, 7, width, height))
+                                    : whole(cv::Rect(0, 0, width, height)).clone();
         QCOMPARE(grey.isContinuous(), !window || height == 1);
 
         cv::Mat padded, bin;
@@ -281,7 +290,6 @@ private slots:
         QCOMPARE(fast.size(), reference.size());
     }
 
-
     // ---- Quarter turns of pixels ------------------------------------------
 
     void turnPixelsMatchesOpenCvRotate_data()
@@ -291,16 +299,28 @@ private slots:
         QTest::addColumn<int>("bytes");
         QTest::addColumn<bool>("swap");
         QTest::addColumn<int>("turns");
-        const struct { int w, h; const char *name; } shapes[] = {
-            {641, 479, "641x479"}, {97, 1, "one row"}, {1, 131, "one column"},
-            {1, 1, "one pixel"}, {130, 65, "tile edges"}};
+        const struct
+        {
+            int w, h;
+            const char *name;
+        } shapes[] = { { 641, 479, "641x479" },
+                       { 97, 1, "one row" },
+                       { 1, 131, "one column" },
+                       { 1, 1, "one pixel" },
+                       { 130, 65, "tile edges" } };
         for (const auto &shape : shapes) {
-            for (int turns : {1, 2, 3}) {
-                for (const auto &[bytes, swap] :
-                     {std::pair<int, bool>{1, false}, {3, false}, {3, true}, {4, false}}) {
-                    QTest::newRow(QString("%1 %2 bytes%3 %4").arg(shape.name).arg(bytes)
-                                      .arg(swap ? " swapped" : "").arg(90 * turns).toLatin1())
-                        << shape.w << shape.h << bytes << swap << turns;
+            for (int turns : { 1, 2, 3 }) {
+                for (const auto &[bytes, swap] : { std::pair<int, bool>{ 1, false },
+                                                   { 3, false },
+                                                   { 3, true },
+                                                   { 4, false } }) {
+                    QTest::newRow(QString("%1 %2 bytes%3 %4")
+                                          .arg(shape.name)
+                                          .arg(bytes)
+                                          .arg(swap ? " swapped" : "")
+                                          .arg(90 * turns)
+                                          .toLatin1())
+                            << shape.w << shape.h << bytes << swap << turns;
                 }
             }
         }
@@ -314,7 +334,8 @@ private slots:
         QFETCH(bool, swap);
         QFETCH(int, turns);
         // Both source and destination are windows, their rows apart.
-        const cv::Mat src = noise(width, height, CV_8UC(bytes), true, uint64(width * height + bytes));
+        const cv::Mat src =
+                noise(width, height, CV_8UC(bytes), true, uint64(width * height + bytes));
         QVERIFY(!src.isContinuous() || height == 1);
 
         cv::Mat expected;
@@ -324,8 +345,8 @@ private slots:
 
         cv::Mat whole;
         cv::Mat dst = framedDestination(expected.cols, expected.rows, expected.type(), 99, whole);
-        const Plane from{const_cast<uchar *>(src.data), qsizetype(src.step), src.cols, src.rows};
-        const Plane to{dst.data, qsizetype(dst.step), dst.cols, dst.rows};
+        const Plane from{ const_cast<uchar *>(src.data), qsizetype(src.step), src.cols, src.rows };
+        const Plane to{ dst.data, qsizetype(dst.step), dst.cols, dst.rows };
         QVERIFY(turnPixels(from, bytes, swap, turns, to));
         COMPARE_MATS(dst, expected);
         const QString margin = marginDifference(whole, expected.cols, expected.rows, 99);
@@ -350,8 +371,8 @@ private slots:
         const cv::Mat src = noise(24, 24, CV_8UC(bytes), false, 5);
         // As bytes, whatever the pixel size.
         cv::Mat dst(24, 24 * bytes, CV_8UC1, cv::Scalar(42));
-        const Plane from{const_cast<uchar *>(src.data), qsizetype(src.step), 24, 24};
-        const Plane to{dst.data, qsizetype(dst.step), 24, 24};
+        const Plane from{ const_cast<uchar *>(src.data), qsizetype(src.step), 24, 24 };
+        const Plane to{ dst.data, qsizetype(dst.step), 24, 24 };
         QVERIFY(!turnPixels(from, bytes, false, turns, to));
         COMPARE_MATS(dst, cv::Mat(24, 24 * bytes, CV_8UC1, cv::Scalar(42)));
     }
@@ -365,18 +386,28 @@ private slots:
         QTest::addColumn<int>("height");
         QTest::addColumn<int>("extra");
         QTest::addColumn<int>("turns");
-        const struct { QImage::Format format; const char *name; } formats[] = {
-            {QImage::Format_Grayscale8, "Grayscale8"}, {QImage::Format_Indexed8, "Indexed8"},
-            {QImage::Format_RGB888, "RGB888"}, {QImage::Format_BGR888, "BGR888"},
-            {QImage::Format_RGB32, "RGB32"}, {QImage::Format_ARGB32, "ARGB32"}};
-        const struct { int w, h, extra; const char *name; } shapes[] = {
-            {333, 257, 0, "odd width"}, {333, 257, 13, "padded stride"}, {97, 1, 0, "one row"},
-            {97, 1, 9, "one row, padded"}, {1, 131, 0, "one column"}, {1, 131, 6, "one column, padded"}};
+        const struct
+        {
+            QImage::Format format;
+            const char *name;
+        } formats[] = {
+            { QImage::Format_Grayscale8, "Grayscale8" }, { QImage::Format_Indexed8, "Indexed8" },
+            { QImage::Format_RGB888, "RGB888" },         { QImage::Format_BGR888, "BGR888" },
+            { QImage::Format_RGB32, "RGB32" },           { QImage::Format_ARGB32, "ARGB32" }
+        };
+        const struct
+        {
+            int w, h, extra;
+            const char *name;
+        } shapes[] = { { 333, 257, 0, "odd width" }, { 333, 257, 13, "padded stride" },
+                       { 97, 1, 0, "one row" },      { 97, 1, 9, "one row, padded" },
+                       { 1, 131, 0, "one column" },  { 1, 131, 6, "one column, padded" } };
         for (const auto &f : formats) {
             for (const auto &shape : shapes) {
-                for (int turns : {1, 2, 3}) {
-                    QTest::newRow(QString("%1 %2 %3").arg(f.name, shape.name).arg(90 * turns).toLatin1())
-                        << f.format << shape.w << shape.h << shape.extra << turns;
+                for (int turns : { 1, 2, 3 }) {
+                    QTest::newRow(
+                            QString("%1 %2 %3").arg(f.name, shape.name).arg(90 * turns).toLatin1())
+                            << f.format << shape.w << shape.h << shape.extra << turns;
                 }
             }
         }
@@ -390,7 +421,8 @@ private slots:
         QFETCH(int, extra);
         QFETCH(int, turns);
         std::vector<uchar> storage;
-        const QImage image = noiseImage(width, height, format, extra, uint64(width + turns), storage);
+        const QImage image =
+                noiseImage(width, height, format, extra, uint64(width + turns), storage);
         if (extra > 0)
             QVERIFY(image.bytesPerLine() > (width * image.depth() / 8 + 3) / 4 * 4);
 
@@ -399,7 +431,8 @@ private slots:
 
         // The destination's lines are longer than needed too.
         std::vector<uchar> outStorage;
-        QImage dst = noiseImage(expected.width(), expected.height(), format, extra + 5, 1, outStorage);
+        QImage dst =
+                noiseImage(expected.width(), expected.height(), format, extra + 5, 1, outStorage);
         dst.setColorTable({});
         dst.setDotsPerMeterX(1000);
         dst.setDotsPerMeterY(1000);

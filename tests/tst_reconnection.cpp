@@ -25,7 +25,8 @@ private slots:
         QVERIFY(r.away());
         QVERIFY(!r.due());
         QTRY_VERIFY_WITH_TIMEOUT(r.due(), 3000);
-        QVERIFY2(clock.elapsed() >= Reconnection::retryMs, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY2(clock.elapsed() >= Reconnection::retryMs,
+                 qPrintable(QString::number(clock.elapsed())));
         clock.restart();
         r.failed();
         QVERIFY(r.away());

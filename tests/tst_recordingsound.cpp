@@ -93,10 +93,7 @@ private slots:
         Cache::config->isSaveTiff = false;
     }
 
-    void cleanupTestCase()
-    {
-        mic.reset();
-    }
+    void cleanupTestCase() { mic.reset(); }
 
     void cleanup()
     {
@@ -122,7 +119,8 @@ private slots:
         QCOMPARE(Cache::config->record_audio, true);
         QCOMPARE(Cache::config->audio_input, QString(VirtualMicrophone::sourceName));
         QSettings file(Cache::config->ini_path, QSettings::IniFormat);
-        QCOMPARE(file.value("extra/audio_input").toString(), QString(VirtualMicrophone::sourceName));
+        QCOMPARE(file.value("extra/audio_input").toString(),
+                 QString(VirtualMicrophone::sourceName));
         QCOMPARE(file.value("extra/record_audio").toString(), QString("true"));
 
         dialog.init();
@@ -131,7 +129,7 @@ private slots:
 
     void tenSecondRecordingHoldsPictureAndTone()
     {
-        QVERIFY(mic->feed(VirtualMicrophone::Tone{1000.0, 0.5, 0.0, 0, 0}));
+        QVERIFY(mic->feed(VirtualMicrophone::Tone{ 1000.0, 0.5, 0.0, 0, 0 }));
         attachCamera(false);
         Cache::config->record_audio = true;
         Cache::config->audio_input = VirtualMicrophone::sourceName;
@@ -186,7 +184,7 @@ private slots:
 
     void quietRoomShowsLittleOnTheMeter()
     {
-        QVERIFY(mic->feed(VirtualMicrophone::Tone{1000.0, 0.002, 0.0, 0, 0}));
+        QVERIFY(mic->feed(VirtualMicrophone::Tone{ 1000.0, 0.002, 0.0, 0, 0 }));
         attachCamera(false);
         Cache::config->record_audio = true;
         MainWindowQCamera w;
@@ -207,7 +205,7 @@ private slots:
     void soundStaysInStepWithDriftingMicrophone()
     {
         SKIP_WITHOUT_REAL_TIME_PACE();
-        QVERIFY(mic->feed(VirtualMicrophone::Tone{2000.0, 0.6, 0.01, 1000, 200}));
+        QVERIFY(mic->feed(VirtualMicrophone::Tone{ 2000.0, 0.6, 0.01, 1000, 200 }));
         attachCamera(true);
         Cache::config->record_audio = true;
         MainWindowQCamera w;
@@ -218,7 +216,8 @@ private slots:
         const Onsets onsets = findOnsets(file);
         const std::vector<double> found = syncOffsets(onsets);
         qInfo("%zu flashes (%d more after a missing frame), %zu beeps; offsets %s",
-              onsets.video.size(), onsets.uncertain, onsets.audio.size(), qPrintable(listed(found)));
+              onsets.video.size(), onsets.uncertain, onsets.audio.size(),
+              qPrintable(listed(found)));
         QVERIFY(onsets.video.size() >= 50);
         QVERIFY(std::abs(double(onsets.audio.size())
                          - double(onsets.video.size() + std::size_t(onsets.uncertain)))
@@ -229,14 +228,16 @@ private slots:
             if (i < 3 || i + 3 >= found.size())
                 QVERIFY2(std::abs(found[i]) <= period,
                          qPrintable(QString("flash %1 at %2 s is %3 ms off")
-                                        .arg(i).arg(onsets.video[i]).arg(found[i] * 1000)));
+                                            .arg(i)
+                                            .arg(onsets.video[i])
+                                            .arg(found[i] * 1000)));
         }
         QVERIFY(std::abs(file.audioSeconds() - file.videoSeconds()) <= 0.1);
     }
 
     void unpluggedMicrophoneLeavesSilenceInStep()
     {
-        QVERIFY(mic->feed(VirtualMicrophone::Tone{1000.0, 0.5, 0.0, 0, 0}));
+        QVERIFY(mic->feed(VirtualMicrophone::Tone{ 1000.0, 0.5, 0.0, 0, 0 }));
         attachCamera(false);
         Cache::config->record_audio = true;
         MainWindowQCamera w;
@@ -250,9 +251,7 @@ private slots:
         qint64 longest = 0;
         QElapsedTimer beat;
         QTimer ticker;
-        connect(&ticker, &QTimer::timeout, [&] {
-            longest = std::max(longest, beat.restart());
-        });
+        connect(&ticker, &QTimer::timeout, [&] { longest = std::max(longest, beat.restart()); });
         beat.start();
         ticker.start(10);
         // Unplugged from another thread: the window's thread only waits
@@ -296,11 +295,12 @@ private slots:
         QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
         QCOMPARE(answerer.boxes.size(), 0);
         const QString difference =
-            differsFromSilentRecording(w.ui->video->m_cameraRecorderPath, documents->path());
+                differsFromSilentRecording(w.ui->video->m_cameraRecorderPath, documents->path());
         QVERIFY2(difference.isEmpty(), qPrintable(difference));
         const RecordedFile file = readRecording(w.ui->video->m_cameraRecorderPath);
-        QCOMPARE(structureOf(file), QString("streams 1; video mjpeg 640x480, time base 1/10, 10 fps; "
-                                            "audio none 0 Hz 0 ch"));
+        QCOMPARE(structureOf(file),
+                 QString("streams 1; video mjpeg 640x480, time base 1/10, 10 fps; "
+                         "audio none 0 Hz 0 ch"));
     }
 };
 

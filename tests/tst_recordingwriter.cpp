@@ -20,7 +20,8 @@ namespace {
 class HeldFile : public VideoFile
 {
 public:
-    struct Log {
+    struct Log
+    {
         std::mutex lock;
         std::condition_variable changed;
         std::vector<int> values; // each frame's first pixel
@@ -31,7 +32,7 @@ public:
         int catchUps = 0;
     };
 
-    explicit HeldFile(Log &log) : log(log) {}
+    explicit HeldFile(Log &log) : log(log) { }
 
     void write(const cv::Mat &frame, int64_t capturedNs) override
     {
@@ -93,10 +94,11 @@ private slots:
         RecordingWriter writer(std::make_unique<HeldFile>(log), 3);
         // Let go on every way out, so that a failed check does not leave the
         // writer's thread held while the writer waits for it.
-        struct Release {
+        struct Release
+        {
             HeldFile::Log &log;
             ~Release() { hold(log, false); }
-        } release{log};
+        } release{ log };
         // The first frame is taken by the thread and held inside write().
         QVERIFY(writer.offer(grey(1), 10));
         QVERIFY(waitForWriteInProgress(log));
@@ -108,8 +110,8 @@ private slots:
         QVERIFY(!writer.offer(grey(5), 50));
         hold(log, false);
         writer.finish();
-        QCOMPARE(log.values, (std::vector<int>{1, 2, 3, 4}));
-        QCOMPARE(log.stamps, (std::vector<int64_t>{10, 20, 30, 40}));
+        QCOMPARE(log.values, (std::vector<int>{ 1, 2, 3, 4 }));
+        QCOMPARE(log.stamps, (std::vector<int64_t>{ 10, 20, 30, 40 }));
     }
 
     void framesAreWrittenInTheOrderOffered()
@@ -146,7 +148,7 @@ private slots:
         writer.finish();
         writer.finish();
         QCOMPARE(log.closes, 1);
-        QCOMPARE(log.values, std::vector<int>{7});
+        QCOMPARE(log.values, std::vector<int>{ 7 });
         // After the end nothing more is taken.
         QVERIFY(!writer.offer(grey(8)));
         QVERIFY(!writer.offerWaiting(grey(9)));
@@ -195,7 +197,8 @@ private slots:
         while (read.read(frame)) {
             QCOMPARE(frame.size(), cv::Size(64, 48));
             const double blue = cv::mean(frame)[0];
-            QVERIFY2(std::abs(blue - n * 40) < 6, qPrintable(QString("frame %1: %2").arg(n).arg(blue)));
+            QVERIFY2(std::abs(blue - n * 40) < 6,
+                     qPrintable(QString("frame %1: %2").arg(n).arg(blue)));
             ++n;
         }
         QCOMPARE(n, 6);

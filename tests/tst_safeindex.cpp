@@ -27,8 +27,8 @@ private slots:
     void init()
     {
         Cache::cameras->clear();
-        *Cache::cameras << camera(0, {QSize(1920, 1080), QSize(640, 480)}) << camera(1, {})
-                        << camera(2, {QSize(800, 600)});
+        *Cache::cameras << camera(0, { QSize(1920, 1080), QSize(640, 480) }) << camera(1, {})
+                        << camera(2, { QSize(800, 600) });
         Cache::config->resolutions.clear();
         appendOutputSizes(Cache::config->resolutions);
     }
@@ -57,7 +57,7 @@ private slots:
 
     void sizeIndexOutOfRangeFallsBackToFirstEntry()
     {
-        const QList<QSize> sizes{QSize(1920, 1080), QSize(640, 480)};
+        const QList<QSize> sizes{ QSize(1920, 1080), QSize(640, 480) };
         QCOMPARE(sizeAtOrFirst(sizes, 1), QSize(640, 480));
         QCOMPARE(sizeAtOrFirst(sizes, -1), QSize(1920, 1080));
         QCOMPARE(sizeAtOrFirst(sizes, 2), QSize(1920, 1080));

@@ -81,21 +81,28 @@ struct FoundWord
 
 QString unescaped(QString s)
 {
-    return s.replace("&lt;", "<").replace("&gt;", ">").replace("&quot;", "\"").replace("&amp;", "&");
+    return s.replace("&lt;", "<")
+            .replace("&gt;", ">")
+            .replace("&quot;", "\"")
+            .replace("&amp;", "&");
 }
 
 // The words of the page, each counted word with its share of pdftotext's
 // box (a run of Chinese characters is split evenly among them).
 QList<FoundWord> foundWords(const QString &pdf, int page)
 {
-    const QString html = run("pdftotext", {"-bbox", "-f", QString::number(page), "-l", QString::number(page), pdf, "-"}).out;
+    const QString html =
+            run("pdftotext",
+                { "-bbox", "-f", QString::number(page), "-l", QString::number(page), pdf, "-" })
+                    .out;
     const QRegularExpressionMatch size =
-        QRegularExpression("<page width=\"([\\d.]+)\" height=\"([\\d.]+)\"").match(html);
+            QRegularExpression("<page width=\"([\\d.]+)\" height=\"([\\d.]+)\"").match(html);
     QList<FoundWord> found;
     if (!size.hasMatch())
         return found;
     const double w = size.captured(1).toDouble(), h = size.captured(2).toDouble();
-    QRegularExpression word("<word xMin=\"([\\d.]+)\" yMin=\"([\\d.]+)\" xMax=\"([\\d.]+)\" yMax=\"([\\d.]+)\">([^<]*)</word>");
+    QRegularExpression word("<word xMin=\"([\\d.]+)\" yMin=\"([\\d.]+)\" xMax=\"([\\d.]+)\" "
+                            "yMax=\"([\\d.]+)\">([^<]*)</word>");
     for (auto it = word.globalMatch(html); it.hasNext();) {
         const QRegularExpressionMatch m = it.next();
         const QRectF box(QPointF(m.captured(1).toDouble() / w, m.captured(2).toDouble() / h),
@@ -109,7 +116,7 @@ QList<FoundWord> foundWords(const QString &pdf, int page)
                 const double step = box.width() / text.trimmed().size();
                 part = QRectF(box.left() + i * step, box.top(), step, box.height());
             }
-            found.append({words.at(i), part});
+            found.append({ words.at(i), part });
         }
     }
     return found;
@@ -136,14 +143,16 @@ struct Placement
     double worstEdge = 0;
 };
 
-Placement placement(const QList<PrintedWord> &printed, const QList<FoundWord> &found, double tolerance)
+Placement placement(const QList<PrintedWord> &printed, const QList<FoundWord> &found,
+                    double tolerance)
 {
     const int n = printed.size(), m = found.size();
     std::vector<std::vector<int>> lcs(size_t(n) + 1, std::vector<int>(size_t(m) + 1, 0));
     for (int i = n - 1; i >= 0; --i)
         for (int j = m - 1; j >= 0; --j)
-            lcs[i][j] = printed.at(i).text == found.at(j).text ? lcs[i + 1][j + 1] + 1
-                                                                : std::max(lcs[i + 1][j], lcs[i][j + 1]);
+            lcs[i][j] = printed.at(i).text == found.at(j).text
+                    ? lcs[i + 1][j + 1] + 1
+                    : std::max(lcs[i + 1][j], lcs[i][j + 1]);
     Placement p;
     for (int i = 0, j = 0; i < n && j < m;) {
         if (printed.at(i).text == found.at(j).text) {
@@ -151,8 +160,9 @@ Placement placement(const QList<PrintedWord> &printed, const QList<FoundWord> &f
             if (!a.isNull()) {
                 const double d = std::max(std::abs(a.center().x() - b.center().x()),
                                           std::abs(a.center().y() - b.center().y()));
-                const double edge = std::max({std::abs(a.left() - b.left()), std::abs(a.right() - b.right()),
-                                              std::abs(a.top() - b.top()), std::abs(a.bottom() - b.bottom())});
+                const double edge = std::max(
+                        { std::abs(a.left() - b.left()), std::abs(a.right() - b.right()),
+                          std::abs(a.top() - b.top()), std::abs(a.bottom() - b.bottom()) });
                 ++p.compared;
                 p.within += d <= tolerance ? 1 : 0;
                 if (d > tolerance)
@@ -180,32 +190,35 @@ double inOrderShare(const QList<PrintedWord> &printed, const QString &text)
 QImage renderPage(const QString &pdf, int n, int dpi, const QString &scratch)
 {
     const QString base = scratch + QString("/render-%1-%2").arg(QFileInfo(pdf).baseName()).arg(n);
-    run("pdftoppm", {"-f", QString::number(n), "-l", QString::number(n), "-r", QString::number(dpi), "-png",
-                     "-singlefile", pdf, base});
+    run("pdftoppm",
+        { "-f", QString::number(n), "-l", QString::number(n), "-r", QString::number(dpi), "-png",
+          "-singlefile", pdf, base });
     return QImage(base + ".png").convertToFormat(QImage::Format_RGB32);
 }
 
 int pdfPageCount(const QString &pdf)
 {
-    const QRegularExpressionMatch m = QRegularExpression("^Pages:\\s+(\\d+)$", QRegularExpression::MultilineOption)
-                                          .match(run("pdfinfo", {pdf}).out);
+    const QRegularExpressionMatch m =
+            QRegularExpression("^Pages:\\s+(\\d+)$", QRegularExpression::MultilineOption)
+                    .match(run("pdfinfo", { pdf }).out);
     return m.hasMatch() ? m.captured(1).toInt() : -1;
 }
 
 QSizeF pdfPageSize(const QString &pdf, int n)
 {
-    const QString info = run("pdfinfo", {"-f", QString::number(n), "-l", QString::number(n), pdf}).out;
+    const QString info =
+            run("pdfinfo", { "-f", QString::number(n), "-l", QString::number(n), pdf }).out;
     const QRegularExpressionMatch m =
-        QRegularExpression(QString("^Page\\s+%1 size:\\s+([\\d.]+) x ([\\d.]+) pts").arg(n),
-                           QRegularExpression::MultilineOption)
-            .match(info);
+            QRegularExpression(QString("^Page\\s+%1 size:\\s+([\\d.]+) x ([\\d.]+) pts").arg(n),
+                               QRegularExpression::MultilineOption)
+                    .match(info);
     return m.hasMatch() ? QSizeF(m.captured(1).toDouble(), m.captured(2).toDouble()) : QSizeF();
 }
 
 // The lines pdffonts lists for the PDF's fonts.
 QStringList fontLines(const QString &pdf)
 {
-    QStringList lines = run("pdffonts", {pdf}).out.split('\n', Qt::SkipEmptyParts);
+    QStringList lines = run("pdffonts", { pdf }).out.split('\n', Qt::SkipEmptyParts);
     return lines.mid(2);
 }
 
@@ -214,7 +227,8 @@ QStringList fontLines(const QString &pdf)
 QList<PrintedPage> threePrintedPages()
 {
     const QStringList p = sampleParagraphs();
-    return {printPage({p[0]}, 12), printPage({p[2]}, 12), printPage({p[1], p[3]}, 12, true)};
+    return { printPage({ p[0] }, 12), printPage({ p[2] }, 12),
+             printPage({ p[1], p[3] }, 12, true) };
 }
 
 // What Linux's scheduler counted for the calling thread so far, in ms: the
@@ -232,14 +246,15 @@ ThreadTimes threadTimes()
     if (!file.open(QIODevice::ReadOnly))
         return {};
     const QStringList fields = QString::fromLatin1(file.readAll()).split(' ');
-    return {fields.value(0).toDouble() / 1e6, fields.value(1).toDouble() / 1e6};
+    return { fields.value(0).toDouble() / 1e6, fields.value(1).toDouble() / 1e6 };
 }
 
 // Sets an environment variable for as long as it lives.
 class ScopedEnv
 {
 public:
-    ScopedEnv(const char *name, const QByteArray &value) : m_name(name), m_had(qEnvironmentVariableIsSet(name)), m_old(qgetenv(name))
+    ScopedEnv(const char *name, const QByteArray &value)
+        : m_name(name), m_had(qEnvironmentVariableIsSet(name)), m_old(qgetenv(name))
     {
         qputenv(name, value);
     }
@@ -275,8 +290,8 @@ class tst_SearchablePdf : public QObject, private OutputFolders
     QString photoOf(const PrintedPage &page, int longSide, const QString &name)
     {
         const QImage img = page.image.width() > page.image.height()
-            ? page.image.scaledToWidth(longSide, Qt::SmoothTransformation)
-            : page.image.scaledToHeight(longSide, Qt::SmoothTransformation);
+                ? page.image.scaledToWidth(longSide, Qt::SmoothTransformation)
+                : page.image.scaledToHeight(longSide, Qt::SmoothTransformation);
         return savePhoto(img, name);
     }
 
@@ -296,7 +311,8 @@ class tst_SearchablePdf : public QObject, private OutputFolders
         const QString path = dir->path() + (withEnglish ? "/tessdata-eng" : "/tessdata-empty");
         QDir().mkpath(path);
         if (withEnglish) {
-            QFile::link("/usr/share/tesseract-ocr/5/tessdata/eng.traineddata", path + "/eng.traineddata");
+            QFile::link("/usr/share/tesseract-ocr/5/tessdata/eng.traineddata",
+                        path + "/eng.traineddata");
             QFile::link("/usr/share/tesseract-ocr/5/tessdata/pdf.ttf", path + "/pdf.ttf");
         }
         return path;
@@ -304,7 +320,7 @@ class tst_SearchablePdf : public QObject, private OutputFolders
 
     QString onlyPdfIn(const QString &where)
     {
-        const QStringList pdfs = QDir(where).entryList({"*.pdf"}, QDir::Files);
+        const QStringList pdfs = QDir(where).entryList({ "*.pdf" }, QDir::Files);
         return pdfs.size() == 1 ? where + "/" + pdfs.first() : QString();
     }
 
@@ -320,7 +336,8 @@ class tst_SearchablePdf : public QObject, private OutputFolders
             return QString();
         clearVirtualCameraEnvironment();
         qputenv("VCAM_0_FORMATS", "MJPG");
-        qputenv("VCAM_0_SIZES", QString("%1x%2").arg(frameSize.width()).arg(frameSize.height()).toLatin1());
+        qputenv("VCAM_0_SIZES",
+                QString("%1x%2").arg(frameSize.width()).arg(frameSize.height()).toLatin1());
         qputenv("VCAM_0_FPS", "5");
         qputenv("VCAM_0_SCENE", ("image:" + scene).toLocal8Bit());
         Cache::cameras->clear();
@@ -333,10 +350,11 @@ class tst_SearchablePdf : public QObject, private OutputFolders
         int frames = 0;
         QList<QString> taken;
         bool answered = false;
-        connect(&p, &ImageProcessing::sendFarmeSignal, this, [&frames](QImage) { ++frames; },
+        connect(
+                &p, &ImageProcessing::sendFarmeSignal, this, [&frames](QImage) { ++frames; },
                 Qt::BlockingQueuedConnection);
-        connect(&p, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal), this,
-                [&](QList<QString> files, int) {
+        connect(&p, QOverload<QList<QString>, int>::of(&ImageProcessing::sendTakePhotoImageSignal),
+                this, [&](QList<QString> files, int) {
                     taken = files;
                     answered = true;
                 });
@@ -357,7 +375,7 @@ class tst_SearchablePdf : public QObject, private OutputFolders
 private slots:
     void initTestCase()
     {
-        for (const char *tool : {"pdftotext", "pdffonts", "pdftoppm", "pdfinfo", "qpdf"})
+        for (const char *tool : { "pdftotext", "pdffonts", "pdftoppm", "pdfinfo", "qpdf" })
             QVERIFY2(!QStandardPaths::findExecutable(tool).isEmpty(), tool);
         QVERIFY2(textRecognitionAvailable(), "the Chinese and English recognition data are needed");
         preferVideo4Linux2Capture();
@@ -375,19 +393,22 @@ private slots:
     {
         const PrintedPage page = printPage(sampleParagraphs(), 12);
         // A whole 3264x2448 camera picture of the sheet.
-        const QString photo = savePhoto(page.image.scaled(3264, 2448, Qt::IgnoreAspectRatio, Qt::SmoothTransformation), "page");
+        const QString photo = savePhoto(
+                page.image.scaled(3264, 2448, Qt::IgnoreAspectRatio, Qt::SmoothTransformation),
+                "page");
         const QString pdf = dir->path() + "/one.pdf";
         QList<int> reported;
         QElapsedTimer timer;
         timer.start();
-        QCOMPARE(writeSearchablePdf(pdf, {photo}, 1, [&reported](int done) { reported << done; }),
+        QCOMPARE(writeSearchablePdf(pdf, { photo }, 1, [&reported](int done) { reported << done; }),
                  TextLayerResult::Added);
         qInfo("one 3264x2448 page on one thread: %.1f s", timer.elapsed() / 1000.0);
-        QCOMPARE(reported, QList<int>({1}));
+        QCOMPARE(reported, QList<int>({ 1 }));
 
-        const Run check = run("qpdf", {"--check", pdf});
+        const Run check = run("qpdf", { "--check", pdf });
         QCOMPARE(check.exitCode, 0);
-        QVERIFY2(check.out.contains("No syntax or stream encoding errors found"), qPrintable(check.out));
+        QVERIFY2(check.out.contains("No syntax or stream encoding errors found"),
+                 qPrintable(check.out));
 
         QCOMPARE(pdfPageCount(pdf), 1);
         const QSizeF size = pdfPageSize(pdf, 1);
@@ -397,12 +418,14 @@ private slots:
         // One font, embedded, with a map back to Unicode.
         const QStringList fonts = fontLines(pdf);
         QCOMPARE(fonts.size(), 1);
-        const QStringList columns = fonts.first().split(QRegularExpression("\\s+"), Qt::SkipEmptyParts);
+        const QStringList columns =
+                fonts.first().split(QRegularExpression("\\s+"), Qt::SkipEmptyParts);
         QCOMPARE(columns.value(0), QString("GlyphLessFont"));
-        QVERIFY2(fonts.first().contains(QRegularExpression("Identity-H\\s+yes\\s+no\\s+yes")), qPrintable(fonts.first()));
+        QVERIFY2(fonts.first().contains(QRegularExpression("Identity-H\\s+yes\\s+no\\s+yes")),
+                 qPrintable(fonts.first()));
 
         // Drawn in the invisible text mode.
-        const Run qdf = run("qpdf", {"--qdf", "--object-streams=disable", pdf, "-"});
+        const Run qdf = run("qpdf", { "--qdf", "--object-streams=disable", pdf, "-" });
         QVERIFY(qdf.bytes.contains("\n3 Tr "));
 
         const QString text = pdfText(pdf);
@@ -413,7 +436,8 @@ private slots:
         QVERIFY(text.contains(QString::fromUtf8("阅览")));
 
         const Placement place = placement(page.words, foundWords(pdf, 1), 0.02);
-        qInfo("words within 2 %% of where printed: %d of %d, worst centre %.2f %%, worst edge %.2f %%",
+        qInfo("words within 2 %% of where printed: %d of %d, worst centre %.2f %%, worst edge %.2f "
+              "%%",
               place.within, place.compared, 100 * place.worst, 100 * place.worstEdge);
         QVERIFY(place.compared >= 0.9 * page.words.size());
         // Tesseract's box of a word now and then takes in a neighbour's ink.
@@ -431,9 +455,9 @@ private slots:
         QCOMPARE(writeSearchablePdf(pdf, photoList, 2, [&reported](int done) { reported << done; }),
                  TextLayerResult::Added);
         qInfo("three 2400-pixel pages on two threads: %.1f s", timer.elapsed() / 1000.0);
-        QCOMPARE(reported, QList<int>({1, 2, 3}));
+        QCOMPARE(reported, QList<int>({ 1, 2, 3 }));
 
-        QCOMPARE(run("qpdf", {"--check", pdf}).exitCode, 0);
+        QCOMPARE(run("qpdf", { "--check", pdf }).exitCode, 0);
         QCOMPARE(pdfPageCount(pdf), 3);
         QVERIFY(pdfPageSize(pdf, 1).width() > pdfPageSize(pdf, 1).height());
         QVERIFY(pdfPageSize(pdf, 2).width() > pdfPageSize(pdf, 2).height());
@@ -441,12 +465,14 @@ private slots:
         const QStringList fonts = fontLines(pdf);
         QVERIFY(!fonts.isEmpty());
         for (const QString &font : fonts)
-            QVERIFY2(font.contains(QRegularExpression("Identity-H\\s+yes\\s+no\\s+yes")), qPrintable(font));
+            QVERIFY2(font.contains(QRegularExpression("Identity-H\\s+yes\\s+no\\s+yes")),
+                     qPrintable(font));
 
         for (int n = 1; n <= 3; ++n) {
             const QString text = pdfText(pdf, n);
             const double share = inOrderShare(printed[n - 1].words, text);
-            qInfo("page %d: %.1f %% of %d words in order", n, 100 * share, int(printed[n - 1].words.size()));
+            qInfo("page %d: %.1f %% of %d words in order", n, 100 * share,
+                  int(printed[n - 1].words.size()));
             QVERIFY2(share >= 0.95, qPrintable(text));
             const Placement place = placement(printed[n - 1].words, foundWords(pdf, n), 0.02);
             QCOMPARE(place.within, place.compared);
@@ -503,7 +529,8 @@ private slots:
     void missingLanguageDataGivesThePlainPdf()
     {
         QFETCH(bool, withEnglish);
-        const QList<QString> photoList = {photoOf(printPage(sampleParagraphs(), 12), 1200, "page")};
+        const QList<QString> photoList = { photoOf(printPage(sampleParagraphs(), 12), 1200,
+                                                   "page") };
         const QString plain = dir->path() + "/plain.pdf";
         {
             QFile file(plain);
@@ -541,12 +568,15 @@ private slots:
         dlg.show();
         QVERIFY(box->isChecked());
 
-        auto stored = []() { return QSettings("system.ini", QSettings::IniFormat).value("extra/pdf_ocr"); };
+        auto stored = []() {
+            return QSettings("system.ini", QSettings::IniFormat).value("extra/pdf_ocr");
+        };
         int photosTaken = 0;
         auto saveOne = [&](const char *button, bool ticked, const QString &text) {
             dlg.show();
             box->setChecked(ticked);
-            dlg.setImage({photoOf(printPage({text}, 28), 1200, QString("photo%1").arg(++photosTaken))});
+            dlg.setImage({ photoOf(printPage({ text }, 28), 1200,
+                                   QString("photo%1").arg(++photosTaken)) });
             dlg.findChild<QPushButton *>(button)->click();
         };
 
@@ -569,10 +599,11 @@ private slots:
         saveOne("btnSavePDF", true, "Keep the archive room closed");
         QVERIFY(Cache::config->pdf_ocr);
         QCOMPARE(stored().toString(), QString("true"));
-        const QStringList pdfs = QDir(folder).entryList({"*.pdf"}, QDir::Files, QDir::Name);
+        const QStringList pdfs = QDir(folder).entryList({ "*.pdf" }, QDir::Files, QDir::Name);
         QCOMPARE(pdfs.size(), 2);
         QVERIFY(wordsOf(pdfText(folder + "/" + pdfs.first())).isEmpty());
-        QVERIFY2(pdfText(folder + "/" + pdfs.last()).contains("archive room"), qPrintable(pdfText(folder + "/" + pdfs.last())));
+        QVERIFY2(pdfText(folder + "/" + pdfs.last()).contains("archive room"),
+                 qPrintable(pdfText(folder + "/" + pdfs.last())));
     }
 
     void threePageSaveMovesProgressPerPageAndKeepsTheGuiResponsive()
@@ -612,8 +643,8 @@ private slots:
                 if (!reentered) {
                     // Every step from here on, even two between turns.
                     values << progress->value();
-                    connect(progress->findChild<QProgressBar *>(), &QProgressBar::valueChanged, this,
-                            [&values](int value) { values << value; });
+                    connect(progress->findChild<QProgressBar *>(), &QProgressBar::valueChanged,
+                            this, [&values](int value) { values << value; });
                     reentered = true;
                     dlg.findChild<QPushButton *>("btnSavePDF")->click();
                     dlg.findChild<QPushButton *>("btnSaveTiff")->click();
@@ -626,12 +657,13 @@ private slots:
         total.start();
         dlg.findChild<QPushButton *>("btnSavePDF")->click();
         watcher.stop();
-        qInfo("three pages saved in %.1f s; the GUI stood still at most %.0f ms, %.0f ms of it not waiting for a "
+        qInfo("three pages saved in %.1f s; the GUI stood still at most %.0f ms, %.0f ms of it not "
+              "waiting for a "
               "core; its longest work between two turns %.1f ms",
               total.elapsed() / 1000.0, longestStall, longestOwnStall, longestBusy);
 
         QCOMPARE(maximum, 3);
-        QCOMPARE(values, QList<int>({0, 1, 2, 3}));
+        QCOMPARE(values, QList<int>({ 0, 1, 2, 3 }));
         QVERIFY(reentered);
         QCOMPARE(QDir(folder).entryList(QDir::Files).size(), 1);
         const QString pdf = onlyPdfIn(folder);
@@ -649,8 +681,8 @@ private slots:
         ImageSavePDFOrTiffDialog dlg(nullptr);
         Cache::config->pdf_ocr = true;
         dlg.show();
-        dlg.setImage({photoOf(printPage(sampleParagraphs(), 12), 1200, "a"),
-                      photoOf(printPage(sampleParagraphs(), 12), 1200, "b")});
+        dlg.setImage({ photoOf(printPage(sampleParagraphs(), 12), 1200, "a"),
+                       photoOf(printPage(sampleParagraphs(), 12), 1200, "b") });
         QSignalSpy told(&dlg, SIGNAL(saveImageMergingSignals(QList<QString>, int)));
         dlg.findChild<QPushButton *>("btnSavePDF")->click();
         QCOMPARE(answerer.boxes.size(), 1);
@@ -681,9 +713,9 @@ private slots:
         QFETCH(double, wanted);
         const QStringList p = sampleParagraphs();
         // Body text of 12 points and, below it, of 10.
-        const PrintedPage page = printPage({p[0], p[2], p[1], p[3]}, 12);
-        const PrintedPage small = printPage({p[1], p[3]}, 10);
-        QList<PrintedPage> printed = {page, small};
+        const PrintedPage page = printPage({ p[0], p[2], p[1], p[3] }, 12);
+        const PrintedPage small = printPage({ p[1], p[3] }, 10);
+        QList<PrintedPage> printed = { page, small };
 
         ImageSavePDFOrTiffDialog dlg(nullptr);
         Cache::config->pdf_ocr = true;
@@ -694,7 +726,7 @@ private slots:
             const QImage photo(taken);
             qInfo("photo %d: %dx%d", i + 1, photo.width(), photo.height());
             QVERIFY(photo.width() > frame.width() / 2);
-            dlg.setImage({taken});
+            dlg.setImage({ taken });
         }
         dlg.findChild<QPushButton *>("btnSavePDF")->click();
         const QString pdf = onlyPdfIn(folder);
@@ -714,7 +746,8 @@ private slots:
             inOrder += found;
             QCOMPARE(place.within, place.compared);
         }
-        QVERIFY2(inOrder >= wanted * expected, qPrintable(QString("%1 of %2").arg(inOrder).arg(expected)));
+        QVERIFY2(inOrder >= wanted * expected,
+                 qPrintable(QString("%1 of %2").arg(inOrder).arg(expected)));
     }
 };
 

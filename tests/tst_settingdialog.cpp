@@ -40,11 +40,11 @@ constexpr int dialogDeadline = 20000;
 // The controls, looked up by their object names as other code does.
 struct Form
 {
-    explicit Form(const QWidget &dialog) : dialog(dialog) {}
+    explicit Form(const QWidget &dialog) : dialog(dialog) { }
 
     const QWidget &dialog;
 
-    template <typename T>
+    template<typename T>
     T *get(const char *name) const
     {
         T *child = dialog.findChild<T *>(name);
@@ -100,7 +100,8 @@ CameraInfo camera(int index, const QList<QSize> &sizes)
     info.index = index;
     info.deviceName = QString("/dev/video%1").arg(index);
     info.description = QString("Camera %1").arg(index);
-    info.supportedImageCodecs << "MJPG" << "YUYV";
+    info.supportedImageCodecs << "MJPG"
+                              << "YUYV";
     info.supportedResolutions = sizes;
     return info;
 }
@@ -186,7 +187,7 @@ struct Answered
 // type T to become the active modal widget and hands it to `act`. Any other
 // modal widget, or none before the deadline, is rejected so that a wrong or
 // missing dialog fails the test instead of blocking it.
-template <typename T>
+template<typename T>
 std::shared_ptr<Answered> answerNext(std::function<void(T *, Answered &)> act)
 {
     auto answered = std::make_shared<Answered>();
@@ -291,8 +292,8 @@ class tst_SettingDialog : public QObject
 private:
     std::unique_ptr<QTemporaryDir> workDir;
     QString startDir;
-    const QList<QSize> camera0Sizes{QSize(1920, 1080), QSize(1280, 720), QSize(640, 480)};
-    const QList<QSize> camera1Sizes{QSize(2592, 1944), QSize(800, 600)};
+    const QList<QSize> camera0Sizes{ QSize(1920, 1080), QSize(1280, 720), QSize(640, 480) };
+    const QList<QSize> camera1Sizes{ QSize(2592, 1944), QSize(800, 600) };
 
     QString iniPath() const { return workDir->filePath("system.ini"); }
 
@@ -312,8 +313,8 @@ private:
         for (auto it = expected.constBegin(); it != expected.constEnd(); ++it)
             QVERIFY2(file.value(it.key()).toString() == it.value().toString(),
                      qPrintable(QString("%1: stored %2, expected %3")
-                                    .arg(it.key(), file.value(it.key()).toString(),
-                                         it.value().toString())));
+                                        .arg(it.key(), file.value(it.key()).toString(),
+                                             it.value().toString())));
     }
 
 private slots:
@@ -361,41 +362,43 @@ private slots:
         QCOMPARE(dialog.objectName(), QString("SettingDialog"));
         QVERIFY(!(dialog.windowFlags() & Qt::WindowContextHelpButtonHint));
 
-        const QMap<QString, QString> groups{{"groupPictureParameters", "图片参数"},
-                                            {"groupWatermarkBoxConfigBox", "水印配置"},
-                                            {"groupSaveConfigBox", "保存配置"},
-                                            {"groupPanting", "画中画配置"},
-                                            {"groupExtra", "增强功能"}};
+        const QMap<QString, QString> groups{ { "groupPictureParameters", "图片参数" },
+                                             { "groupWatermarkBoxConfigBox", "水印配置" },
+                                             { "groupSaveConfigBox", "保存配置" },
+                                             { "groupPanting", "画中画配置" },
+                                             { "groupExtra", "增强功能" } };
         for (auto it = groups.constBegin(); it != groups.constEnd(); ++it) {
             auto *group = dialog.findChild<QGroupBox *>(it.key());
             QVERIFY2(group, qPrintable(it.key()));
             QCOMPARE(group->title(), it.value());
         }
         QCOMPARE(dialog.findChildren<QGroupBox *>().size(), 5);
-        const QMap<QString, QRect> places{{"groupPictureParameters", QRect(10, 8, 424, 198)},
-                                          {"groupWatermarkBoxConfigBox", QRect(10, 212, 424, 252)},
-                                          {"groupSaveConfigBox", QRect(10, 470, 424, 118)},
-                                          {"groupPanting", QRect(10, 594, 424, 122)},
-                                          {"groupExtra", QRect(10, 722, 424, 148)}};
+        const QMap<QString, QRect> places{ { "groupPictureParameters", QRect(10, 8, 424, 198) },
+                                           { "groupWatermarkBoxConfigBox",
+                                             QRect(10, 212, 424, 252) },
+                                           { "groupSaveConfigBox", QRect(10, 470, 424, 118) },
+                                           { "groupPanting", QRect(10, 594, 424, 122) },
+                                           { "groupExtra", QRect(10, 722, 424, 148) } };
         for (auto it = places.constBegin(); it != places.constEnd(); ++it)
             QCOMPARE(dialog.findChild<QGroupBox *>(it.key())->geometry(), it.value());
         // The buttons stay at the bottom, below the extension group.
-        QCOMPARE(dialog.findChild<QPushButton *>("saveSetting")->geometry(), QRect(92, 876, 120, 30));
+        QCOMPARE(dialog.findChild<QPushButton *>("saveSetting")->geometry(),
+                 QRect(92, 876, 120, 30));
 
         // Each control sits in its group.
-        const QMap<QString, QString> home{{"imageFOURCCBox", "groupPictureParameters"},
-                                          {"imageShootingTimeBox", "groupPictureParameters"},
-                                          {"lbWatermarkDemo", "groupWatermarkBoxConfigBox"},
-                                          {"btnFontSelect", "groupWatermarkBoxConfigBox"},
-                                          {"saveImageNumber", "groupSaveConfigBox"},
-                                          {"checkBox_SavePdfSourceBox", "groupSaveConfigBox"},
-                                          {"painting_mian_resolutionBox", "groupPanting"},
-                                          {"lbPaintingPercentage", "groupPanting"},
-                                          {"checkBox_Perspective", "groupExtra"},
-                                          {"shootingModeBox", "groupExtra"},
-                                          {"checkBox_RecordAudio", "groupExtra"},
-                                          {"audioInputBox", "groupExtra"},
-                                          {"label_audio_input", "groupExtra"}};
+        const QMap<QString, QString> home{ { "imageFOURCCBox", "groupPictureParameters" },
+                                           { "imageShootingTimeBox", "groupPictureParameters" },
+                                           { "lbWatermarkDemo", "groupWatermarkBoxConfigBox" },
+                                           { "btnFontSelect", "groupWatermarkBoxConfigBox" },
+                                           { "saveImageNumber", "groupSaveConfigBox" },
+                                           { "checkBox_SavePdfSourceBox", "groupSaveConfigBox" },
+                                           { "painting_mian_resolutionBox", "groupPanting" },
+                                           { "lbPaintingPercentage", "groupPanting" },
+                                           { "checkBox_Perspective", "groupExtra" },
+                                           { "shootingModeBox", "groupExtra" },
+                                           { "checkBox_RecordAudio", "groupExtra" },
+                                           { "audioInputBox", "groupExtra" },
+                                           { "label_audio_input", "groupExtra" } };
         for (auto it = home.constBegin(); it != home.constEnd(); ++it) {
             QWidget *w = dialog.findChild<QWidget *>(it.key());
             QVERIFY2(w, qPrintable(it.key()));
@@ -406,19 +409,29 @@ private slots:
     void formLabelsAndButtonsCarryTheirTexts()
     {
         SettingDialog dialog;
-        const QMap<QString, QString> labels{
-            {"label_16", "渲染模式"},        {"label_17", "相机分辨率"},
-            {"label_18", "图片格式"},        {"label_19", "图片压缩"},
-            {"label_22", "图片分辨率"},      {"label_32", "定时拍照时间间隔(秒)"},
-            {"label_27", "水印透明度"},      {"label_26", "水平偏移"},
-            {"label_28", "垂直偏移"},        {"label_23", "水印样式"},
-            {"lbWatermarkDemo", "我是水印样式Demo"}, {"label_29", "前缀"},
-            {"label_30", "+"},               {"label_31", "画中画比例"},
-            {"label_20", "主头分辨率"},      {"label_24", "副头分辨率"},
-            {"lbImageQuality", "80%"},       {"lbWatermarkTransparency", "50%"},
-            {"lbWatermarkX", "50%"},         {"lbWatermarkY", "50%"},
-            {"lbPaintingPercentage", "30%"}, {"label_shooting_mode", "连拍方式"},
-            {"label_audio_input", "麦克风"}};
+        const QMap<QString, QString> labels{ { "label_16", "渲染模式" },
+                                             { "label_17", "相机分辨率" },
+                                             { "label_18", "图片格式" },
+                                             { "label_19", "图片压缩" },
+                                             { "label_22", "图片分辨率" },
+                                             { "label_32", "定时拍照时间间隔(秒)" },
+                                             { "label_27", "水印透明度" },
+                                             { "label_26", "水平偏移" },
+                                             { "label_28", "垂直偏移" },
+                                             { "label_23", "水印样式" },
+                                             { "lbWatermarkDemo", "我是水印样式Demo" },
+                                             { "label_29", "前缀" },
+                                             { "label_30", "+" },
+                                             { "label_31", "画中画比例" },
+                                             { "label_20", "主头分辨率" },
+                                             { "label_24", "副头分辨率" },
+                                             { "lbImageQuality", "80%" },
+                                             { "lbWatermarkTransparency", "50%" },
+                                             { "lbWatermarkX", "50%" },
+                                             { "lbWatermarkY", "50%" },
+                                             { "lbPaintingPercentage", "30%" },
+                                             { "label_shooting_mode", "连拍方式" },
+                                             { "label_audio_input", "麦克风" } };
         for (auto it = labels.constBegin(); it != labels.constEnd(); ++it) {
             auto *label = dialog.findChild<QLabel *>(it.key());
             QVERIFY2(label, qPrintable(it.key()));
@@ -426,16 +439,21 @@ private slots:
         }
 
         const QMap<QString, QString> buttons{
-            {"btnColorSelect", "颜色设置"},   {"btnFontSelect", "字体设置"},
-            {"saveSetting", "保存"},          {"btnDefaultSetting", "默认设置"},
-            {"btnVideoSetting", "视频设置"},  {"radioButton_watermark_text", "自定义文字"},
-            {"radioButton_watermark_time", "拍摄时间为水印"},
-            {"radioButton_File", "自定义文件名"}, {"radioButton_Time", "拍摄时间为文件名"},
-            {"checkBox_Sound", "播放声音"},
-            {"checkBox_SaveMergeSourceImageBox", "合并图像图保存源图像"},
-            {"checkBox_SavePdfSourceBox", "存PDF不保存源图像"},
-            {"checkBox_Perspective", "透视矫正（按纸张四角拉正）"},
-            {"checkBox_RecordAudio", "录像时同时录音"}};
+            { "btnColorSelect", "颜色设置" },
+            { "btnFontSelect", "字体设置" },
+            { "saveSetting", "保存" },
+            { "btnDefaultSetting", "默认设置" },
+            { "btnVideoSetting", "视频设置" },
+            { "radioButton_watermark_text", "自定义文字" },
+            { "radioButton_watermark_time", "拍摄时间为水印" },
+            { "radioButton_File", "自定义文件名" },
+            { "radioButton_Time", "拍摄时间为文件名" },
+            { "checkBox_Sound", "播放声音" },
+            { "checkBox_SaveMergeSourceImageBox", "合并图像图保存源图像" },
+            { "checkBox_SavePdfSourceBox", "存PDF不保存源图像" },
+            { "checkBox_Perspective", "透视矫正（按纸张四角拉正）" },
+            { "checkBox_RecordAudio", "录像时同时录音" }
+        };
         for (auto it = buttons.constBegin(); it != buttons.constEnd(); ++it) {
             auto *button = dialog.findChild<QAbstractButton *>(it.key());
             QVERIFY2(button, qPrintable(it.key()));
@@ -448,18 +466,18 @@ private slots:
         SettingDialog dialog;
         const Form ui(dialog);
 
-        QCOMPARE(itemTexts(ui.imageFOURCCBox), QStringList({"MJPG", "YUYV"}));
+        QCOMPARE(itemTexts(ui.imageFOURCCBox), QStringList({ "MJPG", "YUYV" }));
         QCOMPARE(ui.imageResolutionBox->count(), 0);
         QCOMPARE(ui.imageCodecBox->count(), 0);
         QCOMPARE(ui.imageOutResolutionBox->count(), 0);
         QCOMPARE(ui.painting_mian_resolutionBox->count(), 0);
         QCOMPARE(ui.painting_other_resolutionBox->count(), 0);
 
-        const QList<QPair<QSlider *, int>> sliders{{ui.imageQualityBox, 80},
-                                                   {ui.watermark_transparency_box, 50},
-                                                   {ui.watermark_x_box, 50},
-                                                   {ui.watermark_y_box, 50},
-                                                   {ui.painting_percentage_box, 30}};
+        const QList<QPair<QSlider *, int>> sliders{ { ui.imageQualityBox, 80 },
+                                                    { ui.watermark_transparency_box, 50 },
+                                                    { ui.watermark_x_box, 50 },
+                                                    { ui.watermark_y_box, 50 },
+                                                    { ui.painting_percentage_box, 30 } };
         for (const auto &slider : sliders) {
             QCOMPARE(slider.first->minimum(), 0);
             QCOMPARE(slider.first->maximum(), 100);
@@ -475,8 +493,8 @@ private slots:
         QCOMPARE(ui.painting_percentage_box->tickPosition(), QSlider::TicksAbove);
 
         const QString white = "background-color: rgb(255, 255, 255);";
-        for (QLineEdit *edit : {ui.imageShootingTimeBox, ui.watermark_text_box, ui.savePreNameBox,
-                                ui.saveImageNumber}) {
+        for (QLineEdit *edit : { ui.imageShootingTimeBox, ui.watermark_text_box, ui.savePreNameBox,
+                                 ui.saveImageNumber }) {
             QCOMPARE(edit->styleSheet(), white);
             QCOMPARE(edit->validator(), nullptr);
             QCOMPARE(edit->inputMask(), QString());
@@ -518,16 +536,16 @@ private slots:
         dialog.hide();
         dialog.show();
         const Form ui(dialog);
-        for (QWidget *w : {static_cast<QWidget *>(ui.checkBox_SavePdfSourceBox),
-                           static_cast<QWidget *>(ui.checkBox_SaveMergeSourceImageBox),
-                           static_cast<QWidget *>(ui.btnVideoSetting)}) {
+        for (QWidget *w : { static_cast<QWidget *>(ui.checkBox_SavePdfSourceBox),
+                            static_cast<QWidget *>(ui.checkBox_SaveMergeSourceImageBox),
+                            static_cast<QWidget *>(ui.btnVideoSetting) }) {
             QVERIFY2(w->isHidden(), qPrintable(w->objectName()));
             QVERIFY(!w->isVisible());
         }
-        for (QWidget *w : {static_cast<QWidget *>(ui.checkBox_Sound),
-                           static_cast<QWidget *>(ui.saveSetting),
-                           static_cast<QWidget *>(ui.btnDefaultSetting),
-                           static_cast<QWidget *>(ui.lbWatermarkDemo)})
+        for (QWidget *w :
+             { static_cast<QWidget *>(ui.checkBox_Sound), static_cast<QWidget *>(ui.saveSetting),
+               static_cast<QWidget *>(ui.btnDefaultSetting),
+               static_cast<QWidget *>(ui.lbWatermarkDemo) })
             QVERIFY2(w->isVisible(), qPrintable(w->objectName()));
     }
 
@@ -548,24 +566,25 @@ private slots:
         QCOMPARE(itemTexts(ui.imageCodecBox), QStringList(Cache::config->iamge_formats));
         const QList<QSize> &outputs = Cache::config->resolutions;
         QCOMPARE(outputs.size(), 12);
-        for (QComboBox *box : {ui.imageOutResolutionBox, ui.painting_mian_resolutionBox,
-                               ui.painting_other_resolutionBox}) {
+        for (QComboBox *box : { ui.imageOutResolutionBox, ui.painting_mian_resolutionBox,
+                                ui.painting_other_resolutionBox }) {
             QCOMPARE(itemTexts(box), sizeTexts(outputs));
             QCOMPARE(itemData(box), sizeData(outputs));
         }
-        QCOMPARE(itemTexts(ui.imageFOURCCBox), QStringList({"MJPG", "YUYV"}));
+        QCOMPARE(itemTexts(ui.imageFOURCCBox), QStringList({ "MJPG", "YUYV" }));
     }
 
     void outputSizeListsStartWith640x480()
     {
-        Cache::config->resolutions = {QSize(640, 480), QSize(1280, 720), QSize(4640, 3452)};
+        Cache::config->resolutions = { QSize(640, 480), QSize(1280, 720), QSize(4640, 3452) };
         SettingDialog dialog;
         dialog.init();
-        for (QComboBox *box : {Form(dialog).imageOutResolutionBox, Form(dialog).painting_mian_resolutionBox,
-                               Form(dialog).painting_other_resolutionBox}) {
+        for (QComboBox *box :
+             { Form(dialog).imageOutResolutionBox, Form(dialog).painting_mian_resolutionBox,
+               Form(dialog).painting_other_resolutionBox }) {
             QCOMPARE(box->itemText(0), QString("640x480"));
             QCOMPARE(box->itemData(0), QVariant(QSize(640, 480)));
-            QCOMPARE(itemTexts(box), QStringList({"640x480", "1280x720", "4640x3452"}));
+            QCOMPARE(itemTexts(box), QStringList({ "640x480", "1280x720", "4640x3452" }));
         }
     }
 
@@ -576,7 +595,8 @@ private slots:
         QCOMPARE(itemTexts(Form(dialog).imageResolutionBox), sizeTexts(camera0Sizes));
         Cache::config->camera_index = 1;
         dialog.init();
-        QCOMPARE(itemTexts(Form(dialog).imageResolutionBox), QStringList({"2592x1944", "800x600"}));
+        QCOMPARE(itemTexts(Form(dialog).imageResolutionBox),
+                 QStringList({ "2592x1944", "800x600" }));
         QCOMPARE(Form(dialog).imageResolutionBox->itemData(1), QVariant(QSize(800, 600)));
     }
 
@@ -715,11 +735,13 @@ private slots:
         dialog.show();
         dialog.init();
         const Form ui(dialog);
-        const QList<QPair<QSlider *, QLabel *>> pairs{{ui.imageQualityBox, ui.lbImageQuality},
-                                                      {ui.watermark_transparency_box, ui.lbWatermarkTransparency},
-                                                      {ui.watermark_x_box, ui.lbWatermarkX},
-                                                      {ui.watermark_y_box, ui.lbWatermarkY},
-                                                      {ui.painting_percentage_box, ui.lbPaintingPercentage}};
+        const QList<QPair<QSlider *, QLabel *>> pairs{
+            { ui.imageQualityBox, ui.lbImageQuality },
+            { ui.watermark_transparency_box, ui.lbWatermarkTransparency },
+            { ui.watermark_x_box, ui.lbWatermarkX },
+            { ui.watermark_y_box, ui.lbWatermarkY },
+            { ui.painting_percentage_box, ui.lbPaintingPercentage }
+        };
         int value = 3;
         for (const auto &pair : pairs) {
             pair.first->setFocus();
@@ -1015,21 +1037,33 @@ private slots:
         dialog.init();
         Form(dialog).saveSetting->click();
 
-        QMap<QString, QVariant> expected{
-            {"camera/index", 1},           {"image/fourcc", 1},
-            {"image/resolution", 1},       {"image/out_resolution", 7},
-            {"image/codec", "png"},        {"image/shooting_time", 9},
-            {"image/quality", 33},         {"save/type", 1},
-            {"save/prefix", "文档"},       {"save/number", 42},
-            {"save/playsound", false},     {"save/merge_source", false},
-            {"save/pdf_source", true},     {"watermark/text", "机密"},
-            {"watermark/time", true},      {"watermark/color", "ff3366cc"},
-            {"watermark/font_family", "DejaVu Serif"},
-            {"watermark/font_size", 24},   {"watermark/font_styleName", "Bold"},
-            {"watermark/strikeOut", true}, {"watermark/underline", true},
-            {"watermark/transparency", 20}, {"watermark/x", 10},
-            {"watermark/y", 90},           {"painting/percentage", 45},
-            {"painting/main_resolution", 2}, {"painting/other_resolution", 11}};
+        QMap<QString, QVariant> expected{ { "camera/index", 1 },
+                                          { "image/fourcc", 1 },
+                                          { "image/resolution", 1 },
+                                          { "image/out_resolution", 7 },
+                                          { "image/codec", "png" },
+                                          { "image/shooting_time", 9 },
+                                          { "image/quality", 33 },
+                                          { "save/type", 1 },
+                                          { "save/prefix", "文档" },
+                                          { "save/number", 42 },
+                                          { "save/playsound", false },
+                                          { "save/merge_source", false },
+                                          { "save/pdf_source", true },
+                                          { "watermark/text", "机密" },
+                                          { "watermark/time", true },
+                                          { "watermark/color", "ff3366cc" },
+                                          { "watermark/font_family", "DejaVu Serif" },
+                                          { "watermark/font_size", 24 },
+                                          { "watermark/font_styleName", "Bold" },
+                                          { "watermark/strikeOut", true },
+                                          { "watermark/underline", true },
+                                          { "watermark/transparency", 20 },
+                                          { "watermark/x", 10 },
+                                          { "watermark/y", 90 },
+                                          { "painting/percentage", 45 },
+                                          { "painting/main_resolution", 2 },
+                                          { "painting/other_resolution", 11 } };
         compareFile(expected);
 
         // A record read from that file fills a new window the same way.
@@ -1076,7 +1110,7 @@ private slots:
         QVERIFY(dialog.isVisible());
 
         QCOMPARE(ui.imageFOURCCBox->currentText(), QString("MJPG"));
-        QCOMPARE(itemTexts(ui.imageResolutionBox), QStringList({"2592x1944", "800x600"}));
+        QCOMPARE(itemTexts(ui.imageResolutionBox), QStringList({ "2592x1944", "800x600" }));
         QCOMPARE(ui.imageResolutionBox->currentIndex(), 0);
         QCOMPARE(ui.imageOutResolutionBox->currentText(), QString("3264x2448"));
         QCOMPARE(ui.imageCodecBox->currentText(), QString("jpg"));
@@ -1142,7 +1176,7 @@ private slots:
     {
         SettingDialog dialog;
         const Form ui(dialog);
-        QCOMPARE(itemTexts(ui.shootingModeBox), QStringList({"按时间间隔", "翻页自动拍摄"}));
+        QCOMPARE(itemTexts(ui.shootingModeBox), QStringList({ "按时间间隔", "翻页自动拍摄" }));
         dialog.init();
         QCOMPARE(ui.shootingModeBox->currentIndex(), 0);
         QVERIFY(!ui.checkBox_Perspective->isChecked());
@@ -1220,7 +1254,7 @@ private slots:
         dialog.init();
         const Form ui(dialog);
         QCOMPARE(itemTexts(ui.audioInputBox),
-                 QStringList({"系统默认"}) + Microphone::inputNames());
+                 QStringList({ "系统默认" }) + Microphone::inputNames());
         QCOMPARE(ui.audioInputBox->currentIndex(), 0);
         QVERIFY(!ui.checkBox_RecordAudio->isChecked());
     }

@@ -42,10 +42,10 @@ struct Shot
 // the edge is still four-cornered in these scenes).
 bool visibleCorners(const vcam::PageCorners &page, cv::Size size, Corners &corners)
 {
-    const std::vector<cv::Point2f> frame = {{-0.5f, -0.5f},
-                                            {size.width - 0.5f, -0.5f},
-                                            {size.width - 0.5f, size.height - 0.5f},
-                                            {-0.5f, size.height - 0.5f}};
+    const std::vector<cv::Point2f> frame = { { -0.5f, -0.5f },
+                                             { size.width - 0.5f, -0.5f },
+                                             { size.width - 0.5f, size.height - 0.5f },
+                                             { -0.5f, size.height - 0.5f } };
     std::vector<cv::Point2f> sheet;
     for (const cv::Point2d &p : page)
         sheet.emplace_back(p);
@@ -66,12 +66,13 @@ Shot shoot(const QString &text, const QString &tilt, cv::Size size)
     Shot shot;
     const cv::Mat drawn = vcam::renderScene(scene, size.width, size.height);
     std::vector<uchar> jpeg;
-    cv::imencode(".jpg", drawn, jpeg, {cv::IMWRITE_JPEG_QUALITY, 90});
+    cv::imencode(".jpg", drawn, jpeg, { cv::IMWRITE_JPEG_QUALITY, 90 });
     shot.frame = cv::imdecode(jpeg, cv::IMREAD_COLOR);
     const cv::Matx33d h = vcam::tiltHomography(scene, size.width, size.height);
     for (const vcam::PageSpec &page : scene.pages) {
         Corners c;
-        if (visibleCorners(vcam::mapCorners(h, vcam::pageCorners(page, size.width, size.height)), size, c))
+        if (visibleCorners(vcam::mapCorners(h, vcam::pageCorners(page, size.width, size.height)),
+                           size, c))
             shot.truth.push_back(c);
     }
     return shot;
@@ -81,7 +82,8 @@ Shot shoot(const QString &text, const QString &tilt, cv::Size size)
 const Shot &shotOf(const QString &text, const QString &tilt, cv::Size size)
 {
     static std::map<std::string, Shot> shots;
-    const std::string key = QString("%1 %2 %3x%4").arg(text, tilt).arg(size.width).arg(size.height).toStdString();
+    const std::string key =
+            QString("%1 %2 %3x%4").arg(text, tilt).arg(size.width).arg(size.height).toStdString();
     auto it = shots.find(key);
     if (it == shots.end())
         it = shots.emplace(key, shoot(text, tilt, size)).first;
@@ -133,16 +135,16 @@ double nearestError(const Corners &truth, const Sheets &found, cv::Size size)
     return best;
 }
 
-const cv::Size kSizes[] = {{1920, 1080}, {3264, 2448}};
+const cv::Size kSizes[] = { { 1920, 1080 }, { 3264, 2448 } };
 
 void addScene(const char *kind, const QString &scene, const QString &tilt = QString())
 {
     for (const cv::Size &size : kSizes) {
         const QString name = QString("%1, %2x%3%4")
-                                 .arg(kind)
-                                 .arg(size.width)
-                                 .arg(size.height)
-                                 .arg(tilt.isEmpty() ? QString() : ", tilt " + tilt);
+                                     .arg(kind)
+                                     .arg(size.width)
+                                     .arg(size.height)
+                                     .arg(tilt.isEmpty() ? QString() : ", tilt " + tilt);
         QTest::newRow(qPrintable(name)) << scene << tilt << size.width << size.height;
     }
 }
@@ -184,10 +186,11 @@ class tst_SheetFinder : public QObject
         double worst = 0;
         for (const Corners &truth : shot.truth)
             worst = std::max(worst, nearestError(truth, found, size));
-        qInfo().noquote() << QString("sheets present %1, found %2, worst corner %3% of the diagonal")
-                                 .arg(shot.truth.size())
-                                 .arg(found.rects.size())
-                                 .arg(100 * worst, 0, 'f', 3);
+        qInfo().noquote()
+                << QString("sheets present %1, found %2, worst corner %3% of the diagonal")
+                           .arg(shot.truth.size())
+                           .arg(found.rects.size())
+                           .arg(100 * worst, 0, 'f', 3);
         QCOMPARE(found.rects.size(), shot.truth.size());
         QVERIFY2(worst <= 0.01, qPrintable(QString::number(worst)));
 
@@ -215,9 +218,10 @@ private slots:
         addColumns();
         addScene("lamp +-30 on light wood", "pages:0.45,0.52,0.33,0.6,-20|wood|lamp:30");
         addScene("lamp +-30 on light wood", "pages:0.5,0.5,0.33,0.6,15|wood|lamp:30", "y:15");
-        addScene("lamp +-30 on a plain light grey desk (grey 185)", "pages:0.45,0.52,0.33,0.6,-20|desk:185|lamp:30");
-        addScene("lamp +-30 on a plain grey desk (grey 120)", "pages:0.5,0.5,0.33,0.6,10|desk:120|lamp:30",
-                 "x:20");
+        addScene("lamp +-30 on a plain light grey desk (grey 185)",
+                 "pages:0.45,0.52,0.33,0.6,-20|desk:185|lamp:30");
+        addScene("lamp +-30 on a plain grey desk (grey 120)",
+                 "pages:0.5,0.5,0.33,0.6,10|desk:120|lamp:30", "x:20");
     }
     void gradient() { checkScene(); }
 
@@ -225,10 +229,12 @@ private slots:
     {
         addColumns();
         // The right half of the sheet (and the desk beside it) in shadow.
+        addScene(
+                "half in shadow on light wood",
+                "pages:0.5,0.5,0.33,0.62,8|wood|lamp:15|shadow:0.5,-0.1,1.1,-0.1,1.1,1.1,0.46,1.1");
         addScene("half in shadow on light wood",
-                 "pages:0.5,0.5,0.33,0.62,8|wood|lamp:15|shadow:0.5,-0.1,1.1,-0.1,1.1,1.1,0.46,1.1");
-        addScene("half in shadow on light wood",
-                 "pages:0.5,0.5,0.33,0.62,-8|wood|shadow:-0.1,0.45,1.1,0.55,1.1,1.1,-0.1,1.1", "x:15");
+                 "pages:0.5,0.5,0.33,0.62,-8|wood|shadow:-0.1,0.45,1.1,0.55,1.1,1.1,-0.1,1.1",
+                 "x:15");
         addScene("half in shadow on the dark desk",
                  "pages:0.5,0.5,0.33,0.62,8|shadow:0.5,-0.1,1.1,-0.1,1.1,1.1,0.46,1.1");
     }
@@ -237,20 +243,23 @@ private slots:
     void clutter_data()
     {
         addColumns();
-        const QString objects = "|pen:0.8,0.25,0.22,70|phone:0.85,0.68,0.1,0.3,12|mug:0.14,0.26,0.09"
-                                "|pen:0.15,0.75,0.2,-30";
+        const QString objects =
+                "|pen:0.8,0.25,0.22,70|phone:0.85,0.68,0.1,0.3,12|mug:0.14,0.26,0.09"
+                "|pen:0.15,0.75,0.2,-30";
         addScene("pen, phone and mug on light wood", "pages:0.47,0.5,0.33,0.6,5|wood" + objects);
         addScene("pen, phone and mug on the dark desk", "pages:0.47,0.5,0.33,0.6,5" + objects);
-        addScene("pen, phone and mug on light wood", "pages:0.47,0.5,0.33,0.6,-12|wood|lamp:20" + objects,
-                 "x:20");
+        addScene("pen, phone and mug on light wood",
+                 "pages:0.47,0.5,0.33,0.6,-12|wood|lamp:20" + objects, "x:20");
     }
     void clutter() { checkScene(); }
 
     void yellowedPaper_data()
     {
         addColumns();
-        addScene("yellowed paper (grey 218) on light wood", "pages:0.5,0.5,0.33,0.62,-10|wood|paper:218,22");
-        addScene("off-white paper (grey 245) on light wood", "pages:0.5,0.5,0.33,0.62,18|wood|paper:245,6");
+        addScene("yellowed paper (grey 218) on light wood",
+                 "pages:0.5,0.5,0.33,0.62,-10|wood|paper:218,22");
+        addScene("off-white paper (grey 245) on light wood",
+                 "pages:0.5,0.5,0.33,0.62,18|wood|paper:245,6");
         addScene("yellowed paper (grey 215) under the lamp",
                  "pages:0.5,0.5,0.33,0.62,6|wood|lamp:30|paper:215,20", "x:15");
     }
@@ -262,7 +271,8 @@ private slots:
         // Cut off within the page's blank margin: a print cut off by the
         // edge would split the paper into pieces for any search.
         addScene("cut off by the bottom edge on light wood", "pages:0.5,0.69,0.36,0.7,0|wood");
-        addScene("cut off by the left edge on light wood", "pages:0.16,0.5,0.36,0.66,2|wood|lamp:20");
+        addScene("cut off by the left edge on light wood",
+                 "pages:0.16,0.5,0.36,0.66,2|wood|lamp:20");
         addScene("cut off by the bottom edge on the dark desk", "pages:0.5,0.69,0.36,0.7,0");
     }
     void sheetAtTheEdge() { checkScene(); }
@@ -270,9 +280,11 @@ private slots:
     void severalSheets_data()
     {
         addColumns();
-        addScene("two sheets on light wood", "pages:0.26,0.5,0.3,0.55,-10;0.72,0.5,0.3,0.55,15|wood|lamp:20");
+        addScene("two sheets on light wood",
+                 "pages:0.26,0.5,0.3,0.55,-10;0.72,0.5,0.3,0.55,15|wood|lamp:20");
         addScene("three sheets on light wood with a pen",
-                 "pages:0.2,0.3,0.22,0.4,0;0.5,0.65,0.22,0.4,-12;0.8,0.35,0.22,0.4,20|wood|pen:0.35,0.85,0.2,10",
+                 "pages:0.2,0.3,0.22,0.4,0;0.5,0.65,0.22,0.4,-12;0.8,0.35,0.22,0.4,20|wood|pen:0."
+                 "35,0.85,0.2,10",
                  "x:15");
     }
     void severalSheets() { checkScene(); }
@@ -284,7 +296,8 @@ private slots:
         addColumns();
         addScene("a page on the dark desk", "pages:0.5,0.5,0.33,0.62,12");
         addScene("a page on the dark desk", "pages:0.5,0.5,0.33,0.62,-30", "x:30");
-        addScene("two sheets on the dark desk", "pages:0.26,0.5,0.3,0.55,-10;0.72,0.5,0.3,0.55,15", "y:20");
+        addScene("two sheets on the dark desk", "pages:0.26,0.5,0.3,0.55,-10;0.72,0.5,0.3,0.55,15",
+                 "y:20");
         addScene("sheet cut off by the edge on the dark desk", "pages:0.16,0.5,0.36,0.66,2");
     }
     void darkDeskFindsWhatTheFixedThresholdFinds()
@@ -298,9 +311,10 @@ private slots:
         for (const Corners &truth : shot.truth) {
             const double before = nearestError(truth, fixed, size);
             const double now = nearestError(truth, found, size);
-            qInfo().noquote() << QString("corner error: fixed threshold %1%, finder %2% of the diagonal")
-                                     .arg(100 * before, 0, 'f', 3)
-                                     .arg(100 * now, 0, 'f', 3);
+            qInfo().noquote()
+                    << QString("corner error: fixed threshold %1%, finder %2% of the diagonal")
+                               .arg(100 * before, 0, 'f', 3)
+                               .arg(100 * now, 0, 'f', 3);
             // As accurate: no worse by more than a twentieth of a percent.
             QVERIFY2(now <= before + 0.0005, qPrintable(QString("%1 > %2").arg(now).arg(before)));
         }
@@ -312,7 +326,8 @@ private slots:
     {
         addColumns();
         addScene("a page on light wood", "pages:0.5,0.5,0.33,0.62,12|wood");
-        addScene("two sheets on the dark desk", "pages:0.26,0.5,0.3,0.55,-10;0.72,0.5,0.3,0.55,15", "y:20");
+        addScene("two sheets on the dark desk", "pages:0.26,0.5,0.3,0.55,-10;0.72,0.5,0.3,0.55,15",
+                 "y:20");
     }
     void optionOffGivesTodaysRectangles()
     {
@@ -321,7 +336,7 @@ private slots:
         const Shot &shot = currentShot(size);
         const int width = size.width, height = size.height;
         const Sheets fixed = findWithFixedThreshold(shot.frame);
-        for (int correction : {1, 2, 3}) {
+        for (int correction : { 1, 2, 3 }) {
             ImageProcessing ip;
             ip.setCameraCorrection(correction);
             const std::vector<cv::RotatedRect> rects = ip.findSquares(shot.frame);
@@ -343,12 +358,12 @@ private slots:
                         maxArea = int(r.size.area());
                     }
                 }
-                expected = {best};
+                expected = { best };
             }
             QCOMPARE(rects.size(), expected.size());
             QCOMPARE(processed.size(), expected.size());
             for (size_t i = 0; i < expected.size(); ++i) {
-                for (const std::vector<cv::RotatedRect> *list : {&rects, &processed}) {
+                for (const std::vector<cv::RotatedRect> *list : { &rects, &processed }) {
                     const cv::RotatedRect &r = (*list)[i];
                     QCOMPARE(r.center, expected[i].center);
                     QCOMPARE(r.size, expected[i].size);
@@ -400,11 +415,12 @@ private slots:
         QCOMPARE(m.darkCorners, 0);
         // Paper, not wood, in every corner: wood is strongly coloured.
         const int patch = std::max(4, flat.cols / 40);
-        for (const cv::Point at : {cv::Point(2, 2), cv::Point(flat.cols - patch - 2, 2),
-                                   cv::Point(2, flat.rows - patch - 2),
-                                   cv::Point(flat.cols - patch - 2, flat.rows - patch - 2)}) {
+        for (const cv::Point at : { cv::Point(2, 2), cv::Point(flat.cols - patch - 2, 2),
+                                    cv::Point(2, flat.rows - patch - 2),
+                                    cv::Point(flat.cols - patch - 2, flat.rows - patch - 2) }) {
             const cv::Scalar c = cv::mean(flat(cv::Rect(at, cv::Size(patch, patch))));
-            QVERIFY2(c[2] - c[0] < 20, qPrintable(QString("%1 %2 %3").arg(c[0]).arg(c[1]).arg(c[2])));
+            QVERIFY2(c[2] - c[0] < 20,
+                     qPrintable(QString("%1 %2 %3").arg(c[0]).arg(c[1]).arg(c[2])));
         }
     }
 
@@ -413,8 +429,8 @@ private slots:
     void deskIsToldFromTheBorder()
     {
         const cv::Size size(1920, 1080);
-        const Shot &shot = shotOf("pages:0.5,0.72,0.36,0.7,0|wood|lamp:30|phone:0.97,0.5,0.1,0.3,0", "",
-                                  size);
+        const Shot &shot =
+                shotOf("pages:0.5,0.72,0.36,0.7,0|wood|lamp:30|phone:0.97,0.5,0.1,0.3,0", "", size);
         SheetFinderWork work;
         const int f = sheetFinderReduction(size.width);
         QCOMPARE(f, 2);
@@ -451,7 +467,8 @@ private slots:
     // one zero rectangle, several none.
     void emptyLightDeskFindsNothing()
     {
-        const Shot &shot = shotOf("desk|wood|lamp:30|pen:0.5,0.5,0.3,20|mug:0.3,0.3,0.1", "", cv::Size(1920, 1080));
+        const Shot &shot = shotOf("desk|wood|lamp:30|pen:0.5,0.5,0.3,20|mug:0.3,0.3,0.1", "",
+                                  cv::Size(1920, 1080));
         const Sheets single = findWithPerspective(shot.frame, 1);
         QCOMPARE(int(single.rects.size()), 1);
         QCOMPARE(single.rects[0].size.area(), 0.0f);
@@ -461,7 +478,8 @@ private slots:
         // Nor in no frame at all.
         SheetFinderWork work;
         std::vector<SheetQuad> quads;
-        const std::vector<cv::RotatedRect> none = findSheetsOnAnyDesk(cv::Mat(), 1, 73500.0f, work, quads);
+        const std::vector<cv::RotatedRect> none =
+                findSheetsOnAnyDesk(cv::Mat(), 1, 73500.0f, work, quads);
         QCOMPARE(int(none.size()), 1);
         QCOMPARE(none[0].size.area(), 0.0f);
         QCOMPARE(int(quads.size()), 1);

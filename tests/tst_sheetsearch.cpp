@@ -50,10 +50,14 @@ private slots:
     {
         // Four sheets of different sizes, and a card too small to count.
         cv::Mat frame = desk(cv::Size(1200, 900));
-        fillRotated(frame, cv::RotatedRect(cv::Point2f(250, 200), cv::Size2f(380, 260), 20), cv::Scalar::all(240));
-        fillRotated(frame, cv::RotatedRect(cv::Point2f(850, 250), cv::Size2f(300, 400), -15), cv::Scalar::all(235));
-        fillRotated(frame, cv::RotatedRect(cv::Point2f(300, 650), cv::Size2f(420, 300), 0), cv::Scalar::all(245));
-        fillRotated(frame, cv::RotatedRect(cv::Point2f(880, 700), cv::Size2f(320, 260), 35), cv::Scalar::all(238));
+        fillRotated(frame, cv::RotatedRect(cv::Point2f(250, 200), cv::Size2f(380, 260), 20),
+                    cv::Scalar::all(240));
+        fillRotated(frame, cv::RotatedRect(cv::Point2f(850, 250), cv::Size2f(300, 400), -15),
+                    cv::Scalar::all(235));
+        fillRotated(frame, cv::RotatedRect(cv::Point2f(300, 650), cv::Size2f(420, 300), 0),
+                    cv::Scalar::all(245));
+        fillRotated(frame, cv::RotatedRect(cv::Point2f(880, 700), cv::Size2f(320, 260), 35),
+                    cv::Scalar::all(238));
         cv::rectangle(frame, cv::Rect(560, 450, 80, 60), cv::Scalar::all(250), cv::FILLED);
         const std::vector<cv::RotatedRect> all = referenceSheets(frame);
         QCOMPARE(all.size(), size_t(4));
@@ -90,8 +94,9 @@ private slots:
         cv::Mat frame = desk(cv::Size(640, 480));
         cv::rectangle(frame, cv::Rect(100, 100, 250, 200), cv::Scalar::all(240), cv::FILLED);
         ip.setCameraCorrection(1);
-        COMPARE_RECT_LISTS(ip.findSquares(frame), std::vector<cv::RotatedRect>{
-                                                      cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0)});
+        COMPARE_RECT_LISTS(ip.findSquares(frame),
+                           std::vector<cv::RotatedRect>{
+                                   cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0) });
         ip.setCameraCorrection(2);
         QVERIFY(ip.findSquares(frame).empty());
         ip.setCameraCorrection(3);
@@ -166,8 +171,10 @@ private slots:
         // One rectangle over both: 720x250 pixels, corners at pixel centres.
         const float longSide = std::max(found[0].size.width, found[0].size.height);
         const float shortSide = std::min(found[0].size.width, found[0].size.height);
-        QVERIFY2(std::abs(longSide - 719) < 0.01f && std::abs(shortSide - 249) < 0.01f, qPrintable(describe(found[0])));
-        QVERIFY2(std::abs(found[0].center.x - 409.5f) < 0.01f && std::abs(found[0].center.y - 224.5f) < 0.01f,
+        QVERIFY2(std::abs(longSide - 719) < 0.01f && std::abs(shortSide - 249) < 0.01f,
+                 qPrintable(describe(found[0])));
+        QVERIFY2(std::abs(found[0].center.x - 409.5f) < 0.01f
+                         && std::abs(found[0].center.y - 224.5f) < 0.01f,
                  qPrintable(describe(found[0])));
     }
 
@@ -208,7 +215,8 @@ private slots:
         cv::Mat frame = desk(cv::Size(1000, 500));
         const cv::RotatedRect shape(cv::Point2f(250, 250), cv::Size2f(330, 260), 22);
         fillRotated(frame, shape, cv::Scalar::all(240));
-        fillRotated(frame, cv::RotatedRect(cv::Point2f(750, 250), shape.size, shape.angle), cv::Scalar::all(240));
+        fillRotated(frame, cv::RotatedRect(cv::Point2f(750, 250), shape.size, shape.angle),
+                    cv::Scalar::all(240));
         const std::vector<cv::RotatedRect> all = referenceSheets(frame);
         QCOMPARE(all.size(), size_t(2));
         QVERIFY(area(all[0]) == area(all[1]));
@@ -225,14 +233,18 @@ private slots:
         // The best area so far is kept as a whole number: a later sheet
         // slightly smaller, but above that whole number, takes its place.
         cv::Mat frame = desk(cv::Size(500, 1000));
-        fillRotated(frame, cv::RotatedRect(cv::Point2f(250, 250), cv::Size2f(332, 260), 35), cv::Scalar::all(240));
-        fillRotated(frame, cv::RotatedRect(cv::Point2f(250, 750), cv::Size2f(332, 260), 30), cv::Scalar::all(240));
+        fillRotated(frame, cv::RotatedRect(cv::Point2f(250, 250), cv::Size2f(332, 260), 35),
+                    cv::Scalar::all(240));
+        fillRotated(frame, cv::RotatedRect(cv::Point2f(250, 750), cv::Size2f(332, 260), 30),
+                    cv::Scalar::all(240));
         const std::vector<cv::RotatedRect> all = referenceSheets(frame);
         QCOMPARE(all.size(), size_t(2));
         const float first = area(all[0]);
         const float second = area(all[1]);
         QVERIFY2(second < first && second > std::floor(first),
-                 qPrintable(QString("areas %1 then %2").arg(double(first), 0, 'f', 4).arg(double(second), 0, 'f', 4)));
+                 qPrintable(QString("areas %1 then %2")
+                                    .arg(double(first), 0, 'f', 4)
+                                    .arg(double(second), 0, 'f', 4)));
         ip.setCameraCorrection(1);
         const std::vector<cv::RotatedRect> found = ip.findSquares(frame);
         QCOMPARE(found.size(), size_t(1));
@@ -260,7 +272,8 @@ private slots:
         QTest::newRow("-10 stays") << 600.0f << 400.0f << -10.0f << -10.0f << QSize(600, 400);
         QTest::newRow("0 stays") << 400.0f << 600.0f << 0.0f << 0.0f << QSize(400, 600);
         QTest::newRow("sizes round") << 600.4f << 399.6f << 3.0f << 3.0f << QSize(600, 400);
-        QTest::newRow("sizes round and swap") << 350.7f << 620.2f << 87.0f << -3.0f << QSize(620, 351);
+        QTest::newRow("sizes round and swap")
+                << 350.7f << 620.2f << 87.0f << -3.0f << QSize(620, 351);
     }
 
     void uprightAngleAndSizeTurnsTheSmallestWay()
@@ -272,9 +285,12 @@ private slots:
         QFETCH(QSize, size);
         float gotTurn = 1234;
         cv::Size gotSize(-1, -1);
-        ImageProcessing::uprightAngleAndSize(cv::RotatedRect(cv::Point2f(300, 200), cv::Size2f(width, height), angle),
-                                             gotTurn, gotSize);
-        QVERIFY2(gotTurn == turn, qPrintable(QString("turn %1, expected %2").arg(double(gotTurn)).arg(double(turn))));
+        ImageProcessing::uprightAngleAndSize(
+                cv::RotatedRect(cv::Point2f(300, 200), cv::Size2f(width, height), angle), gotTurn,
+                gotSize);
+        QVERIFY2(
+                gotTurn == turn,
+                qPrintable(QString("turn %1, expected %2").arg(double(gotTurn)).arg(double(turn))));
         QCOMPARE(QSize(gotSize.width, gotSize.height), size);
     }
 
@@ -288,7 +304,8 @@ private slots:
         QTest::newRow("level") << 400.0f << 300.0f << 360.0f << 280.0f << 0.0f;
         QTest::newRow("level reported at 90") << 400.0f << 300.0f << 280.0f << 360.0f << 90.0f;
         QTest::newRow("tilted 12") << 231.3f << 300.7f << 359.2f << 279.4f << 12.0f;
-        QTest::newRow("tilted 12 reported at -78") << 231.3f << 300.7f << 279.4f << 359.2f << -78.0f;
+        QTest::newRow("tilted 12 reported at -78")
+                << 231.3f << 300.7f << 279.4f << 359.2f << -78.0f;
         QTest::newRow("tilted -30") << 420.5f << 310.25f << 300.0f << 200.0f << -30.0f;
         QTest::newRow("reported at 60") << 420.5f << 310.25f << 200.0f << 300.0f << 60.0f;
         QTest::newRow("reaching past the frame") << 60.0f << 40.0f << 300.0f << 200.0f << 20.0f;
@@ -312,8 +329,12 @@ private slots:
     void zeroRectGivesEmptyCutOut()
     {
         const cv::Mat frame = documentFrame(false);
-        QVERIFY(ImageProcessing::deskewCutOut(frame, cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0)).empty());
-        QVERIFY(ImageProcessing::deskewCutOut(frame, cv::RotatedRect(cv::Point2f(300, 200), cv::Size2f(0, 0), 90)).empty());
+        QVERIFY(ImageProcessing::deskewCutOut(
+                        frame, cv::RotatedRect(cv::Point2f(0, 0), cv::Size2f(0, 0), 0))
+                        .empty());
+        QVERIFY(ImageProcessing::deskewCutOut(
+                        frame, cv::RotatedRect(cv::Point2f(300, 200), cv::Size2f(0, 0), 90))
+                        .empty());
         // What the single correction reports for a frame without a sheet.
         ip.setCameraCorrection(1);
         const std::vector<cv::RotatedRect> none = ip.findSquares(desk(cv::Size(640, 480)));
@@ -337,13 +358,14 @@ private slots:
         const cv::Rect sheet(600 - width / 2, 450 - height / 2, width, height);
         cv::rectangle(frame, sheet, cv::Scalar::all(240), cv::FILLED);
         // A mark near the sheet's top-left corner shows which way up it is.
-        cv::rectangle(frame, cv::Rect(sheet.x + 40, sheet.y + 30, 30, 20), cv::Scalar::all(20), cv::FILLED);
+        cv::rectangle(frame, cv::Rect(sheet.x + 40, sheet.y + 30, 30, 20), cv::Scalar::all(20),
+                      cv::FILLED);
         const cv::Point2f centre(sheet.x + (width - 1) / 2.0f, sheet.y + (height - 1) / 2.0f);
 
         const cv::Mat asIs = ImageProcessing::deskewCutOut(
-            frame, cv::RotatedRect(centre, cv::Size2f(float(width), float(height)), 0));
+                frame, cv::RotatedRect(centre, cv::Size2f(float(width), float(height)), 0));
         const cv::Mat swapped = ImageProcessing::deskewCutOut(
-            frame, cv::RotatedRect(centre, cv::Size2f(float(height), float(width)), 90));
+                frame, cv::RotatedRect(centre, cv::Size2f(float(height), float(width)), 90));
         QCOMPARE(asIs.size(), cv::Size(width, height));
         COMPARE_MATS(swapped, asIs);
         // Exactly the sheet: all of it white but the mark, in its place.
@@ -370,13 +392,15 @@ private slots:
         QFETCH(float, tilt);
         cv::Mat frame = desk(cv::Size(1200, 900));
         const cv::Point2f centre(600.3f, 450.6f);
-        fillRotated(frame, cv::RotatedRect(centre, cv::Size2f(float(width), float(height)), tilt), cv::Scalar::all(240));
+        fillRotated(frame, cv::RotatedRect(centre, cv::Size2f(float(width), float(height)), tilt),
+                    cv::Scalar::all(240));
         // A mark centred 55,40 from the sheet's top-left corner, turned with it.
         const float t = tilt * float(CV_PI) / 180.0f;
         const cv::Point2f local(55 - width / 2.0f, 40 - height / 2.0f);
         const cv::Point2f markCentre(centre.x + local.x * std::cos(t) - local.y * std::sin(t),
                                      centre.y + local.x * std::sin(t) + local.y * std::cos(t));
-        fillRotated(frame, cv::RotatedRect(markCentre, cv::Size2f(30, 20), tilt), cv::Scalar::all(20));
+        fillRotated(frame, cv::RotatedRect(markCentre, cv::Size2f(30, 20), tilt),
+                    cv::Scalar::all(20));
 
         const cv::RotatedRect direct(centre, cv::Size2f(float(width), float(height)), tilt);
         const cv::RotatedRect other(centre, cv::Size2f(float(height), float(width)),
@@ -391,11 +415,12 @@ private slots:
         cv::Mat grey;
         cv::cvtColor(a, grey, cv::COLOR_BGR2GRAY);
         cv::Mat inner = grey(cv::Rect(2, 2, width - 4, height - 4)).clone();
-        cv::rectangle(inner, cv::Rect(53 - 20, 38 - 15, 40, 30), cv::Scalar(255), cv::FILLED); // the mark
+        cv::rectangle(inner, cv::Rect(53 - 20, 38 - 15, 40, 30), cv::Scalar(255),
+                      cv::FILLED); // the mark
         double lowest;
         cv::minMaxLoc(inner, &lowest);
         QVERIFY2(lowest > 200, qPrintable(QString("darkest inner pixel %1").arg(lowest)));
-        QVERIFY(grey.at<uchar>(40, 55) < 60);                   // the mark, where it belongs
+        QVERIFY(grey.at<uchar>(40, 55) < 60); // the mark, where it belongs
         QVERIFY(grey.at<uchar>(height - 41, width - 56) > 200); // and not turned over
     }
 

@@ -17,11 +17,12 @@ constexpr int64_t origin = 1000 * ms;
 
 // A microphone delivering blocks of 20 ms of its own clock; the clock runs
 // `drift` fast, and each block arrives up to `jitterMs` late.
-struct SimulatedMicrophone {
+struct SimulatedMicrophone
+{
     double drift;
     int jitterMs;
-    std::mt19937 random{7};
-    int64_t produced = 0;         // samples
+    std::mt19937 random{ 7 };
+    int64_t produced = 0; // samples
     int64_t startNs = origin;
 
     // The next block: its samples and the arrival-based time of its first.
@@ -33,7 +34,7 @@ struct SimulatedMicrophone {
         const double nsPerSample = 1e9 / (rate * (1.0 + drift));
         *trueLastNs = startNs + int64_t(double(produced - 1) * nsPerSample);
         const int64_t arrival = startNs + int64_t(double(produced) * nsPerSample)
-                                + int64_t(std::uniform_int_distribution<int>(0, jitterMs)(random)) * ms;
+                + int64_t(std::uniform_int_distribution<int>(0, jitterMs)(random)) * ms;
         *firstNs = arrival - int64_t(count) * 1000000000 / rate;
         return block;
     }
@@ -67,7 +68,7 @@ private slots:
         QFETCH(double, drift);
         SoundAligner aligner(rate);
         aligner.setOrigin(origin);
-        SimulatedMicrophone mic{drift, 15};
+        SimulatedMicrophone mic{ drift, 15 };
         std::vector<int16_t> out;
         double worst = 0;
         int64_t trueLastNs = 0;

@@ -35,8 +35,8 @@ private slots:
         *Cache::cameras = CameraInfo::discover();
 
         MainWindowQCamera w;
-        QVERIFY(QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
-                                30000));
+        QVERIFY(QTest::qWaitFor(
+                [&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); }, 30000));
         ModalAnswerer answerer;
         QTest::mouseClick(w.ui->btnShootingVideo, Qt::LeftButton);
         QTRY_COMPARE_WITH_TIMEOUT(answerer.boxes.size(), 1, 10000);
@@ -50,7 +50,7 @@ private slots:
         QCOMPARE(answerer.boxes.size(), 1);
 
         const QString difference =
-            differsFromSilentRecording(w.ui->video->m_cameraRecorderPath, documents.path());
+                differsFromSilentRecording(w.ui->video->m_cameraRecorderPath, documents.path());
         QVERIFY2(difference.isEmpty(), qPrintable(difference));
         QVERIFY(readRecording(w.ui->video->m_cameraRecorderPath).frames.size() >= 5);
     }

@@ -39,11 +39,11 @@ struct Place
 QString describe(const ProgramRun &run)
 {
     return QString("exit %1 crashed %2 finished %3 boxes [%4]\n%5")
-        .arg(run.exitCode)
-        .arg(run.crashed)
-        .arg(run.finished)
-        .arg(run.boxes.join(" | "))
-        .arg(run.output.right(3000));
+            .arg(run.exitCode)
+            .arg(run.crashed)
+            .arg(run.finished)
+            .arg(run.boxes.join(" | "))
+            .arg(run.output.right(3000));
 }
 
 // What the program left in its start-up report (see the preloaded helper):
@@ -62,7 +62,8 @@ StartupReport readStartupReport(const QString &folder)
     report.logo = QImage(folder + "/logo.png");
     QFile file(folder + "/report.txt");
     if (file.open(QIODevice::ReadOnly | QIODevice::Text)) {
-        for (const QString &line : QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts))
+        for (const QString &line :
+             QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts))
             report.values.insert(line.section('=', 0, 0), line.section('=', 1));
     }
     return report;
@@ -75,7 +76,7 @@ StartupReport startAndReport(const Place &place, ProgramRun &run)
     const QString folder = place.root.path() + "/report";
     QDir().mkpath(folder);
     run = runProgram(place.work(), place.home(),
-                     {{"VCAM_CAMERAS", "1"}, {"BRIVORA_STARTUP_REPORT", folder}}, 2500);
+                     { { "VCAM_CAMERAS", "1" }, { "BRIVORA_STARTUP_REPORT", folder } }, 2500);
     return readStartupReport(folder);
 }
 
@@ -83,13 +84,13 @@ StartupReport startAndReport(const Place &place, ProgramRun &run)
 bool samePixels(const QImage &a, const QImage &b)
 {
     return !a.isNull() && a.size() == b.size()
-           && a.convertToFormat(QImage::Format_ARGB32) == b.convertToFormat(QImage::Format_ARGB32);
+            && a.convertToFormat(QImage::Format_ARGB32) == b.convertToFormat(QImage::Format_ARGB32);
 }
 
 bool sanitizerSpoke(const ProgramRun &run)
 {
     return run.output.contains("runtime error") || run.output.contains("AddressSanitizer")
-           || run.output.contains("LeakSanitizer");
+            || run.output.contains("LeakSanitizer");
 }
 
 } // namespace
@@ -102,16 +103,17 @@ private slots:
     void noDeviceWarnsOnceAndExitsMinusOne()
     {
         Place place;
-        const ProgramRun run = runProgram(place.work(), place.home(), {{"VCAM_NODES", ""}}, 0, 60000);
+        const ProgramRun run =
+                runProgram(place.work(), place.home(), { { "VCAM_NODES", "" } }, 0, 60000);
         QVERIFY2(run.finished, qPrintable(describe(run)));
         QVERIFY2(!run.crashed, qPrintable(describe(run)));
         // Ending by itself, without being asked to quit, means the event
         // loop never ran and no main window was built.
         QCOMPARE(run.exitCode, 255);
-        QCOMPARE(run.boxes, QStringList{noDeviceBox});
+        QCOMPARE(run.boxes, QStringList{ noDeviceBox });
         // Qt's own button text speaks Chinese too, whatever the desktop's
         // language.
-        QCOMPARE(run.boxButtons, QStringList{QStringLiteral("确定")});
+        QCOMPARE(run.boxButtons, QStringList{ QStringLiteral("确定") });
         // The settings record exists before the cameras are looked for.
         QVERIFY(QFile::exists(place.work() + "/system.ini"));
         QVERIFY(QDir(place.home() + "/Veltaro").exists());
@@ -121,7 +123,8 @@ private slots:
     void oneCameraStartsAndRunsUntilQuit()
     {
         Place place;
-        const ProgramRun run = runProgram(place.work(), place.home(), {{"VCAM_CAMERAS", "1"}}, 2500);
+        const ProgramRun run =
+                runProgram(place.work(), place.home(), { { "VCAM_CAMERAS", "1" } }, 2500);
         QVERIFY2(run.finished && !run.crashed, qPrintable(describe(run)));
         QCOMPARE(run.exitCode, 0);
         QVERIFY(run.boxes.isEmpty());
@@ -133,14 +136,15 @@ private slots:
     void normalStartPrintsNothingErrorLike()
     {
         Place place;
-        const ProgramRun run = runProgram(place.work(), place.home(), {{"VCAM_CAMERAS", "2"}}, 2500);
+        const ProgramRun run =
+                runProgram(place.work(), place.home(), { { "VCAM_CAMERAS", "2" } }, 2500);
         QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(describe(run)));
         QVERIFY(run.errorOutput.contains("this is brivora program"));
         // The debug lines stay; nothing that reads like a complaint may
         // reach the operator's terminal.
-        static const QRegularExpression complaint(
-            "warning|error|fail|cannot|can't|unable|not set|no matching|QObject::|QMetaObject::",
-            QRegularExpression::CaseInsensitiveOption);
+        static const QRegularExpression complaint("warning|error|fail|cannot|can't|unable|not "
+                                                  "set|no matching|QObject::|QMetaObject::",
+                                                  QRegularExpression::CaseInsensitiveOption);
         // Discovery's debug line for the first missing node marks the end of
         // the camera list; it is a report, not a complaint.
         static const QRegularExpression endOfList("^open \"/dev/video\\d+\" error$");
@@ -172,9 +176,10 @@ private slots:
         QVERIFY2(samePixels(report.splash, picture), "the splash holds the program's picture");
         QVERIFY2(!report.logo.isNull(), "the logo label holds a picture");
         QVERIFY(report.logo.width() <= picture.width());
-        const QImage fitted = QPixmap::fromImage(picture)
-                                  .scaled(report.logo.size(), Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
-                                  .toImage();
+        const QImage fitted =
+                QPixmap::fromImage(picture)
+                        .scaled(report.logo.size(), Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                        .toImage();
         QVERIFY2(samePixels(report.logo, fitted), "the logo is the program's picture, fitted");
         QCOMPARE(report.logo.width() * 300 / 480, report.logo.height());
     }
@@ -197,20 +202,27 @@ private slots:
         QCOMPARE(report.values.value("exe_path"), exeDir());
         QVERIFY2(samePixels(report.splash, QImage(exeDir() + "/Resources/brivora.png")),
                  "the splash comes from beside the executable");
-        QVERIFY2(!report.logo.isNull() && report.logo.pixel(report.logo.width() / 2, report.logo.height() / 2)
-                                              != QColor(Qt::red).rgb(),
+        QVERIFY2(!report.logo.isNull()
+                         && report.logo.pixel(report.logo.width() / 2, report.logo.height() / 2)
+                                 != QColor(Qt::red).rgb(),
                  "the logo is not the working directory's picture");
 
         // Every picture the program names lies under that folder +
         // "/Resources/".
-        const QStringList pictures{
-            "/Resources/brivora.png",           "/Resources/back/Picture_90.png",
-            "/Resources/pdf.png",               "/Resources/recored.png",
-            "/Resources/tiff.png",              "/Resources/icon/icon_oleft.png",
-            "/Resources/icon/icon_oright.png",  "/Resources/icon/icon_sync.png",
-            "/Resources/icon/icon_toggle_16.png", "/Resources/icon/icon_webcam.png",
-            "/Resources/icon/icon_snap_32.png", "/Resources/icon/icon_setting_32.png",
-            "/Resources/icon/icon_snap_clock.png", "/Resources/icon/icon_video_32_line.png"};
+        const QStringList pictures{ "/Resources/brivora.png",
+                                    "/Resources/back/Picture_90.png",
+                                    "/Resources/pdf.png",
+                                    "/Resources/recored.png",
+                                    "/Resources/tiff.png",
+                                    "/Resources/icon/icon_oleft.png",
+                                    "/Resources/icon/icon_oright.png",
+                                    "/Resources/icon/icon_sync.png",
+                                    "/Resources/icon/icon_toggle_16.png",
+                                    "/Resources/icon/icon_webcam.png",
+                                    "/Resources/icon/icon_snap_32.png",
+                                    "/Resources/icon/icon_setting_32.png",
+                                    "/Resources/icon/icon_snap_clock.png",
+                                    "/Resources/icon/icon_video_32_line.png" };
         for (const QString &picture : pictures) {
             const QImage image(exeDir() + picture);
             QVERIFY2(!image.isNull(), qPrintable(picture));
@@ -233,8 +245,9 @@ private slots:
         QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(describe(run)));
         QVERIFY2(report.values.contains("resolutions"), qPrintable(describe(run)));
         QCOMPARE(report.values.value("resolutions").split(','),
-                 QStringList({"4640x3452", "4416x3312", "3742x2806", "3264x2448", "2592x1944", "2048x1536",
-                              "1920x1080", "1600x1200", "1280x960", "1280x720", "800x600", "640x480"}));
+                 QStringList({ "4640x3452", "4416x3312", "3742x2806", "3264x2448", "2592x1944",
+                               "2048x1536", "1920x1080", "1600x1200", "1280x960", "1280x720",
+                               "800x600", "640x480" }));
 
         // The helper main fills it with appends the same twelve.
         QList<QSize> sizes;
@@ -254,7 +267,7 @@ private slots:
             QCOMPARE(formats[i], QString(supported[i]));
         // The image formats plugins must be installed: TIFF and WebP photos
         // are written through them.
-        for (const char *format : {"jpg", "png", "bmp", "tiff", "webp"})
+        for (const char *format : { "jpg", "png", "bmp", "tiff", "webp" })
             QVERIFY2(formats.contains(format), format);
     }
 
@@ -262,9 +275,9 @@ private slots:
     {
         QTest::addColumn<QString>("key");
         QTest::addColumn<QString>("value");
-        for (const char *key : {"camera/index", "image/resolution", "image/out_resolution",
-                                "painting/main_resolution", "painting/other_resolution"}) {
-            for (const char *value : {"-1", "999", "lots"})
+        for (const char *key : { "camera/index", "image/resolution", "image/out_resolution",
+                                 "painting/main_resolution", "painting/other_resolution" }) {
+            for (const char *value : { "-1", "999", "lots" })
                 QTest::newRow(qPrintable(QString("%1=%2").arg(key, value))) << key << value;
         }
     }
@@ -280,7 +293,8 @@ private slots:
             settings.setValue("user/documentsLocation", place.home() + "/out");
             settings.setValue(key, value);
         }
-        const ProgramRun run = runProgram(place.work(), place.home(), {{"VCAM_CAMERAS", "2"}}, 1500);
+        const ProgramRun run =
+                runProgram(place.work(), place.home(), { { "VCAM_CAMERAS", "2" } }, 1500);
         QVERIFY2(run.finished && !run.crashed && run.exitCode == 0, qPrintable(describe(run)));
         QVERIFY2(!sanitizerSpoke(run), qPrintable(describe(run)));
         QVERIFY(run.boxes.isEmpty());

@@ -43,8 +43,8 @@ extern char **environ;
 
 namespace {
 
-const quint32 kUsbDriverCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING |
-                               V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_DEVICE_CAPS;
+const quint32 kUsbDriverCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING
+        | V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_DEVICE_CAPS;
 
 int openNode(int n, int flags = O_RDWR)
 {
@@ -68,9 +68,10 @@ QString fourccText(quint32 f)
     return s;
 }
 
-struct Fd {
+struct Fd
+{
     int fd = -1;
-    explicit Fd(int f) : fd(f) {}
+    explicit Fd(int f) : fd(f) { }
     ~Fd()
     {
         if (fd >= 0)
@@ -80,11 +81,12 @@ struct Fd {
     Fd &operator=(const Fd &) = delete;
 };
 
-struct Listing {
+struct Listing
+{
     bool ok = false;
     QString card, driver, bus;
     quint32 caps = 0, deviceCaps = 0;
-    QStringList formats;       // fourcc:description
+    QStringList formats; // fourcc:description
     QMap<QString, QList<QSize>> sizes;
 };
 
@@ -141,7 +143,8 @@ int openWhenPresent(int n, int ms)
     }
 }
 
-struct RawStream {
+struct RawStream
+{
     int fd = -1;
     std::vector<std::pair<void *, size_t>> maps;
 
@@ -199,7 +202,10 @@ struct RawStream {
 
     int requeue(v4l2_buffer *b) { return xioctl(fd, VIDIOC_QBUF, b); }
 
-    const uchar *data(const v4l2_buffer &b) const { return static_cast<const uchar *>(maps[b.index].first); }
+    const uchar *data(const v4l2_buffer &b) const
+    {
+        return static_cast<const uchar *>(maps[b.index].first);
+    }
 };
 
 cv::Mat grey(const cv::Mat &bgr)
@@ -218,14 +224,17 @@ bool openCapture(cv::VideoCapture &cap, int index, const char *fourcc, int w, in
 {
     if (!cap.open(index, cv::CAP_V4L2))
         return false;
-    if (fourcc && !cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc(fourcc[0], fourcc[1], fourcc[2], fourcc[3])))
+    if (fourcc
+        && !cap.set(cv::CAP_PROP_FOURCC,
+                    cv::VideoWriter::fourcc(fourcc[0], fourcc[1], fourcc[2], fourcc[3])))
         return false;
     return cap.set(cv::CAP_PROP_FRAME_WIDTH, w) && cap.set(cv::CAP_PROP_FRAME_HEIGHT, h);
 }
 
 // Frames read from camera 0 for ms milliseconds, each with the wall
 // clock time it was read at.
-struct TimedFrame {
+struct TimedFrame
+{
     qint64 at;
     cv::Mat grey;
 };
@@ -236,7 +245,7 @@ std::vector<TimedFrame> readFor(cv::VideoCapture &cap, int ms)
     clock.start();
     cv::Mat frame;
     while (clock.elapsed() < ms && cap.read(frame))
-        frames.push_back({QDateTime::currentMSecsSinceEpoch(), grey(frame)});
+        frames.push_back({ QDateTime::currentMSecsSinceEpoch(), grey(frame) });
     return frames;
 }
 
@@ -252,10 +261,10 @@ QList<QStringList> scriptLog(const QString &path)
     return lines;
 }
 
+} // namespace
 
-}  // namespace
-
-class tst_VirtualCam : public QObject {
+class tst_VirtualCam : public QObject
+{
     Q_OBJECT
 
 private:
@@ -271,7 +280,8 @@ private:
         QStringList keys;
         QFile f(m_state->filePath(QStringLiteral("video%1.state").arg(node)));
         if (f.open(QIODevice::ReadOnly))
-            for (const QString &line : QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts))
+            for (const QString &line :
+                 QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts))
                 keys << line.section('=', 0, 0);
         return keys;
     }
@@ -313,10 +323,11 @@ private slots:
         QCOMPARE(a.driver, QStringLiteral("uvcvideo"));
         QCOMPARE(a.bus, QStringLiteral("usb-0000:00:14.0-1"));
         QCOMPARE(a.caps, kUsbDriverCaps);
-        QCOMPARE(a.deviceCaps, quint32(V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT));
-        QCOMPARE(a.formats, QStringList({"YUYV:YUYV 4:2:2", "MJPG:Motion-JPEG"}));
-        QCOMPARE(a.sizes.value("YUYV"), QList<QSize>({QSize(1920, 1080), QSize(640, 480)}));
-        QCOMPARE(a.sizes.value("MJPG"), QList<QSize>({QSize(2592, 1944), QSize(1280, 720)}));
+        QCOMPARE(a.deviceCaps,
+                 quint32(V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT));
+        QCOMPARE(a.formats, QStringList({ "YUYV:YUYV 4:2:2", "MJPG:Motion-JPEG" }));
+        QCOMPARE(a.sizes.value("YUYV"), QList<QSize>({ QSize(1920, 1080), QSize(640, 480) }));
+        QCOMPARE(a.sizes.value("MJPG"), QList<QSize>({ QSize(2592, 1944), QSize(1280, 720) }));
 
         const Listing metaA = discover(1);
         QVERIFY(metaA.ok);
@@ -328,9 +339,9 @@ private slots:
         QVERIFY(b.ok);
         QCOMPARE(b.card, QStringLiteral("Virtual Document Camera 2"));
         QCOMPARE(b.bus, QStringLiteral("usb-0000:00:14.0-2"));
-        QCOMPARE(b.formats, QStringList({"MJPG:Motion-JPEG", "YUYV:YUYV 4:2:2"}));
-        QCOMPARE(b.sizes.value("MJPG"), QList<QSize>({QSize(800, 600)}));
-        QCOMPARE(b.sizes.value("YUYV"), QList<QSize>({QSize(800, 600)}));
+        QCOMPARE(b.formats, QStringList({ "MJPG:Motion-JPEG", "YUYV:YUYV 4:2:2" }));
+        QCOMPARE(b.sizes.value("MJPG"), QList<QSize>({ QSize(800, 600) }));
+        QCOMPARE(b.sizes.value("YUYV"), QList<QSize>({ QSize(800, 600) }));
         QVERIFY(discover(3).ok);
 
         errno = 0;
@@ -355,8 +366,9 @@ private slots:
         const Listing cam = discover(0);
         QVERIFY(cam.ok);
         QCOMPARE(cam.card, QStringLiteral("Virtual Document Camera 0"));
-        QCOMPARE(cam.formats, QStringList({"MJPG:Motion-JPEG", "YUYV:YUYV 4:2:2"}));
-        const QList<QSize> sizes{QSize(3264, 2448), QSize(1920, 1080), QSize(1280, 720), QSize(640, 480)};
+        QCOMPARE(cam.formats, QStringList({ "MJPG:Motion-JPEG", "YUYV:YUYV 4:2:2" }));
+        const QList<QSize> sizes{ QSize(3264, 2448), QSize(1920, 1080), QSize(1280, 720),
+                                  QSize(640, 480) };
         QCOMPARE(cam.sizes.value("MJPG"), sizes);
         QCOMPARE(cam.sizes.value("YUYV"), sizes);
 
@@ -387,7 +399,8 @@ private slots:
         v4l2_capability cap{};
         QCOMPARE(xioctl(fd.fd, VIDIOC_QUERYCAP, &cap), 0);
         QCOMPARE(cap.capabilities, kUsbDriverCaps);
-        QCOMPARE(cap.device_caps, quint32(V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT));
+        QCOMPARE(cap.device_caps,
+                 quint32(V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT));
         QVERIFY(!(cap.device_caps & V4L2_CAP_VIDEO_CAPTURE));
 
         v4l2_fmtdesc f{};
@@ -421,7 +434,8 @@ private slots:
         QVERIFY(out.ok);
         QVERIFY(!(out.caps & V4L2_CAP_VIDEO_CAPTURE));
         QVERIFY(!(out.deviceCaps & V4L2_CAP_VIDEO_CAPTURE));
-        QCOMPARE(out.caps, quint32(V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS));
+        QCOMPARE(out.caps,
+                 quint32(V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS));
         QCOMPARE(out.deviceCaps & quint32(V4L2_CAP_VIDEO_OUTPUT), quint32(V4L2_CAP_VIDEO_OUTPUT));
         QVERIFY(out.formats.isEmpty());
 
@@ -477,13 +491,14 @@ private slots:
         QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FRAMESIZES, &s), -1);
         QCOMPARE(errno, EINVAL);
         s.index = 0;
-        s.pixel_format = V4L2_PIX_FMT_YUYV;  // not offered by this camera
+        s.pixel_format = V4L2_PIX_FMT_YUYV; // not offered by this camera
         QCOMPARE(xioctl(fd.fd, VIDIOC_ENUM_FRAMESIZES, &s), -1);
         QCOMPARE(errno, EINVAL);
 
         v4l2_input in{};
         QCOMPARE(xioctl(fd.fd, VIDIOC_ENUMINPUT, &in), 0);
-        QCOMPARE(QString::fromUtf8(reinterpret_cast<const char *>(in.name)), QStringLiteral("Camera 1"));
+        QCOMPARE(QString::fromUtf8(reinterpret_cast<const char *>(in.name)),
+                 QStringLiteral("Camera 1"));
         QCOMPARE(in.type, quint32(V4L2_INPUT_TYPE_CAMERA));
         in.index = 1;
         QCOMPARE(xioctl(fd.fd, VIDIOC_ENUMINPUT, &in), -1);
@@ -528,7 +543,7 @@ private slots:
     {
         qputenv("VCAM_0_SIZES", "320x240");
         qputenv("VCAM_0_FLASH", "500,200");
-        for (const char *fourcc : {"MJPG", "YUYV"}) {
+        for (const char *fourcc : { "MJPG", "YUYV" }) {
             cv::VideoCapture cap;
             QVERIFY(openCapture(cap, 0, fourcc, 320, 240));
             int white = 0, dark = 0;
@@ -540,7 +555,10 @@ private slots:
                 const double mean = cv::mean(grey)[0];
                 const bool flash = ms % 500 < 200;
                 QVERIFY2(flash ? mean > 245 : mean < 200,
-                         qPrintable(QString("%1 frame at %2 ms has mean %3").arg(fourcc).arg(ms).arg(mean)));
+                         qPrintable(QString("%1 frame at %2 ms has mean %3")
+                                            .arg(fourcc)
+                                            .arg(ms)
+                                            .arg(mean)));
                 (flash ? white : dark) += 1;
             }
             QVERIFY(white >= 8 && dark >= 8);
@@ -551,7 +569,7 @@ private slots:
     {
         qputenv("VCAM_0_SIZES", "320x240");
         qputenv("VCAM_0_SCENE", "desk");
-        for (const char *value : {"200,500", "abc", "500", "0,0"}) {
+        for (const char *value : { "200,500", "abc", "500", "0,0" }) {
             qputenv("VCAM_0_FLASH", value);
             cv::VideoCapture cap;
             QVERIFY(openCapture(cap, 0, "MJPG", 320, 240));
@@ -586,15 +604,16 @@ private slots:
         QCOMPARE(st.value("opens"), QStringLiteral("1"));
         // The first read also takes the frame OpenCV throws away.
         QCOMPARE(st.value("frames"), QStringLiteral("4"));
-        QCOMPARE(stateKeys(0), QStringList({"pixelformat", "width", "height", "fps", "exposure_auto",
-                                            "exposure_absolute", "exposure_absolute_requested",
-                                            "exposure_auto_requested", "focus_auto", "streaming", "frames",
-                                            "opens", "exposure", "autofocus"}));
+        QCOMPARE(stateKeys(0),
+                 QStringList({ "pixelformat", "width", "height", "fps", "exposure_auto",
+                               "exposure_absolute", "exposure_absolute_requested",
+                               "exposure_auto_requested", "focus_auto", "streaming", "frames",
+                               "opens", "exposure", "autofocus" }));
         cap.release();
         st = readState(0);
         QCOMPARE(st.value("streaming"), QStringLiteral("0"));
         // Written by rename: no temporary file is left behind.
-        QCOMPARE(QDir(m_state->path()).entryList(QDir::Files), QStringList({"video0.state"}));
+        QCOMPARE(QDir(m_state->path()).entryList(QDir::Files), QStringList({ "video0.state" }));
     }
 
     // With conversion off OpenCV hands over the camera's JPEG bytes as they
@@ -617,9 +636,10 @@ private slots:
             QCOMPARE(int(bytes.at<uchar>(0, 0)), 0xFF);
             QCOMPARE(int(bytes.at<uchar>(0, 1)), 0xD8);
             read << QStringLiteral("%1 %2")
-                        .arg(bytes.cols)
-                        .arg(qulonglong(crc32(crc32(0L, Z_NULL, 0), bytes.data, uInt(bytes.cols))), 8, 16,
-                             QChar('0'));
+                            .arg(bytes.cols)
+                            .arg(qulonglong(
+                                         crc32(crc32(0L, Z_NULL, 0), bytes.data, uInt(bytes.cols))),
+                                 8, 16, QChar('0'));
         }
         cap.release();
         QFile f(log);
@@ -699,12 +719,12 @@ private slots:
         cv::Mat frame;
         QVERIFY(cap.read(frame));
         const cv::Mat g = grey(frame);
-        QVERIFY(meanAt(g, 192, 192) > 225);   // first sheet centre
-        QVERIFY(meanAt(g, 512, 336) > 225);   // second sheet centre
-        QVERIFY(meanAt(g, 8, 8) < 70);        // desk corner
-        QVERIFY(meanAt(g, 400, 100) < 80);    // desk between the sheets
-        QVERIFY(meanAt(g, 192, 60) < 80);     // just above the first sheet (top edge at y = 96)
-        QVERIFY(meanAt(g, 192, 104) > 200);   // just inside it
+        QVERIFY(meanAt(g, 192, 192) > 225); // first sheet centre
+        QVERIFY(meanAt(g, 512, 336) > 225); // second sheet centre
+        QVERIFY(meanAt(g, 8, 8) < 70); // desk corner
+        QVERIFY(meanAt(g, 400, 100) < 80); // desk between the sheets
+        QVERIFY(meanAt(g, 192, 60) < 80); // just above the first sheet (top edge at y = 96)
+        QVERIFY(meanAt(g, 192, 104) > 200); // just inside it
 
         qputenv("VCAM_0_SCENE", "desk");
         cv::VideoCapture desk;
@@ -771,11 +791,13 @@ private slots:
                 largest = i;
         std::vector<cv::Point> approx;
         if (!contours.empty())
-            cv::approxPolyDP(contours[largest], approx, 0.02 * cv::arcLength(contours[largest], true), true);
+            cv::approxPolyDP(contours[largest], approx,
+                             0.02 * cv::arcLength(contours[largest], true), true);
         return std::vector<cv::Point2f>(approx.begin(), approx.end());
     }
 
-    static double farthestCorner(const std::vector<cv::Point2f> &found, const vcam::PageCorners &truth)
+    static double farthestCorner(const std::vector<cv::Point2f> &found,
+                                 const vcam::PageCorners &truth)
     {
         double worst = 0;
         for (const cv::Point2d &t : truth) {
@@ -797,16 +819,18 @@ private slots:
         QVERIFY(cap.read(frame));
         const std::vector<cv::Point2f> quad = brightQuad(frame);
         QCOMPARE(int(quad.size()), 4);
-        const vcam::PageCorners truth = {cv::Point2d(384, 144), cv::Point2d(896, 180), cv::Point2d(960, 612),
-                                         cv::Point2d(320, 576)};
-        QVERIFY2(farthestCorner(quad, truth) < 4, qPrintable(QString::number(farthestCorner(quad, truth))));
+        const vcam::PageCorners truth = { cv::Point2d(384, 144), cv::Point2d(896, 180),
+                                          cv::Point2d(960, 612), cv::Point2d(320, 576) };
+        QVERIFY2(farthestCorner(quad, truth) < 4,
+                 qPrintable(QString::number(farthestCorner(quad, truth))));
         // The print: ink on the ruled frame's top line, paper between it and
         // the page's edge.
-        const cv::Point2f unit[4] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+        const cv::Point2f unit[4] = { { 0, 0 }, { 1, 0 }, { 1, 1 }, { 0, 1 } };
         cv::Point2f to[4];
         for (int i = 0; i < 4; ++i)
             to[i] = cv::Point2f(truth[i]);
-        std::vector<cv::Point2f> onPage = {{0.5f, float(vcam::kPageRuleInset)}, {0.5f, 0.04f}};
+        std::vector<cv::Point2f> onPage = { { 0.5f, float(vcam::kPageRuleInset) },
+                                            { 0.5f, 0.04f } };
         cv::perspectiveTransform(onPage, onPage, cv::getPerspectiveTransform(unit, to));
         const cv::Point2f onRule = onPage[0], margin = onPage[1];
         const cv::Mat g = grey(frame);
@@ -824,10 +848,14 @@ private slots:
         QTest::addColumn<double>("tiltX");
         QTest::addColumn<double>("tiltY");
         QTest::addColumn<double>("focalWidths");
-        QTest::newRow("x:30") << "x:30" << "" << 30.0 << 0.0 << 1.0;
-        QTest::newRow("y:-20, focal 0.6") << "y:-20" << "0.6" << 0.0 << -20.0 << 0.6;
-        QTest::newRow("x:10,y:15") << "x:10,y:15" << "" << 10.0 << 15.0 << 1.0;
-        QTest::newRow("malformed: untilted") << "z:10" << "" << 0.0 << 0.0 << 1.0;
+        QTest::newRow("x:30") << "x:30"
+                              << "" << 30.0 << 0.0 << 1.0;
+        QTest::newRow("y:-20, focal 0.6") << "y:-20"
+                                          << "0.6" << 0.0 << -20.0 << 0.6;
+        QTest::newRow("x:10,y:15") << "x:10,y:15"
+                                   << "" << 10.0 << 15.0 << 1.0;
+        QTest::newRow("malformed: untilted") << "z:10"
+                                             << "" << 0.0 << 0.0 << 1.0;
     }
 
     void tiltedCameraSeesThePageAsTheHomographySays()
@@ -852,12 +880,13 @@ private slots:
         scene.tiltY = tiltY;
         scene.focal = focalWidths;
         vcam::PageSpec page;
-        page.sheet = vcam::SheetSpec{0.5, 0.5, 0.3, 0.6, 10};
-        const vcam::PageCorners truth =
-            vcam::mapCorners(vcam::tiltHomography(scene, 1280, 720), vcam::pageCorners(page, 1280, 720));
+        page.sheet = vcam::SheetSpec{ 0.5, 0.5, 0.3, 0.6, 10 };
+        const vcam::PageCorners truth = vcam::mapCorners(vcam::tiltHomography(scene, 1280, 720),
+                                                         vcam::pageCorners(page, 1280, 720));
         const std::vector<cv::Point2f> quad = brightQuad(frame);
         QCOMPARE(int(quad.size()), 4);
-        QVERIFY2(farthestCorner(quad, truth) < 4, qPrintable(QString::number(farthestCorner(quad, truth))));
+        QVERIFY2(farthestCorner(quad, truth) < 4,
+                 qPrintable(QString::number(farthestCorner(quad, truth))));
         if (tiltX >= 30) {
             // Tilted about the horizontal axis, the lower edge is the far one.
             QVERIFY(cv::norm(truth[2] - truth[3]) < 0.9 * cv::norm(truth[1] - truth[0]));
@@ -865,7 +894,8 @@ private slots:
         // The desk is still seen all over the frame, even where the tilted
         // view reaches past the flat scene.
         const cv::Mat g = grey(frame);
-        for (const cv::Point p : {cv::Point(4, 4), cv::Point(1275, 4), cv::Point(4, 715), cv::Point(1275, 715)})
+        for (const cv::Point p :
+             { cv::Point(4, 4), cv::Point(1275, 4), cv::Point(4, 715), cv::Point(1275, 715) })
             QVERIFY(meanAt(g, p.x, p.y) > 25 && meanAt(g, p.x, p.y) < 80);
         qunsetenv("VCAM_0_TILT");
         qunsetenv("VCAM_0_FOCAL");
@@ -920,7 +950,8 @@ private slots:
         const double topLeft = meanAt(lit, 20, 20, 15) - meanAt(plain, 20, 20, 15);
         const double middle = meanAt(lit, 640, 360, 15) - meanAt(plain, 640, 360, 15);
         const double bottomRight = meanAt(lit, 1259, 699, 15) - meanAt(plain, 1259, 699, 15);
-        qInfo() << "lamp: top-left" << topLeft << "middle" << middle << "bottom-right" << bottomRight;
+        qInfo() << "lamp: top-left" << topLeft << "middle" << middle << "bottom-right"
+                << bottomRight;
         QVERIFY(topLeft > 24 && topLeft < 36);
         QVERIFY(std::abs(middle) < 4);
         QVERIFY(bottomRight < -24 && bottomRight > -36);
@@ -930,7 +961,8 @@ private slots:
     {
         // The right half of the frame in shadow; the sheet's blank middle
         // band crosses its edge.
-        const cv::Mat g = grey(sceneFrame("sheets:0.5,0.5,0.5,0.6,0|wood|shadow:0.5,-0.1,1.1,-0.1,1.1,1.1,0.5,1.1"));
+        const cv::Mat g = grey(sceneFrame(
+                "sheets:0.5,0.5,0.5,0.6,0|wood|shadow:0.5,-0.1,1.1,-0.1,1.1,1.1,0.5,1.1"));
         QVERIFY(!g.empty());
         const double litPaper = meanAt(g, 480, 370), shadedPaper = meanAt(g, 800, 370);
         const double litDesk = meanAt(g, 100, 370), shadedDesk = meanAt(g, 1180, 370);
@@ -946,11 +978,11 @@ private slots:
     void penPhoneAndMugRingLieOnTheDesk()
     {
         const cv::Mat frame =
-            sceneFrame("desk|wood|pen:0.25,0.5,0.3,0|phone:0.7,0.5,0.15,0.5,0|mug:0.5,0.2,0.1");
+                sceneFrame("desk|wood|pen:0.25,0.5,0.3,0|phone:0.7,0.5,0.15,0.5,0|mug:0.5,0.2,0.1");
         QVERIFY(!frame.empty());
         const cv::Mat g = grey(frame);
-        QVERIFY(meanAt(g, 320, 360, 2) < 60);  // the pen
-        QVERIFY(meanAt(g, 896, 360) < 70);     // the phone's screen
+        QVERIFY(meanAt(g, 320, 360, 2) < 60); // the pen
+        QVERIFY(meanAt(g, 896, 360) < 70); // the phone's screen
         QVERIFY(meanAt(g, 896 + 90, 360, 2) < 50); // its body (half a width 96 px, screen 84 px)
         // The ring: darker and browner than the wood, the wood inside it.
         const double ring = meanAt(g, 640, 144 - 72, 2);
@@ -967,7 +999,8 @@ private slots:
         qInfo() << "yellowed paper BGR" << paper[0] << paper[1] << paper[2];
         QVERIFY(std::abs(paper[1] - 218) < 6);
         QVERIFY(paper[2] - paper[0] > 20);
-        QVERIFY(std::abs(cv::mean(grey(frame)(cv::Rect(10, 10, 40, 40)))[0] - 45) < 20); // the dark desk
+        QVERIFY(std::abs(cv::mean(grey(frame)(cv::Rect(10, 10, 40, 40)))[0] - 45)
+                < 20); // the dark desk
         // Unknown parts are left out: the plain scene.
         const cv::Mat plain = sceneFrame("sheets:0.5,0.5,0.5,0.6,0");
         const cv::Mat odd = sceneFrame("sheets:0.5,0.5,0.5,0.6,0|carpet|lamp:x");
@@ -981,15 +1014,16 @@ private slots:
     void tiltedCameraSeesTheDeskItsObjectsAndLight()
     {
         qputenv("VCAM_0_TILT", "x:25");
-        const cv::Mat g = grey(sceneFrame("pages:0.5,0.5,0.3,0.6,10|wood|lamp:20|mug:0.5,0.15,0.08"));
+        const cv::Mat g =
+                grey(sceneFrame("pages:0.5,0.5,0.3,0.6,10|wood|lamp:20|mug:0.5,0.15,0.08"));
         qunsetenv("VCAM_0_TILT");
         QVERIFY(!g.empty());
         vcam::SceneSpec scene;
         scene.tiltX = 25;
         vcam::PageSpec page;
-        page.sheet = vcam::SheetSpec{0.5, 0.5, 0.3, 0.6, 10};
-        const vcam::PageCorners truth =
-            vcam::mapCorners(vcam::tiltHomography(scene, 1280, 720), vcam::pageCorners(page, 1280, 720));
+        page.sheet = vcam::SheetSpec{ 0.5, 0.5, 0.3, 0.6, 10 };
+        const vcam::PageCorners truth = vcam::mapCorners(vcam::tiltHomography(scene, 1280, 720),
+                                                         vcam::pageCorners(page, 1280, 720));
         // The page lies where the tilted camera sees it, on light wood.
         cv::Mat mask;
         cv::threshold(g, mask, 150, 255, cv::THRESH_BINARY);
@@ -998,7 +1032,8 @@ private slots:
         QVERIFY(meanAt(g, int(centre.x), int(centre.y)) > 200);
         // The mug's ring moved with the desk: seen below where the flat
         // scene has it, the tilt pulling the upper part of the scene up.
-        const cv::Vec3d ringTop = vcam::tiltHomography(scene, 1280, 720) * cv::Vec3d(640, 0.15 * 720 - 0.08 * 720, 1);
+        const cv::Vec3d ringTop =
+                vcam::tiltHomography(scene, 1280, 720) * cv::Vec3d(640, 0.15 * 720 - 0.08 * 720, 1);
         const int x = int(ringTop[0] / ringTop[2]), y = int(ringTop[1] / ringTop[2]);
         double darkest = 255;
         for (int dy = -6; dy <= 6; ++dy)
@@ -1008,8 +1043,9 @@ private slots:
 
     void frameCounterChangesEveryFrameAndStaysDim()
     {
-        for (const cv::Size size : {cv::Size(320, 240), cv::Size(1280, 720)}) {
-            const QByteArray sz = QByteArray::number(size.width) + "x" + QByteArray::number(size.height);
+        for (const cv::Size size : { cv::Size(320, 240), cv::Size(1280, 720) }) {
+            const QByteArray sz =
+                    QByteArray::number(size.width) + "x" + QByteArray::number(size.height);
             qputenv("VCAM_0_SIZES", sz);
             cv::VideoCapture cap;
             QVERIFY(openCapture(cap, 0, "YUYV", size.width, size.height));
@@ -1048,7 +1084,7 @@ private slots:
 
         cv::Mat expected;
         cv::resize(pic, expected, cv::Size(640, 480), 0, 0, cv::INTER_AREA);
-        for (const char *fcc : {"MJPG", "YUYV"}) {
+        for (const char *fcc : { "MJPG", "YUYV" }) {
             cv::VideoCapture cap;
             QVERIFY(openCapture(cap, 0, fcc, 640, 480));
             cv::Mat frame;
@@ -1128,9 +1164,10 @@ private slots:
             q.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
         }
         QCOMPARE(errno, EINVAL);
-        QCOMPARE(ids, QList<quint32>({V4L2_CID_BRIGHTNESS, V4L2_CID_CONTRAST, V4L2_CID_SATURATION, V4L2_CID_GAIN,
-                                      V4L2_CID_EXPOSURE_AUTO, V4L2_CID_EXPOSURE_ABSOLUTE, V4L2_CID_FOCUS_ABSOLUTE,
-                                      V4L2_CID_FOCUS_AUTO}));
+        QCOMPARE(ids,
+                 QList<quint32>({ V4L2_CID_BRIGHTNESS, V4L2_CID_CONTRAST, V4L2_CID_SATURATION,
+                                  V4L2_CID_GAIN, V4L2_CID_EXPOSURE_AUTO, V4L2_CID_EXPOSURE_ABSOLUTE,
+                                  V4L2_CID_FOCUS_ABSOLUTE, V4L2_CID_FOCUS_AUTO }));
 
         q = v4l2_queryctrl{};
         q.id = V4L2_CID_EXPOSURE_ABSOLUTE;
@@ -1139,7 +1176,8 @@ private slots:
         QCOMPARE(q.minimum, 3);
         QCOMPARE(q.maximum, 2047);
         QCOMPARE(q.default_value, 250);
-        QCOMPARE(q.flags & V4L2_CTRL_FLAG_INACTIVE, quint32(V4L2_CTRL_FLAG_INACTIVE));  // auto mode is on
+        QCOMPARE(q.flags & V4L2_CTRL_FLAG_INACTIVE,
+                 quint32(V4L2_CTRL_FLAG_INACTIVE)); // auto mode is on
 
         q.id = V4L2_CID_EXPOSURE_AUTO;
         QCOMPARE(xioctl(fd.fd, VIDIOC_QUERYCTRL, &q), 0);
@@ -1158,20 +1196,21 @@ private slots:
             v4l2_querymenu m{};
             m.id = V4L2_CID_EXPOSURE_AUTO;
             m.index = i;
-            menu << (xioctl(fd.fd, VIDIOC_QUERYMENU, &m) == 0 ? QString::fromUtf8(reinterpret_cast<char *>(m.name))
-                                                               : QStringLiteral("-"));
+            menu << (xioctl(fd.fd, VIDIOC_QUERYMENU, &m) == 0
+                             ? QString::fromUtf8(reinterpret_cast<char *>(m.name))
+                             : QStringLiteral("-"));
         }
-        QCOMPARE(menu, QStringList({"-", "Manual Mode", "-", "Aperture Priority Mode", "-"}));
+        QCOMPARE(menu, QStringList({ "-", "Manual Mode", "-", "Aperture Priority Mode", "-" }));
 
         v4l2_control c{};
         c.id = V4L2_CID_EXPOSURE_AUTO;
-        c.value = 0;  // inside the menu but not offered
+        c.value = 0; // inside the menu but not offered
         QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), -1);
         QCOMPARE(errno, EINVAL);
         c.value = 2;
         QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), -1);
         QCOMPARE(errno, EINVAL);
-        c.value = 9;  // outside the menu
+        c.value = 9; // outside the menu
         QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), -1);
         QCOMPARE(errno, ERANGE);
         c.value = 1;
@@ -1183,7 +1222,7 @@ private slots:
         QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), 0);
         QCOMPARE(c.value, 2047);
         QCOMPARE(readState(0).value("exposure_absolute_requested"), QStringLiteral("5000"));
-        c.id = V4L2_CID_BRIGHTNESS;  // signed on the camera: clamps to the minimum
+        c.id = V4L2_CID_BRIGHTNESS; // signed on the camera: clamps to the minimum
         c.value = -100;
         QCOMPARE(xioctl(fd.fd, VIDIOC_S_CTRL, &c), 0);
         QCOMPARE(c.value, -64);
@@ -1236,7 +1275,7 @@ private slots:
             QCOMPARE(s.dequeue(&b), 0);
             QCOMPARE(b.sequence, quint32(i));
             QVERIFY(b.bytesused > 100);
-            QCOMPARE(int(s.data(b)[0]), 0xff);  // a JPEG starts with SOI
+            QCOMPARE(int(s.data(b)[0]), 0xff); // a JPEG starts with SOI
             QCOMPARE(int(s.data(b)[1]), 0xd8);
             if (i < 4)
                 QCOMPARE(s.requeue(&b), 0);
@@ -1295,21 +1334,22 @@ private slots:
         fd_set set;
         FD_ZERO(&set);
         FD_SET(s.fd, &set);
-        timeval shortWait{0, 150000};
+        timeval shortWait{ 0, 150000 };
         QCOMPARE(::select(s.fd + 1, &set, nullptr, nullptr, &shortWait), 0);
         QVERIFY(!FD_ISSET(s.fd, &set));
         QVERIFY(clock.elapsed() >= 140);
-        pollfd p{s.fd, POLLIN, 0};
+        pollfd p{ s.fd, POLLIN, 0 };
         QCOMPARE(::poll(&p, 1, 100), 0);
         QCOMPARE(int(p.revents), 0);
 
         // ... and reports the descriptor readable once it is over.
         FD_ZERO(&set);
         FD_SET(s.fd, &set);
-        timeval longWait{5, 0};
+        timeval longWait{ 5, 0 };
         QCOMPARE(::select(s.fd + 1, &set, nullptr, nullptr, &longWait), 1);
         QVERIFY(FD_ISSET(s.fd, &set));
-        QVERIFY2(clock.elapsed() >= 650 && clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY2(clock.elapsed() >= 650 && clock.elapsed() < 2000,
+                 qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(s.dequeue(&b), 0);
         QCOMPARE(b.sequence, 3u);
         QCOMPARE(readState(0).value("frames"), QStringLiteral("4"));
@@ -1450,7 +1490,7 @@ private slots:
             Fd fd(openNode(0));
             v4l2_streamparm p{};
             p.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-            p.parm.capture.timeperframe = {1, 30};
+            p.parm.capture.timeperframe = { 1, 30 };
             QCOMPARE(xioctl(fd.fd, VIDIOC_S_PARM, &p), 0);
             QCOMPARE(p.parm.capture.timeperframe.numerator, 1u);
             QCOMPARE(p.parm.capture.timeperframe.denominator, 5u);
@@ -1468,7 +1508,7 @@ private slots:
             QCOMPARE(b.bytesused, 320u * 240u * 2u);
             QVERIFY(b.flags & V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC);
             if (i == 0)
-                QVERIFY(t.elapsed() < 120);  // the first frame comes at once, not after 200 ms
+                QVERIFY(t.elapsed() < 120); // the first frame comes at once, not after 200 ms
             stamps.push_back(b.timestamp.tv_sec + b.timestamp.tv_usec / 1e6);
             QCOMPARE(s.requeue(&b), 0);
         }
@@ -1479,7 +1519,7 @@ private slots:
         // The interval cannot change under a running stream.
         v4l2_streamparm p{};
         p.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        p.parm.capture.timeperframe = {1, 5};
+        p.parm.capture.timeperframe = { 1, 5 };
         QCOMPARE(xioctl(s.fd, VIDIOC_S_PARM, &p), -1);
         QCOMPARE(errno, EBUSY);
         QCOMPARE(xioctl(s.fd, VIDIOC_G_PARM, &p), 0);
@@ -1573,7 +1613,7 @@ private slots:
         QCOMPARE(req.count, 32u);
         const long page = sysconf(_SC_PAGESIZE);
         const quint32 stride = quint32((sizeimage + page - 1) / page * page);
-        for (quint32 i : {0u, 1u, 31u}) {
+        for (quint32 i : { 0u, 1u, 31u }) {
             v4l2_buffer b{};
             b.index = i;
             b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -1601,7 +1641,7 @@ private slots:
         v4l2_buffer b{};
         b.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
         b.memory = V4L2_MEMORY_MMAP;
-        QCOMPARE(xioctl(fd.fd, VIDIOC_DQBUF, &b), -1);  // not streaming
+        QCOMPARE(xioctl(fd.fd, VIDIOC_DQBUF, &b), -1); // not streaming
         QCOMPARE(errno, EINVAL);
         req.count = 0;
         QCOMPARE(xioctl(fd.fd, VIDIOC_REQBUFS, &req), 0);
@@ -1618,7 +1658,7 @@ private slots:
         v4l2_buffer b;
         QCOMPARE(s.dequeue(&b), 0);
         QCOMPARE(s.dequeue(&b), 0);
-        QCOMPARE(s.dequeue(&b), -1);  // nothing queued any more
+        QCOMPARE(s.dequeue(&b), -1); // nothing queued any more
         QCOMPARE(errno, EINVAL);
         QCOMPARE(readState(0).value("streaming"), QStringLiteral("1"));
         int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -1636,14 +1676,14 @@ private slots:
         }
         QCOMPARE(xioctl(s.fd, VIDIOC_STREAMON, &type), 0);
         QCOMPARE(s.dequeue(&b), 0);
-        QCOMPARE(b.sequence, 0u);  // sequence numbers restart with the stream
+        QCOMPARE(b.sequence, 0u); // sequence numbers restart with the stream
         // A YUYV frame decodes to the same picture OpenCV shows: paper in the middle.
         cv::Mat yuyv(240, 320, CV_8UC2, const_cast<uchar *>(s.data(b)));
         cv::Mat bgr;
         cv::cvtColor(yuyv, bgr, cv::COLOR_YUV2BGR_YUYV);
         const cv::Vec3b centre = bgr.at<cv::Vec3b>(120, 160);
-        QVERIFY(std::abs(int(centre[0]) - 236) <= 4 && std::abs(int(centre[1]) - 240) <= 4 &&
-                std::abs(int(centre[2]) - 242) <= 4);
+        QVERIFY(std::abs(int(centre[0]) - 236) <= 4 && std::abs(int(centre[1]) - 240) <= 4
+                && std::abs(int(centre[2]) - 242) <= 4);
         QCOMPARE(readState(0).value("frames"), QStringLiteral("3"));
     }
 
@@ -1656,7 +1696,7 @@ private slots:
         cv::VideoCapture a, b;
         QVERIFY(openCapture(a, 0, "MJPG", 320, 240));
         QVERIFY(openCapture(b, 2, "YUYV", 640, 480));
-        std::atomic<int> goodA{0}, goodB{0};
+        std::atomic<int> goodA{ 0 }, goodB{ 0 };
         auto run = [](cv::VideoCapture *cap, cv::Size want, std::atomic<int> *good) {
             cv::Mat f;
             for (int i = 0; i < 8; ++i)
@@ -1691,15 +1731,19 @@ private slots:
 
         const QList<QStringList> lines = scriptLog(log);
         QCOMPARE(lines.size(), 5);
-        const QStringList expected[] = {{"0", "page", "5"}, {"1", "hand", "6"}, {"2", "page", "6"},
-                                        {"3", "flicker", "6"}, {"4", "end", "6"}};
+        const QStringList expected[] = { { "0", "page", "5" },
+                                         { "1", "hand", "6" },
+                                         { "2", "page", "6" },
+                                         { "3", "flicker", "6" },
+                                         { "4", "end", "6" } };
         qint64 starts[5];
         for (int i = 0; i < 5; ++i) {
             QCOMPARE(lines[i].mid(1), expected[i]);
             starts[i] = lines[i][0].toLongLong();
         }
         for (int i = 1; i < 4; ++i)
-            QVERIFY2(std::abs(starts[i] - starts[i - 1] - 500) < 120, qPrintable(lines[i].join(' ')));
+            QVERIFY2(std::abs(starts[i] - starts[i - 1] - 500) < 120,
+                     qPrintable(lines[i].join(' ')));
         QVERIFY(std::abs(starts[4] - starts[3] - 1000) < 120);
 
         // Each frame by the step it was read in, leaving out frames read
@@ -1751,7 +1795,8 @@ private slots:
             }
         }
         for (int i = 0; i < 5; ++i)
-            QVERIFY2(counted[i] >= 5, qPrintable(QString("step %1: %2 frames").arg(i).arg(counted[i])));
+            QVERIFY2(counted[i] >= 5,
+                     qPrintable(QString("step %1: %2 frames").arg(i).arg(counted[i])));
         QVERIFY2(handHidden * 2 >= counted[1], "the hand covers the blocks most of the time");
         QVERIFY(up >= 5 && down >= 5);
     }
@@ -1776,8 +1821,8 @@ private slots:
         QVERIFY2(seen.join(',').startsWith("1,2,1,2"), qPrintable(seen.join(',')));
         const QList<QStringList> lines = scriptLog(log);
         QVERIFY(lines.size() >= 4);
-        QCOMPARE(lines[2].mid(1), (QStringList{"0", "page", "1"}));
-        QCOMPARE(lines[3].mid(1), (QStringList{"1", "page", "2"}));
+        QCOMPARE(lines[2].mid(1), (QStringList{ "0", "page", "1" }));
+        QCOMPARE(lines[3].mid(1), (QStringList{ "1", "page", "2" }));
     }
 
     void configurationChangeResetsRuntimeState()

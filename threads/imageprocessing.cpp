@@ -22,7 +22,9 @@
 namespace {
 
 // Pixel formats the settings can ask the camera for, by image_fourcc code.
-const char *const fourccCodes[] = {"MJPG", "PIM1", "MP42", "DIV3", "DIVX", "U263", "I263", "FLV1"};
+const char *const fourccCodes[] = {
+    "MJPG", "PIM1", "MP42", "DIV3", "DIVX", "U263", "I263", "FLV1"
+};
 
 // Largest frame the preview path accepts; larger requests are capped to it.
 constexpr int maxPreviewWidth = 3264;
@@ -43,8 +45,8 @@ struct ExposureModes
 ExposureModes exposureModesFor(const cv::VideoCapture &cap)
 {
     if (cap.getBackendName() == "V4L2")
-        return {3, 1};
-    return {1, 0};
+        return { 3, 1 };
+    return { 1, 0 };
 }
 
 } // namespace
@@ -165,7 +167,8 @@ void ImageProcessing::run()
                 // nothing for now (stalled, or failed to open) is retried at
                 // a calm pace rather than in a busy loop.
                 if (cameraGone()) {
-                    lostCameraApi = cap.getBackendName() == "V4L2" ? int(cv::CAP_V4L2) : int(cv::CAP_ANY);
+                    lostCameraApi =
+                            cap.getBackendName() == "V4L2" ? int(cv::CAP_V4L2) : int(cv::CAP_ANY);
                     releaseNow();
                     reconnection.lost();
                     qDebug() << Q_FUNC_INFO << "camera" << driveId << "has gone; waiting for it";
@@ -265,7 +268,8 @@ void ImageProcessing::watchPageTurn()
         pageTurnWatched = run;
     }
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    if (pageTurnWatcher.feed(frame, std::chrono::duration_cast<std::chrono::milliseconds>(now).count()))
+    if (pageTurnWatcher.feed(frame,
+                             std::chrono::duration_cast<std::chrono::milliseconds>(now).count()))
         emit pageTurnSettled();
 }
 
@@ -295,8 +299,8 @@ cv::Mat ImageProcessing::currentFrame(qint64 *capturedNs)
 qint64 ImageProcessing::captureTime()
 {
     const qint64 now = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                           std::chrono::steady_clock::now().time_since_epoch())
-                           .count();
+                               std::chrono::steady_clock::now().time_since_epoch())
+                               .count();
     const qint64 stamp = qint64(cap.get(cv::CAP_PROP_POS_MSEC) * 1e6);
     return stamp > 0 && stamp <= now && now - stamp < 1000000000 ? stamp : now;
 }
@@ -388,7 +392,8 @@ void ImageProcessing::SetRecordVideo(bool on, QString path)
         recordSize = frame.size();
         openMjpgFile(*writer, path, loopRecordingRate, recordSize);
         qDebug() << Q_FUNC_INFO << "fourcc" << cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
-        loopRecording = std::make_unique<RecordingWriter>(std::make_unique<OpenCvVideoFile>(writer));
+        loopRecording =
+                std::make_unique<RecordingWriter>(std::make_unique<OpenCvVideoFile>(writer));
     } else if (writer) {
         writer->release();
     }
@@ -466,10 +471,10 @@ void ImageProcessing::takePhoto()
     // writes it: no copy is needed.
     cv::Mat processed;
     const std::vector<cv::RotatedRect> rects =
-        processMat(frame, processed, false, correction, shooting_type);
+            processMat(frame, processed, false, correction, shooting_type);
 
     const QList<QImage> images =
-        photoImages(processed, rects, work.sheets.quads, correction, angle, extras);
+            photoImages(processed, rects, work.sheets.quads, correction, angle, extras);
 
     const QString format = isSaveTiff ? QString("tiff") : Cache::config->image_codec;
     for (const QImage &image : images) {
@@ -583,7 +588,8 @@ void ImageProcessing::videoParameterSettings()
     cameraFps = cap.get(cv::CAP_PROP_FPS);
     // A camera sending MJPG hands over its own bytes: the loop decodes
     // them, and a recording can keep them as they are.
-    const bool mjpg = int(cap.get(cv::CAP_PROP_FOURCC)) == cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
+    const bool mjpg =
+            int(cap.get(cv::CAP_PROP_FOURCC)) == cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
     compressedFrames = mjpg && cap.set(cv::CAP_PROP_CONVERT_RGB, 0);
 }
 
@@ -688,7 +694,7 @@ QImage ImageProcessing::previewImage(const cv::Mat &raw)
     const bool drawsOnSource = correction != Correction::None && isColourOnly(shooting);
     if (drawsOnSource && !turned) {
         const std::vector<cv::RotatedRect> sheets =
-            processMat(raw, previewOut, false, correction, shooting);
+                processMat(raw, previewOut, false, correction, shooting);
         QImage &image = convertForPreview(previewOut);
         cv::Mat view = matView(image);
         const cv::Scalar bgr = outlineColour(correction);
@@ -734,9 +740,9 @@ QImage &ImageProcessing::previewBuffer(int width, int height, QImage::Format for
 // buffer, which may still be drawn on through the reference.
 QImage &ImageProcessing::convertForPreview(const cv::Mat &mat)
 {
-    QImage &image = previewBuffer(mat.cols, mat.rows,
-                                  mat.type() == CV_8UC1 ? QImage::Format_Indexed8
-                                                        : QImage::Format_RGB888);
+    QImage &image =
+            previewBuffer(mat.cols, mat.rows,
+                          mat.type() == CV_8UC1 ? QImage::Format_Indexed8 : QImage::Format_RGB888);
     copyMatIntoImage(mat, image);
     return image;
 }
@@ -749,10 +755,10 @@ QImage ImageProcessing::turnedPreviewImage(const cv::Mat &mat, int quarterTurns)
     if (mat.type() != CV_8UC3 && mat.type() != CV_8UC1)
         return handleQImage(MatQImage(mat));
     const QImage::Format format =
-        mat.type() == CV_8UC3 ? QImage::Format_RGB888 : QImage::Format_Indexed8;
+            mat.type() == CV_8UC3 ? QImage::Format_RGB888 : QImage::Format_Indexed8;
     const bool sideways = isSidewaysTurn(quarterTurns);
-    QImage &turned = previewBuffer(sideways ? mat.rows : mat.cols, sideways ? mat.cols : mat.rows,
-                                   format);
+    QImage &turned =
+            previewBuffer(sideways ? mat.rows : mat.cols, sideways ? mat.cols : mat.rows, format);
     turnMatIntoImage(mat, quarterTurns, turned);
     return turned;
 }
@@ -795,7 +801,6 @@ std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
 {
     return findSheets(src, cv::Mat(), correction_type, perspective, work);
 }
-
 
 void ImageProcessing::uprightAngleAndSize(const cv::RotatedRect &r, float &angle, cv::Size &size)
 {

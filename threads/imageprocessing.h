@@ -81,11 +81,11 @@ public:
     std::atomic<int> cameraCurrentExposure;
     std::atomic<int> correction_type;
     std::atomic<int> shooting_type;
-    std::atomic<bool> perspective{false}; // sheets by their four corners (extension)
+    std::atomic<bool> perspective{ false }; // sheets by their four corners (extension)
     // While on, every frame is watched for a turned page that has come to
     // rest; pageTurnSettled() then asks for a photo (extension).
-    std::atomic<bool> pageTurnSeries{false};
-    std::atomic<unsigned> pageTurnRun{0}; // counts the series started
+    std::atomic<bool> pageTurnSeries{ false };
+    std::atomic<unsigned> pageTurnRun{ 0 }; // counts the series started
     std::atomic<bool> isTakePhotoChildCamera;
     QImage child1; // with child2, guarded by childMutex
     QImage child2;
@@ -93,7 +93,7 @@ public:
     std::atomic<bool> isShow2;
     std::atomic<bool> isSaveTiff;
     std::atomic<bool> isCameraVideo;
-    std::atomic<double> cameraFps{0}; // the rate the open camera delivers
+    std::atomic<double> cameraFps{ 0 }; // the rate the open camera delivers
     QString cameraVideoPath;
 
     // Opening, closing and exposure are carried out by the loop between two
@@ -158,11 +158,11 @@ public:
     cv::Mat currentFrameBytes(qint64 *capturedNs, cv::Size *size);
     // Whether the open camera sends its own JPEG bytes (MJPG), which the
     // loop then decodes itself.
-    std::atomic<bool> compressedFrames{false};
+    std::atomic<bool> compressedFrames{ false };
     // The same, with the monotonic time the camera captured it.
     cv::Mat currentFrame(qint64 *capturedNs);
     // Frames the loop has made current so far.
-    std::atomic<unsigned> framesTaken{0};
+    std::atomic<unsigned> framesTaken{ 0 };
     // Whether the current frame comes from the camera as it is set up now:
     // read since its last opening, with no re-configuration asked for or
     // under way. Safe to call from any thread.
@@ -222,37 +222,37 @@ private:
     QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
     void watchPageTurn();
 
-    std::mutex capMutex;   // cap is opened by the GUI thread, read by the loop
+    std::mutex capMutex; // cap is opened by the GUI thread, read by the loop
     std::mutex frameMutex; // frame swaps against currentFrame()
     std::mutex childMutex; // child1/child2
-    cv::Mat readBuffer;    // the loop's next frame; swapped with frame
-    cv::Mat readBytes;     // its JPEG bytes (empty for pictures); swapped with frameBytes
-    cv::Mat readRaw;       // what the camera handed over, before any decode
-    cv::Mat frameBytes;    // the current frame's JPEG bytes, under frameMutex
-    qint64 readStamp = 0;  // capture times of readBuffer and frame, in
+    cv::Mat readBuffer; // the loop's next frame; swapped with frame
+    cv::Mat readBytes; // its JPEG bytes (empty for pictures); swapped with frameBytes
+    cv::Mat readRaw; // what the camera handed over, before any decode
+    cv::Mat frameBytes; // the current frame's JPEG bytes, under frameMutex
+    qint64 readStamp = 0; // capture times of readBuffer and frame, in
     qint64 frameStamp = 0; // monotonic nanoseconds
-    qint64 captureTime();  // of the frame cap just read (under capMutex)
+    qint64 captureTime(); // of the frame cap just read (under capMutex)
     // Bumped (under capMutex) whenever cap is opened or released, so that a
     // frame read ahead from a camera since closed is not shown. Starts at 1:
     // a read ahead that got nothing answers 0.
-    std::atomic<unsigned> capGeneration{1};
-    cv::Size recordSize;   // frame size of the thread-side recording
+    std::atomic<unsigned> capGeneration{ 1 };
+    cv::Size recordSize; // frame size of the thread-side recording
     std::unique_ptr<RecordingWriter> loopRecording; // writes the thread-side recording
 
     // Requests of other threads, carried out by the loop. Every open asked
     // for bumps openSerial; openWanted says whether the camera should be
     // open at all (a close asked after an open wins, and the other way).
-    std::atomic<bool> openWanted{false};
-    std::atomic<unsigned> openSerial{0};
+    std::atomic<bool> openWanted{ false };
+    std::atomic<unsigned> openSerial{ 0 };
     unsigned openSerialDone = 0; // the loop's own
-    std::atomic<unsigned> openSerialDoneShared{0};
-    std::atomic<bool> exposurePending{false};
-    std::atomic<bool> exposureAsked{false};
-    std::atomic<bool> reopening{false};       // the loop is closing and opening the camera
-    std::atomic<unsigned> frameGeneration{0}; // capGeneration the current frame was read from
-    bool capOpen = false;                     // the loop's own: cap opened and not released since
-    Reconnection reconnection;                // the loop's own
-    int lostCameraApi = 0;                    // the back end of the camera that went away
+    std::atomic<unsigned> openSerialDoneShared{ 0 };
+    std::atomic<bool> exposurePending{ false };
+    std::atomic<bool> exposureAsked{ false };
+    std::atomic<bool> reopening{ false }; // the loop is closing and opening the camera
+    std::atomic<unsigned> frameGeneration{ 0 }; // capGeneration the current frame was read from
+    bool capOpen = false; // the loop's own: cap opened and not released since
+    Reconnection reconnection; // the loop's own
+    int lostCameraApi = 0; // the back end of the camera that went away
 
     // Per-frame working buffers of the thread that processes frames, kept
     // from one frame to the next: allocating them anew costs page faults on
@@ -265,14 +265,14 @@ private:
     QImage previewImages[4]; // handed out again once nobody else holds them
     QImage spareImage;
 
-    std::atomic<int> previewAreaWidth{0};
-    std::atomic<int> previewAreaHeight{0};
+    std::atomic<int> previewAreaWidth{ 0 };
+    std::atomic<int> previewAreaHeight{ 0 };
     PreviewFitter previewFitter; // used by the loop only
     PageTurnWatcher pageTurnWatcher; // used by the loop only
-    unsigned pageTurnWatched = 0;    // the series the watcher last saw
-    std::mutex fittedMutex;      // fitted and fittedKey
-    QImage fitted;               // the last preview picture at its shown size
-    qint64 fittedKey = 0;        // cacheKey() of the picture it was made from
+    unsigned pageTurnWatched = 0; // the series the watcher last saw
+    std::mutex fittedMutex; // fitted and fittedKey
+    QImage fitted; // the last preview picture at its shown size
+    qint64 fittedKey = 0; // cacheKey() of the picture it was made from
 
     // The read of the frame after the current one: it owns readBuffer until
     // it is taken, and answers the camera's generation it read from (0 when

@@ -26,10 +26,11 @@ QImage PreviewFitter::fit(const QImage &picture, QSize size)
         return QImage();
     if (size == picture.size())
         return picture;
-    const bool halving = 2 * size.width() <= picture.width() && 2 * size.height() <= picture.height();
-    const int channels = picture.format() == QImage::Format_RGB888    ? 3
-                         : picture.format() == QImage::Format_Indexed8 ? 1
-                                                                        : 0;
+    const bool halving =
+            2 * size.width() <= picture.width() && 2 * size.height() <= picture.height();
+    const int channels = picture.format() == QImage::Format_RGB888 ? 3
+            : picture.format() == QImage::Format_Indexed8          ? 1
+                                                                   : 0;
     if (halving && channels != 0)
         return averagedDown(picture, size, channels);
     return picture.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
@@ -57,7 +58,8 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
                 if (bottom <= top)
                     continue;
                 cv::Mat rows = half.rowRange(top, bottom);
-                cv::resize(even.rowRange(2 * top, 2 * bottom), rows, rows.size(), 0, 0, cv::INTER_AREA);
+                cv::resize(even.rowRange(2 * top, 2 * bottom), rows, rows.size(), 0, 0,
+                           cv::INTER_AREA);
             }
         });
         source = half;
@@ -66,7 +68,8 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
     // neighbours would skip thin lines; Qt's smooth scaling of the (now
     // small) picture averages them.
     if (5 * source.cols > 6 * size.width() || 5 * source.rows > 6 * size.height()) {
-        const QImage::Format format = channels == 3 ? QImage::Format_RGB888 : QImage::Format_Indexed8;
+        const QImage::Format format =
+                channels == 3 ? QImage::Format_RGB888 : QImage::Format_Indexed8;
         QImage halved(source.data, source.cols, source.rows, int(source.step), format);
         if (channels == 1)
             halved.setColorTable(picture.colorTable());

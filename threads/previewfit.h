@@ -22,7 +22,7 @@ private:
     QImage averagedDown(const QImage &picture, QSize size, int channels);
 
     cv::Mat halves[2]; // successive halvings of the picture
-    cv::Mat lastStep;  // the interpolated last step of a colour picture
+    cv::Mat lastStep; // the interpolated last step of a colour picture
 };
 
 #endif // PREVIEWFIT_H

@@ -30,8 +30,8 @@ RecordingWriter::~RecordingWriter()
 int64_t RecordingWriter::monotonicNs()
 {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
 }
 
 bool RecordingWriter::offer(cv::Mat frame, int64_t capturedNs)
@@ -40,7 +40,7 @@ bool RecordingWriter::offer(cv::Mat frame, int64_t capturedNs)
         std::lock_guard<std::mutex> guard(lock);
         if (closing || queue.size() >= capacity)
             return false;
-        queue.push_back(Frame{std::move(frame), capturedNs});
+        queue.push_back(Frame{ std::move(frame), capturedNs });
     }
     wake.notify_one();
     return true;
@@ -53,7 +53,7 @@ bool RecordingWriter::offerWaiting(cv::Mat frame, int64_t capturedNs)
         roomMade.wait(guard, [this] { return closing || queue.size() < capacity; });
         if (closing)
             return false;
-        queue.push_back(Frame{std::move(frame), capturedNs});
+        queue.push_back(Frame{ std::move(frame), capturedNs });
     }
     wake.notify_one();
     return true;

@@ -58,7 +58,8 @@ public:
     static int64_t monotonicNs();
 
 private:
-    struct Frame {
+    struct Frame
+    {
         cv::Mat picture;
         int64_t capturedNs;
     };
@@ -71,13 +72,13 @@ private:
     const std::size_t capacity;
     std::deque<Frame> queue;
     std::mutex lock;
-    std::condition_variable wake;     // the writer: frames, input or the end
+    std::condition_variable wake; // the writer: frames, input or the end
     std::condition_variable roomMade; // offerWaiting: the queue shrank
     bool closing = false;
-    bool nudged = false;               // the file has input of its own
-    std::string watchedFolder;         // set before the first frame, read by the worker
-    bool full = false;                 // guarded by lock
-    unsigned long long written = 0;    // the worker's own
+    bool nudged = false; // the file has input of its own
+    std::string watchedFolder; // set before the first frame, read by the worker
+    bool full = false; // guarded by lock
+    unsigned long long written = 0; // the worker's own
     std::thread worker;
 };
 

@@ -9,7 +9,7 @@ std::optional<ShownBox> answerShownBox()
     auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
     if (!box || !box->isVisible())
         return std::nullopt;
-    ShownBox shown{box->windowTitle(), box->text(), {}};
+    ShownBox shown{ box->windowTitle(), box->text(), {} };
     for (QAbstractButton *button : box->buttons())
         shown.buttons << button->text();
     if (QAbstractButton *ok = box->button(QMessageBox::Ok))

@@ -21,15 +21,18 @@
 #include <vector>
 
 namespace QTest {
-template<> inline char *toString(const cv::Vec3b &v)
+template<>
+inline char *toString(const cv::Vec3b &v)
 {
     return qstrdup(QString("(%1,%2,%3)").arg(v[0]).arg(v[1]).arg(v[2]).toLatin1().constData());
 }
-template<> inline char *toString(const cv::Size &s)
+template<>
+inline char *toString(const cv::Size &s)
 {
     return qstrdup(QString("%1x%2").arg(s.width).arg(s.height).toLatin1().constData());
 }
-template<> inline char *toString(const cv::Point2f &p)
+template<>
+inline char *toString(const cv::Point2f &p)
 {
     return qstrdup(QString("(%1,%2)").arg(double(p.x)).arg(double(p.y)).toLatin1().constData());
 }
@@ -47,8 +50,11 @@ inline bool sameRect(const cv::RotatedRect &a, const cv::RotatedRect &b)
 inline QString describe(const cv::RotatedRect &r)
 {
     return QString("centre (%1,%2) size %3x%4 angle %5")
-        .arg(double(r.center.x)).arg(double(r.center.y))
-        .arg(double(r.size.width)).arg(double(r.size.height)).arg(double(r.angle));
+            .arg(double(r.center.x))
+            .arg(double(r.center.y))
+            .arg(double(r.size.width))
+            .arg(double(r.size.height))
+            .arg(double(r.angle));
 }
 
 inline QString describe(const std::vector<cv::RotatedRect> &list)
@@ -59,18 +65,18 @@ inline QString describe(const std::vector<cv::RotatedRect> &list)
     return QString("[%1]").arg(parts.join("; "));
 }
 
-#define COMPARE_RECTS(actual, expected)                                                   \
-    QVERIFY2(sameRect((actual), (expected)),                                              \
-             qPrintable(describe(actual) + " != " + describe(expected)))
+#define COMPARE_RECTS(actual, expected)    \
+  QVERIFY2(sameRect((actual), (expected)), \
+           qPrintable(describe(actual) + " != " + describe(expected)))
 
-#define COMPARE_RECT_LISTS(actual, expected)                                              \
-    do {                                                                                  \
-        const std::vector<cv::RotatedRect> a_ = (actual), e_ = (expected);                \
-        bool same_ = a_.size() == e_.size();                                              \
-        for (size_t i_ = 0; same_ && i_ < a_.size(); ++i_)                                \
-            same_ = sameRect(a_[i_], e_[i_]);                                             \
-        QVERIFY2(same_, qPrintable(describe(a_) + " != " + describe(e_)));                \
-    } while (false)
+#define COMPARE_RECT_LISTS(actual, expected)                           \
+  do {                                                                 \
+    const std::vector<cv::RotatedRect> a_ = (actual), e_ = (expected); \
+    bool same_ = a_.size() == e_.size();                               \
+    for (size_t i_ = 0; same_ && i_ < a_.size(); ++i_)                 \
+      same_ = sameRect(a_[i_], e_[i_]);                                \
+    QVERIFY2(same_, qPrintable(describe(a_) + " != " + describe(e_))); \
+  } while (false)
 
 // A dark desk with a gentle gradient, so that nothing on it is bright.
 inline cv::Mat desk(cv::Size size)
@@ -79,7 +85,8 @@ inline cv::Mat desk(cv::Size size)
     for (int y = 0; y < size.height; ++y) {
         cv::Vec3b *row = img.ptr<cv::Vec3b>(y);
         for (int x = 0; x < size.width; ++x)
-            row[x] = cv::Vec3b(uchar(35 + 20 * x / size.width), uchar(38 + 15 * y / size.height), 42);
+            row[x] = cv::Vec3b(uchar(35 + 20 * x / size.width), uchar(38 + 15 * y / size.height),
+                               42);
     }
     return img;
 }
@@ -106,7 +113,8 @@ inline cv::Mat documentFrame(bool twoSheets)
     fillRotated(img, bigSheet, cv::Scalar(235, 240, 242));
     for (int y = 240; y <= 360; y += 20)
         cv::line(img, cv::Point(160, y), cv::Point(300, y + 10), cv::Scalar(30, 30, 30), 2);
-    cv::rectangle(img, cv::Point(200, 330), cv::Point(240, 360), cv::Scalar(40, 60, 200), cv::FILLED);
+    cv::rectangle(img, cv::Point(200, 330), cv::Point(240, 360), cv::Scalar(40, 60, 200),
+                  cv::FILLED);
     cv::rectangle(img, cv::Point(600, 20), cv::Point(700, 90), cv::Scalar(200, 80, 20), cv::FILLED);
     if (twoSheets) {
         fillRotated(img, smallSheet, cv::Scalar(230, 238, 236));
@@ -137,7 +145,8 @@ inline float area(const cv::RotatedRect &r)
     return r.size.width * r.size.height;
 }
 
-inline void drawExpectedOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &list, const cv::Scalar &colour)
+inline void drawExpectedOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &list,
+                                 const cv::Scalar &colour)
 {
     for (const cv::RotatedRect &r : list) {
         if (area(r) <= sheetArea)
@@ -162,7 +171,8 @@ inline cv::Mat referenceColourMode(const cv::Mat &src, int mode)
     case 2:
     case 3:
         cv::cvtColor(src, grey, cv::COLOR_BGR2GRAY);
-        cv::adaptiveThreshold(grey, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 25, 20);
+        cv::adaptiveThreshold(grey, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 25,
+                              20);
         cv::cvtColor(bin, binBgr, cv::COLOR_GRAY2BGR);
         if (mode == 2)
             return binBgr;
@@ -239,7 +249,7 @@ inline cv::Mat numberedMat(int rows, int cols, int type)
     return m;
 }
 
-} // namespace
+} // namespace framecases
 
 using namespace framecases;
 

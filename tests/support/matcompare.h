@@ -10,10 +10,10 @@
 QString matDifference(const cv::Mat &a, const cv::Mat &b);
 
 // Fails the current test with matDifference's words when the pixels differ.
-#define COMPARE_MATS(actual, expected)                                                    \
-    do {                                                                                  \
-        const QString d_ = matDifference((actual), (expected));                           \
-        QVERIFY2(d_.isEmpty(), qPrintable(d_));                                           \
-    } while (false)
+#define COMPARE_MATS(actual, expected)                      \
+  do {                                                      \
+    const QString d_ = matDifference((actual), (expected)); \
+    QVERIFY2(d_.isEmpty(), qPrintable(d_));                 \
+  } while (false)
 
 #endif // MATCOMPARE_H

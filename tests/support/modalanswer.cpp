@@ -100,7 +100,9 @@ void writeStartupReport(const QString &folder)
     QStringList sizes;
     for (const QSize &size : config->resolutions)
         sizes << QString("%1x%2").arg(size.width()).arg(size.height());
-    report.write(QString("exe_path=%1\nresolutions=%2\n").arg(config->exe_path, sizes.join(',')).toUtf8());
+    report.write(QString("exe_path=%1\nresolutions=%2\n")
+                         .arg(config->exe_path, sizes.join(','))
+                         .toUtf8());
 }
 
 } // namespace
@@ -108,7 +110,7 @@ void writeStartupReport(const QString &folder)
 void QSplashScreen::setPixmap(const QPixmap &pixmap)
 {
     static const auto real = reinterpret_cast<void (*)(QSplashScreen *, const QPixmap &)>(
-        dlsym(RTLD_NEXT, "_ZN13QSplashScreen9setPixmapERK7QPixmap"));
+            dlsym(RTLD_NEXT, "_ZN13QSplashScreen9setPixmapERK7QPixmap"));
     const QString folder = reportFolder();
     if (!folder.isEmpty())
         pixmap.save(folder + "/splash.png");
@@ -118,7 +120,8 @@ void QSplashScreen::setPixmap(const QPixmap &pixmap)
 // Everything main does before the event loop is done when it asks for it.
 int QApplication::exec()
 {
-    static const auto real = reinterpret_cast<int (*)()>(dlsym(RTLD_NEXT, "_ZN12QApplication4execEv"));
+    static const auto real =
+            reinterpret_cast<int (*)()>(dlsym(RTLD_NEXT, "_ZN12QApplication4execEv"));
     const QString folder = reportFolder();
     if (!folder.isEmpty())
         writeStartupReport(folder);
@@ -130,8 +133,8 @@ QMessageBox::StandardButton QMessageBox::warning(QWidget *parent, const QString 
                                                  StandardButton defaultButton)
 {
     static const auto real = reinterpret_cast<WarningFunction>(dlsym(
-        RTLD_NEXT,
-        "_ZN11QMessageBox7warningEP7QWidgetRK7QStringS4_6QFlagsINS_14StandardButtonEES6_"));
+            RTLD_NEXT,
+            "_ZN11QMessageBox7warningEP7QWidgetRK7QStringS4_6QFlagsINS_14StandardButtonEES6_"));
     answerWhenShown();
     return real(parent, title, text, buttons, defaultButton);
 }

@@ -55,5 +55,5 @@ QString rgb(QRgb c)
 bool near(QRgb a, const QColor &b, int tolerance)
 {
     return std::abs(qRed(a) - b.red()) <= tolerance && std::abs(qGreen(a) - b.green()) <= tolerance
-        && std::abs(qBlue(a) - b.blue()) <= tolerance;
+            && std::abs(qBlue(a) - b.blue()) <= tolerance;
 }

@@ -38,7 +38,7 @@ QList<Piece> piecesOf(const QString &paragraph)
     QString latin;
     auto flush = [&]() {
         if (!latin.isEmpty()) {
-            pieces.append({latin, gap});
+            pieces.append({ latin, gap });
             gap = false;
             latin.clear();
         }
@@ -51,7 +51,7 @@ QList<Piece> piecesOf(const QString &paragraph)
             latin += c;
         } else {
             flush();
-            pieces.append({QString(c), gap});
+            pieces.append({ QString(c), gap });
             gap = false;
         }
     }
@@ -89,8 +89,8 @@ int wordsInOrder(const QStringList &expected, const QStringList &found)
         row[0] = 0;
         for (int j = 0; j < found.size(); ++j)
             row[size_t(j) + 1] = expected.at(i) == found.at(j)
-                ? previous[size_t(j)] + 1
-                : std::max(previous[size_t(j) + 1], row[size_t(j)]);
+                    ? previous[size_t(j)] + 1
+                    : std::max(previous[size_t(j) + 1], row[size_t(j)]);
     }
     return row.back();
 }
@@ -132,12 +132,15 @@ PrintedPage printPage(const QStringList &paragraphs, double pointSize, bool port
             if (words.size() == 1) {
                 const int at = piece.text.indexOf(words.first());
                 const double start = left + metrics.horizontalAdvance(piece.text.left(at));
-                const QRectF ink = metrics.tightBoundingRect(words.first()).translated(start, baseline);
-                page.words.append({words.first(), QRectF(ink.left() / size.width(), ink.top() / size.height(),
-                                                         ink.width() / size.width(), ink.height() / size.height())});
+                const QRectF ink =
+                        metrics.tightBoundingRect(words.first()).translated(start, baseline);
+                page.words.append(
+                        { words.first(),
+                          QRectF(ink.left() / size.width(), ink.top() / size.height(),
+                                 ink.width() / size.width(), ink.height() / size.height()) });
             } else {
                 for (const QString &word : words)
-                    page.words.append({word, QRectF()});
+                    page.words.append({ word, QRectF() });
             }
             x = left + width;
         }
@@ -153,7 +156,8 @@ QImage onDesk(const QImage &sheet, const QSize &picture, double fill)
     const QSize fitted = sheet.size().scaled(picture * fill, Qt::KeepAspectRatio);
     QPainter p(&desk);
     p.setRenderHint(QPainter::SmoothPixmapTransform);
-    p.drawImage(QRect(QPoint((picture.width() - fitted.width()) / 2, (picture.height() - fitted.height()) / 2),
+    p.drawImage(QRect(QPoint((picture.width() - fitted.width()) / 2,
+                             (picture.height() - fitted.height()) / 2),
                       fitted),
                 sheet);
     return desk;

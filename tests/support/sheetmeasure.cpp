@@ -6,7 +6,8 @@
 #include <cmath>
 #include <vector>
 
-double cornerError(const std::array<cv::Point2d, 4> &truth, const cv::Point2f *found, cv::Size frame)
+double cornerError(const std::array<cv::Point2d, 4> &truth, const cv::Point2f *found,
+                   cv::Size frame)
 {
     double worst = 0;
     for (const cv::Point2d &t : truth) {
@@ -23,7 +24,8 @@ namespace {
 // The ruled line near one edge of the cut-out: the ink's centre across a
 // band around where it belongs, at many places along it; its angle to the
 // edge and its points' spread about the fitted line.
-void ruledLine(const cv::Mat &grey, double inset, bool horizontal, bool far, double &angle, double &spread)
+void ruledLine(const cv::Mat &grey, double inset, bool horizontal, bool far, double &angle,
+               double &spread)
 {
     const int along = horizontal ? grey.cols : grey.rows;
     const int across = horizontal ? grey.rows : grey.cols;
@@ -60,8 +62,8 @@ void ruledLine(const cv::Mat &grey, double inset, bool horizontal, bool far, dou
 
 } // namespace
 
-Measure measure(const cv::Mat &cut, const std::array<cv::Point2d, 4> &truth, const cv::Point2f *found,
-                cv::Size frame, double inset)
+Measure measure(const cv::Mat &cut, const std::array<cv::Point2d, 4> &truth,
+                const cv::Point2f *found, cv::Size frame, double inset)
 {
     Measure m = measureCut(cut, inset);
     m.cornerError = cornerError(truth, found, frame);
@@ -83,16 +85,18 @@ Measure measureCut(const cv::Mat &cut, double inset)
     cv::cvtColor(cut, grey, cv::COLOR_BGR2GRAY);
     // Patches of 3% of the short side, two pixels in from each corner.
     const int s = std::max(4, int(0.03 * shortSide));
-    const cv::Point at[4] = {{2, 2}, {cut.cols - 2 - s, 2}, {cut.cols - 2 - s, cut.rows - 2 - s},
-                             {2, cut.rows - 2 - s}};
+    const cv::Point at[4] = { { 2, 2 },
+                              { cut.cols - 2 - s, 2 },
+                              { cut.cols - 2 - s, cut.rows - 2 - s },
+                              { 2, cut.rows - 2 - s } };
     for (const cv::Point &p : at) {
         double lowest = 0;
         cv::minMaxLoc(grey(cv::Rect(p, cv::Size(s, s))), &lowest);
         if (lowest < 128)
             ++m.darkCorners;
     }
-    for (bool horizontal : {true, false}) {
-        for (bool far : {false, true}) {
+    for (bool horizontal : { true, false }) {
+        for (bool far : { false, true }) {
             double angle = 0, spread = 0;
             ruledLine(grey, inset, horizontal, far, angle, spread);
             m.lineAngle = std::max(m.lineAngle, angle);
@@ -105,10 +109,9 @@ Measure measureCut(const cv::Mat &cut, double inset)
 QString describe(const Measure &m)
 {
     return QString("corner %1% aspect %2% lines %3deg (rms %4px) dark corners %5")
-        .arg(100 * m.cornerError, 0, 'f', 3)
-        .arg(100 * m.aspectError, 0, 'f', 2)
-        .arg(m.lineAngle, 0, 'f', 2)
-        .arg(m.lineSpread, 0, 'f', 2)
-        .arg(m.darkCorners);
+            .arg(100 * m.cornerError, 0, 'f', 3)
+            .arg(100 * m.aspectError, 0, 'f', 2)
+            .arg(m.lineAngle, 0, 'f', 2)
+            .arg(m.lineSpread, 0, 'f', 2)
+            .arg(m.darkCorners);
 }
-

@@ -60,27 +60,28 @@ VirtualMicrophone::VirtualMicrophone()
         problem = QStringLiteral("cannot write the daemon's script");
         return;
     }
-    script.write(QStringLiteral("load-module module-native-protocol-unix auth-anonymous=1 socket=%1\n"
-                                "load-module module-null-sink sink_name=brivora_test_sink\n")
-                     .arg(socket)
-                     .toUtf8());
+    script.write(
+            QStringLiteral("load-module module-native-protocol-unix auth-anonymous=1 socket=%1\n"
+                           "load-module module-null-sink sink_name=brivora_test_sink\n")
+                    .arg(socket)
+                    .toUtf8());
     script.close();
     qputenv("PULSE_SERVER", QByteArray("unix:") + socket.toLocal8Bit());
 
     // The daemon writes its process id to $XDG_RUNTIME_DIR/pulse/pid, where
     // the isolated test runner finds it should this process die first.
     if (!QProcess::startDetached(QStringLiteral("pulseaudio"),
-                                 {QStringLiteral("--daemonize=no"), QStringLiteral("--system=no"),
-                                  QStringLiteral("--exit-idle-time=-1"), QStringLiteral("-n"),
-                                  QStringLiteral("--use-pid-file=yes"), QStringLiteral("-F"),
-                                  script.fileName()},
+                                 { QStringLiteral("--daemonize=no"), QStringLiteral("--system=no"),
+                                   QStringLiteral("--exit-idle-time=-1"), QStringLiteral("-n"),
+                                   QStringLiteral("--use-pid-file=yes"), QStringLiteral("-F"),
+                                   script.fileName() },
                                  dir, &daemonPid)) {
         problem = QStringLiteral("pulseaudio does not start");
         return;
     }
     QElapsedTimer clock;
     clock.start();
-    while (!pactl({QStringLiteral("info")})) {
+    while (!pactl({ QStringLiteral("info") })) {
         if (clock.elapsed() > startDeadlineMs || !alive(daemonPid)) {
             problem = QStringLiteral("the sound server does not answer");
             return;
@@ -96,24 +97,24 @@ VirtualMicrophone::VirtualMicrophone()
 
 bool VirtualMicrophone::plugIn()
 {
-    return pactl({QStringLiteral("load-module"), QStringLiteral("module-pipe-source"),
-                  QStringLiteral("source_name=%1").arg(sourceName), QStringLiteral("file=%1").arg(fifo),
-                  QStringLiteral("format=s16le"), QStringLiteral("rate=48000"),
-                  QStringLiteral("channels=1")},
+    return pactl({ QStringLiteral("load-module"), QStringLiteral("module-pipe-source"),
+                   QStringLiteral("source_name=%1").arg(sourceName),
+                   QStringLiteral("file=%1").arg(fifo), QStringLiteral("format=s16le"),
+                   QStringLiteral("rate=48000"), QStringLiteral("channels=1") },
                  &sourceModule)
-           && pactl({QStringLiteral("load-module"), QStringLiteral("module-loopback"),
-                     QStringLiteral("source=%1").arg(sourceName),
-                     QStringLiteral("sink=brivora_test_sink")})
-           && pactl({QStringLiteral("set-default-source"), QString::fromLatin1(sourceName)});
+            && pactl({ QStringLiteral("load-module"), QStringLiteral("module-loopback"),
+                       QStringLiteral("source=%1").arg(sourceName),
+                       QStringLiteral("sink=brivora_test_sink") })
+            && pactl({ QStringLiteral("set-default-source"), QString::fromLatin1(sourceName) });
 }
 
 bool VirtualMicrophone::feed(const Tone &tone)
 {
     stopProcess(feederPid);
-    QStringList arguments{QStringLiteral("--fifo"), fifo,
-                          QStringLiteral("--tone"), QString::number(tone.hz),
-                          QStringLiteral("--level"), QString::number(tone.level),
-                          QStringLiteral("--drift"), QString::number(tone.drift)};
+    QStringList arguments{ QStringLiteral("--fifo"),  fifo,
+                           QStringLiteral("--tone"),  QString::number(tone.hz),
+                           QStringLiteral("--level"), QString::number(tone.level),
+                           QStringLiteral("--drift"), QString::number(tone.drift) };
     if (tone.beepPeriodMs > 0)
         arguments << QStringLiteral("--beep-period-ms") << QString::number(tone.beepPeriodMs)
                   << QStringLiteral("--beep-ms") << QString::number(tone.beepMs);
@@ -149,13 +150,14 @@ bool VirtualMicrophone::pactl(const QStringList &arguments, QString *output)
 
 bool VirtualMicrophone::unplug()
 {
-    return !sourceModule.isEmpty() && pactl({QStringLiteral("unload-module"), sourceModule});
+    return !sourceModule.isEmpty() && pactl({ QStringLiteral("unload-module"), sourceModule });
 }
 
 void VirtualMicrophone::pointAtNoServer()
 {
     const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR", QDir::tempPath());
-    qputenv("PULSE_SERVER", QByteArray("unix:") + QDir(runtime).filePath("no-such-server").toLocal8Bit());
+    qputenv("PULSE_SERVER",
+            QByteArray("unix:") + QDir(runtime).filePath("no-such-server").toLocal8Bit());
 }
 
 double RecordedFile::videoSeconds() const
@@ -165,7 +167,8 @@ double RecordedFile::videoSeconds() const
 
 double RecordedFile::audioSeconds() const
 {
-    return sampleRate > 0 ? double(samples.size()) / double(sampleRate) / std::max(1, channels) : 0.0;
+    return sampleRate > 0 ? double(samples.size()) / double(sampleRate) / std::max(1, channels)
+                          : 0.0;
 }
 
 RecordedFile readRecording(const QString &path)
@@ -202,7 +205,8 @@ RecordedFile readRecording(const QString &path)
     while (av_read_frame(context, packet) >= 0) {
         if (packet->stream_index == video) {
             const int64_t pts = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-            file.videoTicks = std::max<int64_t>(file.videoTicks, pts + std::max<int64_t>(1, packet->duration));
+            file.videoTicks = std::max<int64_t>(file.videoTicks,
+                                                pts + std::max<int64_t>(1, packet->duration));
             if (packet->size > 0) {
                 file.framePts.push_back(pts);
                 file.frames.emplace_back(packet->data, packet->data + packet->size);
@@ -303,17 +307,18 @@ std::vector<double> syncOffsets(const Onsets &onsets)
 
 QString structureOf(const RecordedFile &file)
 {
-    return QStringLiteral("streams %1; video %2 %3x%4, time base %5/%6, %7 fps; audio %8 %9 Hz %10 ch")
-        .arg(file.streams)
-        .arg(file.videoCodec)
-        .arg(file.width)
-        .arg(file.height)
-        .arg(file.timeBaseNum)
-        .arg(file.timeBaseDen)
-        .arg(file.frameRate)
-        .arg(file.audioCodec.isEmpty() ? QStringLiteral("none") : file.audioCodec)
-        .arg(file.sampleRate)
-        .arg(file.channels);
+    return QStringLiteral(
+                   "streams %1; video %2 %3x%4, time base %5/%6, %7 fps; audio %8 %9 Hz %10 ch")
+            .arg(file.streams)
+            .arg(file.videoCodec)
+            .arg(file.width)
+            .arg(file.height)
+            .arg(file.timeBaseNum)
+            .arg(file.timeBaseDen)
+            .arg(file.frameRate)
+            .arg(file.audioCodec.isEmpty() ? QStringLiteral("none") : file.audioCodec)
+            .arg(file.sampleRate)
+            .arg(file.channels);
 }
 
 QString writeReferenceRecording(const QString &path, int width, int height)
@@ -333,7 +338,7 @@ QString differsFromSilentRecording(const QString &path, const QString &scratchDi
     if (!file.ok)
         return QStringLiteral("%1 cannot be read").arg(path);
     const RecordedFile reference = readRecording(writeReferenceRecording(
-        QDir(scratchDir).filePath(QStringLiteral("reference.avi")), file.width, file.height));
+            QDir(scratchDir).filePath(QStringLiteral("reference.avi")), file.width, file.height));
     const QString mine = structureOf(file), theirs = structureOf(reference);
     return mine == theirs ? QString() : mine + QStringLiteral(" instead of ") + theirs;
 }

@@ -14,11 +14,12 @@
 class VirtualMicrophone
 {
 public:
-    struct Tone {
+    struct Tone
+    {
         double hz = 1000.0;
-        double level = 0.5;     // peak, fraction of full scale
-        double drift = 0.0;     // the microphone's clock against the system's
-        int beepPeriodMs = 0;   // 0: a steady tone
+        double level = 0.5; // peak, fraction of full scale
+        double drift = 0.0; // the microphone's clock against the system's
+        int beepPeriodMs = 0; // 0: a steady tone
         int beepMs = 100;
     };
 
@@ -65,10 +66,10 @@ struct RecordedFile
     int width = 0;
     int height = 0;
     int timeBaseNum = 0, timeBaseDen = 0;
-    double frameRate = 0;            // the stream's average rate
-    std::vector<int64_t> framePts;   // frames with pictures, on the stream's clock
+    double frameRate = 0; // the stream's average rate
+    std::vector<int64_t> framePts; // frames with pictures, on the stream's clock
     std::vector<std::vector<unsigned char>> frames; // their bytes (JPEG)
-    int64_t videoTicks = 0;          // ticks covered, empty frames included
+    int64_t videoTicks = 0; // ticks covered, empty frames included
     // The audio stream (none when audioCodec is empty).
     QString audioCodec;
     int sampleRate = 0;
@@ -96,7 +97,8 @@ double frequencyOf(const std::vector<int16_t> &samples, std::size_t from, std::s
 
 // Sync marks in a recording: white frames after a dark one, and loud sound
 // after 300 ms of quiet, in seconds into the file.
-struct Onsets {
+struct Onsets
+{
     std::vector<double> video;
     std::vector<double> audio;
     int uncertain = 0; // flashes right after a missing frame, left out

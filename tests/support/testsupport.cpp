@@ -23,7 +23,7 @@ ModalAnswerer::ModalAnswerer(QObject *parent) : QObject(parent)
 void ModalAnswerer::poll()
 {
     if (const std::optional<ShownBox> box = answerShownBox())
-        boxes.append({box->title, box->text});
+        boxes.append({ box->title, box->text });
 }
 
 QProcessEnvironment cleanEnvironment()
@@ -51,35 +51,35 @@ QMap<QString, QString> readVirtualCameraState(const QString &dir, int node)
 QList<QPair<QString, QVariant>> factorySettings(const QString &documentsFolder)
 {
     return {
-        {"camera/index", 0},
-        {"camera/exposure", -3},
-        {"image/fourcc", 0},
-        {"image/resolution", 0},
-        {"image/out_resolution", 3},
-        {"image/codec", "jpg"},
-        {"image/shooting_time", 5},
-        {"image/quality", 80},
-        {"save/type", 0},
-        {"save/prefix", "IMG"},
-        {"save/number", 1},
-        {"save/playsound", true},
-        {"save/merge_source", true},
-        {"save/pdf_source", true},
-        {"watermark/text", ""},
-        {"watermark/time", false},
-        {"watermark/color", "ff000000"},
-        {"watermark/font_family", "Arial"},
-        {"watermark/font_size", 100},
-        {"watermark/font_styleName", "Regular"},
-        {"watermark/strikeOut", false},
-        {"watermark/underline", false},
-        {"watermark/transparency", 50},
-        {"watermark/x", 50},
-        {"watermark/y", 50},
-        {"painting/percentage", 30},
-        {"painting/main_resolution", 5},
-        {"painting/other_resolution", 5},
-        {"user/documentsLocation", documentsFolder},
+        { "camera/index", 0 },
+        { "camera/exposure", -3 },
+        { "image/fourcc", 0 },
+        { "image/resolution", 0 },
+        { "image/out_resolution", 3 },
+        { "image/codec", "jpg" },
+        { "image/shooting_time", 5 },
+        { "image/quality", 80 },
+        { "save/type", 0 },
+        { "save/prefix", "IMG" },
+        { "save/number", 1 },
+        { "save/playsound", true },
+        { "save/merge_source", true },
+        { "save/pdf_source", true },
+        { "watermark/text", "" },
+        { "watermark/time", false },
+        { "watermark/color", "ff000000" },
+        { "watermark/font_family", "Arial" },
+        { "watermark/font_size", 100 },
+        { "watermark/font_styleName", "Regular" },
+        { "watermark/strikeOut", false },
+        { "watermark/underline", false },
+        { "watermark/transparency", 50 },
+        { "watermark/x", 50 },
+        { "watermark/y", 50 },
+        { "painting/percentage", 30 },
+        { "painting/main_resolution", 5 },
+        { "painting/other_resolution", 5 },
+        { "user/documentsLocation", documentsFolder },
     };
 }
 

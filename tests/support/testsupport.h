@@ -43,9 +43,9 @@ struct ProgramRun
     int exitCode = -1000;
     bool crashed = false;
     bool finished = false;
-    QString output;        // standard output and error together
-    QString errorOutput;   // standard error alone
-    QStringList boxes;     // "title\ttext" per warning box shown
+    QString output; // standard output and error together
+    QString errorOutput; // standard error alone
+    QStringList boxes; // "title\ttext" per warning box shown
     QStringList boxButtons; // per box: its buttons' texts joined by "|"
 };
 
@@ -54,8 +54,8 @@ struct ProgramRun
 // its defaults) and the box answerer preloaded. quitAfterMs > 0 asks the
 // program to quit after that long.
 ProgramRun runProgram(const QString &workDir, const QString &home,
-                      const QMap<QString, QString> &vcam, int quitAfterMs,
-                      int timeoutMs = 60000, const QString &program = QString());
+                      const QMap<QString, QString> &vcam, int quitAfterMs, int timeoutMs = 60000,
+                      const QString &program = QString());
 
 // Whether the test runs under user-mode emulation (an arm64 build tested
 // on an amd64 machine, see scripts/arm64/emulate.sh), which runs the
@@ -65,11 +65,11 @@ bool underEmulation();
 // Checks of real-time pace (frames a second, a photo within a deadline of
 // the page settling) measure the emulator rather than the program there:
 // such a test function starts with this.
-#define SKIP_WITHOUT_REAL_TIME_PACE()                                                     \
-    do {                                                                                  \
-        if (underEmulation())                                                             \
-            QSKIP("needs real-time pace, which user-mode emulation cannot give");         \
-    } while (false)
+#define SKIP_WITHOUT_REAL_TIME_PACE()                                       \
+  do {                                                                      \
+    if (underEmulation())                                                   \
+      QSKIP("needs real-time pace, which user-mode emulation cannot give"); \
+  } while (false)
 
 // The environment of this process without any VCAM_* variable.
 QProcessEnvironment cleanEnvironment();
@@ -140,9 +140,9 @@ void resetWindowSettings(const QString &documents = QString());
 // members.
 struct CameraFolders
 {
-    std::unique_ptr<QTemporaryDir> m_state;     // where the virtual camera records
+    std::unique_ptr<QTemporaryDir> m_state; // where the virtual camera records
     std::unique_ptr<QTemporaryDir> m_documents; // the program's output folder
-    std::unique_ptr<QTemporaryDir> m_scratch;   // the test's own files
+    std::unique_ptr<QTemporaryDir> m_scratch; // the test's own files
 
     // Before each test: no VCAM_* variable left from the test before, new
     // folders, and the camera pointed at its state folder (VCAM_STATE_DIR).

@@ -5,7 +5,7 @@
 
 // A part of a dialog's form, found by its object name; a missing part ends
 // the test program at once, naming what was looked for.
-template <class T>
+template<class T>
 T *part(const QObject &dlg, const char *name)
 {
     T *found = dlg.findChild<T *>(name);

@@ -21,8 +21,9 @@ bool waitOpen(QCameraView *view)
 
 bool waitOpen(MainWindowQCamera &w)
 {
-    return QTest::qWaitFor([&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
-                           frameDeadline);
+    return QTest::qWaitFor(
+            [&] { return !w.ui->video->isOpenTip && !w.ui->video->m_Image.isNull(); },
+            frameDeadline);
 }
 
 RefusedClick::RefusedClick(const ModalAnswerer &answerer, const QString &text, const QString &title)
@@ -35,6 +36,6 @@ bool RefusedClick::operator()(QAbstractButton *button)
     QTest::mouseClick(button, Qt::LeftButton);
     ++expected;
     return QTest::qWaitFor([&] { return answerer.boxes.size() == expected; }, 5000)
-        && (title.isNull() || answerer.boxes.last().title == title)
-        && answerer.boxes.last().text == text;
+            && (title.isNull() || answerer.boxes.last().title == title)
+            && answerer.boxes.last().text == text;
 }

@@ -22,7 +22,8 @@ bool waitOpen(MainWindowQCamera &w);
 class RefusedClick
 {
 public:
-    RefusedClick(const ModalAnswerer &answerer, const QString &text, const QString &title = QString());
+    RefusedClick(const ModalAnswerer &answerer, const QString &text,
+                 const QString &title = QString());
 
     bool operator()(QAbstractButton *button);
 

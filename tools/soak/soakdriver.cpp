@@ -48,7 +48,9 @@ Sample sample()
                 s.threads = line.mid(8).trimmed().toInt();
         }
     }
-    s.fds = QDir("/proc/self/fd").entryList(QDir::Files | QDir::System | QDir::NoDotAndDotDot).size();
+    s.fds = QDir("/proc/self/fd")
+                    .entryList(QDir::Files | QDir::System | QDir::NoDotAndDotDot)
+                    .size();
     return s;
 }
 
@@ -110,7 +112,8 @@ void click(const char *name)
 // Every photo and recording the session left: readable, with a picture.
 void checkFiles(int *files, int *unreadable)
 {
-    QDirIterator it(qEnvironmentVariable("BRIVORA_SOAK_OUTPUT"), QDir::Files, QDirIterator::Subdirectories);
+    QDirIterator it(qEnvironmentVariable("BRIVORA_SOAK_OUTPUT"), QDir::Files,
+                    QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString path = it.next();
         const QString suffix = QFileInfo(path).suffix().toLower();
@@ -156,7 +159,11 @@ private:
         last = t;
         const Sample s = sample();
         if (t % 5 == 0)
-            log(QString("t=%1 rss_kb=%2 threads=%3 fds=%4").arg(t).arg(s.rssKb).arg(s.threads).arg(s.fds));
+            log(QString("t=%1 rss_kb=%2 threads=%3 fds=%4")
+                        .arg(t)
+                        .arg(s.rssKb)
+                        .arg(s.threads)
+                        .arg(s.fds));
         if (t == 60)
             oneMinute = s;
         if (t == 20) {
@@ -180,13 +187,15 @@ private:
             recording = false;
         }
         const int inWindowCycle = t % windowEvery;
-        const bool windowDue = !recording && inWindowCycle >= 48 && inWindowCycle < 58 && t + 15 < length;
+        const bool windowDue =
+                !recording && inWindowCycle >= 48 && inWindowCycle < 58 && t + 15 < length;
         if (windowDue != windowOpen && !recording) {
             click("btnSecCamCon_2");
             windowOpen = windowDue;
         }
         if (t % 15 == 0) {
-            static const char *const types[] = {"rb_Shooting_10", "rb_Shooting_11", "rb_Shooting_12", "rb_Shooting_13"};
+            static const char *const types[] = { "rb_Shooting_10", "rb_Shooting_11",
+                                                 "rb_Shooting_12", "rb_Shooting_13" };
             if (!recording)
                 click(types[(t / 15) % 4]);
         }
@@ -208,10 +217,19 @@ private:
             log("end " + inventory());
             int files = 0, unreadable = 0;
             checkFiles(&files, &unreadable);
-            log(QString("summary seconds=%1 rss_start_kb=%2 rss_1min_kb=%3 rss_end_kb=%4 threads_start=%5 "
+            log(QString("summary seconds=%1 rss_start_kb=%2 rss_1min_kb=%3 rss_end_kb=%4 "
+                        "threads_start=%5 "
                         "threads_end=%6 fds_start=%7 fds_end=%8 files=%9 unreadable=%10")
-                    .arg(t).arg(start.rssKb).arg(oneMinute.rssKb).arg(end.rssKb).arg(start.threads)
-                    .arg(end.threads).arg(start.fds).arg(end.fds).arg(files).arg(unreadable));
+                        .arg(t)
+                        .arg(start.rssKb)
+                        .arg(oneMinute.rssKb)
+                        .arg(end.rssKb)
+                        .arg(start.threads)
+                        .arg(end.threads)
+                        .arg(start.fds)
+                        .arg(end.fds)
+                        .arg(files)
+                        .arg(unreadable));
             QCoreApplication::quit();
         });
     }
@@ -236,18 +254,21 @@ struct Starter
         if (qEnvironmentVariableIsEmpty("BRIVORA_SOAK_LOG"))
             return;
         std::thread([] {
-            static std::atomic<bool> started{false};
+            static std::atomic<bool> started{ false };
             while (!started) {
                 std::this_thread::sleep_for(std::chrono::seconds(1));
                 QCoreApplication *app = QCoreApplication::instance();
                 if (!app)
                     continue;
-                QMetaObject::invokeMethod(app, [] {
-                    if (!started && button("btnShooting")) {
-                        new Driver;
-                        started = true;
-                    }
-                }, Qt::QueuedConnection);
+                QMetaObject::invokeMethod(
+                        app,
+                        [] {
+                            if (!started && button("btnShooting")) {
+                                new Driver;
+                                started = true;
+                            }
+                        },
+                        Qt::QueuedConnection);
             }
         }).detach();
     }

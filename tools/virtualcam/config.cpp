@@ -83,7 +83,7 @@ std::string nodeVar(int n, const char *suffix)
 
 std::vector<Size> defaultSizes()
 {
-    return {{3264, 2448}, {1920, 1080}, {1280, 720}, {640, 480}};
+    return { { 3264, 2448 }, { 1920, 1080 }, { 1280, 720 }, { 640, 480 } };
 }
 
 // VCAM_<N>_FLASH=period_ms,duration_ms
@@ -94,8 +94,9 @@ void fillFlash(const Env &env, NodeSpec &node)
         return;
     const std::vector<std::string> parts = split(*v, ',');
     long long period = 0, duration = 0;
-    if (parts.size() == 2 && parseLong(trim(parts[0]), &period) && parseLong(trim(parts[1]), &duration)
-        && period > 0 && duration > 0 && duration < period) {
+    if (parts.size() == 2 && parseLong(trim(parts[0]), &period)
+        && parseLong(trim(parts[1]), &duration) && period > 0 && duration > 0
+        && duration < period) {
         node.flashPeriodMs = period;
         node.flashMs = duration;
     }
@@ -119,7 +120,7 @@ void fillCameraSettings(const Env &env, NodeSpec &node)
         }
     }
     if (fourccs.empty())
-        fourccs = {V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUYV};
+        fourccs = { V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_YUYV };
 
     std::vector<Size> common;
     if (const std::string *v = lookup(env, nodeVar(n, "SIZES")))
@@ -182,7 +183,7 @@ void fillCameraSettings(const Env &env, NodeSpec &node)
         node.frameLog = trim(*v);
 }
 
-}  // namespace
+} // namespace
 
 Env readVcamEnvironment()
 {
@@ -236,7 +237,7 @@ std::vector<Size> parseSizes(const std::string &text)
         // Packed 4:2:2 needs an even width; real sensors never offer odd ones.
         if (w < 2 || h < 2 || w > 8192 || h > 8192 || (w % 2) != 0)
             continue;
-        Size s{static_cast<int>(w), static_cast<int>(h)};
+        Size s{ static_cast<int>(w), static_cast<int>(h) };
         bool dup = false;
         for (const Size &o : sizes)
             dup = dup || o == s;
@@ -250,7 +251,7 @@ SceneSpec defaultScene()
 {
     SceneSpec scene;
     scene.kind = SceneSpec::Sheets;
-    scene.sheets.push_back(SheetSpec{0.5, 0.5, 0.55, 0.7, 0});
+    scene.sheets.push_back(SheetSpec{ 0.5, 0.5, 0.55, 0.7, 0 });
     scene.key = "sheets:0.5,0.5,0.55,0.7,0;";
     return scene;
 }
@@ -259,7 +260,8 @@ namespace {
 
 // Fractions parsed from "name:v1,v2,..." when name matches and the count
 // is one of those allowed.
-bool deskPart(const std::string &part, const char *name, size_t least, size_t most, std::vector<double> *v)
+bool deskPart(const std::string &part, const char *name, size_t least, size_t most,
+              std::vector<double> *v)
 {
     const std::string prefix = std::string(name) + ":";
     if (part.compare(0, prefix.size(), prefix) != 0)
@@ -274,7 +276,7 @@ bool deskPart(const std::string &part, const char *name, size_t least, size_t mo
     return v->size() >= least && v->size() <= most;
 }
 
-}  // namespace
+} // namespace
 
 void parseDeskLook(const std::string &parts, SceneSpec *scene)
 {
@@ -289,14 +291,18 @@ void parseDeskLook(const std::string &parts, SceneSpec *scene)
             look.plainGrey = v[0];
         } else if (deskPart(p, "lamp", 1, 1, &v) && std::abs(v[0]) <= 100) {
             look.lamp = v[0];
-        } else if (deskPart(p, "paper", 1, 2, &v) && v[0] >= 100 && v[0] <= 255 && (v.size() < 2 || v[1] >= 0)) {
+        } else if (deskPart(p, "paper", 1, 2, &v) && v[0] >= 100 && v[0] <= 255
+                   && (v.size() < 2 || v[1] >= 0)) {
             look.paperGrey = v[0];
             look.yellowing = v.size() > 1 ? v[1] : 0;
         } else if (deskPart(p, "shadow", 6, 40, &v) && v.size() % 2 == 0) {
-            look.shadows.push_back(ShadowSpec{v});
-        } else if (deskPart(p, "pen", 4, 4, &v) || deskPart(p, "phone", 5, 5, &v) || deskPart(p, "mug", 3, 3, &v)) {
+            look.shadows.push_back(ShadowSpec{ v });
+        } else if (deskPart(p, "pen", 4, 4, &v) || deskPart(p, "phone", 5, 5, &v)
+                   || deskPart(p, "mug", 3, 3, &v)) {
             DeskObjectSpec o;
-            o.kind = p[1] == 'e' ? DeskObjectSpec::Pen : p[1] == 'h' ? DeskObjectSpec::Phone : DeskObjectSpec::Mug;
+            o.kind = p[1] == 'e'  ? DeskObjectSpec::Pen
+                    : p[1] == 'h' ? DeskObjectSpec::Phone
+                                  : DeskObjectSpec::Mug;
             std::copy(v.begin(), v.end(), o.v);
             look.objects.push_back(o);
         } else {
@@ -346,7 +352,7 @@ SceneSpec parseScene(const std::string &text)
                 ok = ok && parseDouble(f[i], &v[i]);
             if (!ok || v[2] <= 0 || v[3] <= 0)
                 continue;
-            SheetSpec s{v[0], v[1], v[2], v[3], v[4]};
+            SheetSpec s{ v[0], v[1], v[2], v[3], v[4] };
             scene.sheets.push_back(s);
             key << s.cx << ',' << s.cy << ',' << s.w << ',' << s.h << ',' << s.angle << ';';
         }
@@ -376,7 +382,7 @@ SceneSpec parseScene(const std::string &text)
             if (byCorners)
                 std::copy(v, v + 8, page.corners);
             else
-                page.sheet = SheetSpec{v[0], v[1], v[2], v[3], v[4]};
+                page.sheet = SheetSpec{ v[0], v[1], v[2], v[3], v[4] };
             scene.pages.push_back(page);
             for (size_t i = 0; i < fields; ++i)
                 key << v[i] << (i + 1 < fields ? ',' : ';');
@@ -463,7 +469,7 @@ Config parseConfig(const Env &env)
         NodeSpec node;
         node.index = entry.first;
         node.kind = entry.second;
-        cfg.nodes[node.index] = node;  // a later duplicate wins
+        cfg.nodes[node.index] = node; // a later duplicate wins
     }
 
     int port = 0;
@@ -501,4 +507,4 @@ Config parseConfig(const Env &env)
     return cfg;
 }
 
-}  // namespace vcam
+} // namespace vcam

@@ -10,14 +10,14 @@ namespace vcam {
 
 namespace {
 
-const cv::Scalar kWood(128, 182, 215);      // grey about 186
+const cv::Scalar kWood(128, 182, 215); // grey about 186
 const cv::Scalar kPen(40, 34, 30);
 const cv::Scalar kPhone(30, 28, 27);
 const cv::Scalar kPhoneScreen(52, 46, 42);
 const cv::Scalar kMugStain(62, 92, 128);
 const double kPi = 3.14159265358979323846;
 const double kShadowLight = 0.55;
-const double kDeskGrey = 185.0;  // what the lamp's grey levels are measured on
+const double kDeskGrey = 185.0; // what the lamp's grey levels are measured on
 const int kShift = 4;
 
 cv::Point fixed(cv::Point2d p)
@@ -26,18 +26,19 @@ cv::Point fixed(cv::Point2d p)
                      static_cast<int>(std::lround(p.y * (1 << kShift))));
 }
 
-void fillTurnedRect(cv::Mat &img, cv::Point2d centre, double w, double h, double degrees, const cv::Scalar &colour)
+void fillTurnedRect(cv::Mat &img, cv::Point2d centre, double w, double h, double degrees,
+                    const cv::Scalar &colour)
 {
     const double a = degrees * kPi / 180, c = std::cos(a), s = std::sin(a);
-    const double u[4] = {-w / 2, w / 2, w / 2, -w / 2};
-    const double v[4] = {-h / 2, -h / 2, h / 2, h / 2};
+    const double u[4] = { -w / 2, w / 2, w / 2, -w / 2 };
+    const double v[4] = { -h / 2, -h / 2, h / 2, h / 2 };
     cv::Point pts[4];
     for (int i = 0; i < 4; ++i)
         pts[i] = fixed(centre + cv::Point2d(u[i] * c - v[i] * s, u[i] * s + v[i] * c));
     cv::fillConvexPoly(img, pts, 4, colour, cv::LINE_AA, kShift);
 }
 
-}  // namespace
+} // namespace
 
 void fillWoodDesk(cv::Mat &img)
 {
@@ -56,7 +57,8 @@ void fillWoodDesk(cv::Mat &img)
     const float *pr = profile.ptr<float>();
     std::vector<float> wave(static_cast<size_t>(w));
     for (int x = 0; x < w; ++x)
-        wave[static_cast<size_t>(x)] = static_cast<float>(0.03 * std::sin(2 * kPi * (1.3 * x / w + 0.2)));
+        wave[static_cast<size_t>(x)] =
+                static_cast<float>(0.03 * std::sin(2 * kPi * (1.3 * x / w + 0.2)));
     for (int y = 0; y < h; ++y) {
         cv::Vec3b *row = img.ptr<cv::Vec3b>(y);
         const double fy = double(y) / h;
@@ -69,7 +71,8 @@ void fillWoodDesk(cv::Mat &img)
             const double noise = scale * ((1 - f) * pr[i] + f * pr[(i + 1) % steps]);
             const double rings = std::sin(2 * kPi * u * 40);
             const double k = 1 + 0.055 * noise + 0.025 * rings;
-            row[x] = cv::Vec3b(cv::saturate_cast<uchar>(kWood[0] * k), cv::saturate_cast<uchar>(kWood[1] * k),
+            row[x] = cv::Vec3b(cv::saturate_cast<uchar>(kWood[0] * k),
+                               cv::saturate_cast<uchar>(kWood[1] * k),
                                cv::saturate_cast<uchar>(kWood[2] * k));
         }
     }
@@ -105,8 +108,9 @@ void drawDeskObjects(cv::Mat &img, const SceneSpec &scene)
         }
         case DeskObjectSpec::Mug: {
             const int thick = std::max(2, static_cast<int>(std::lround(0.012 * h)));
-            cv::circle(img, fixed(centre), static_cast<int>(std::lround(o.v[2] * h * (1 << kShift))), kMugStain,
-                       thick, cv::LINE_AA, kShift);
+            cv::circle(img, fixed(centre),
+                       static_cast<int>(std::lround(o.v[2] * h * (1 << kShift))), kMugStain, thick,
+                       cv::LINE_AA, kShift);
             break;
         }
         }
@@ -122,8 +126,10 @@ cv::Mat shadowLight(const SceneSpec &scene, cv::Size size)
     for (const ShadowSpec &s : scene.look.shadows) {
         std::vector<cv::Point> poly;
         for (size_t i = 0; i + 1 < s.polygon.size(); i += 2)
-            poly.push_back(fixed(cv::Point2d(s.polygon[i] * size.width, s.polygon[i + 1] * size.height)));
-        cv::fillPoly(mask, std::vector<std::vector<cv::Point>>{poly}, cv::Scalar(255), cv::LINE_AA, kShift);
+            poly.push_back(
+                    fixed(cv::Point2d(s.polygon[i] * size.width, s.polygon[i + 1] * size.height)));
+        cv::fillPoly(mask, std::vector<std::vector<cv::Point>>{ poly }, cv::Scalar(255),
+                     cv::LINE_AA, kShift);
     }
     // A soft edge about 0.6% of the frame's width wide, as a lamp gives.
     const int k = std::max(3, static_cast<int>(std::lround(0.006 * size.width)) | 1);
@@ -153,4 +159,4 @@ void lightScene(cv::Mat &img, const SceneSpec &scene)
     }
 }
 
-}  // namespace vcam
+} // namespace vcam

@@ -30,4 +30,4 @@ void lightScene(cv::Mat &img, const SceneSpec &scene);
 // shadow falls), for tests that need to know where they lie.
 cv::Mat shadowLight(const SceneSpec &scene, cv::Size size);
 
-}  // namespace vcam
+} // namespace vcam

@@ -21,42 +21,47 @@
 
 namespace vcam {
 
-std::atomic<uint64_t> g_generation{0};
+std::atomic<uint64_t> g_generation{ 0 };
 
 namespace {
 
 // Driver-wide capabilities of a USB camera that has a metadata node.
-const uint32_t kUsbCameraCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING |
-                                V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_DEVICE_CAPS;
+const uint32_t kUsbCameraCaps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING
+        | V4L2_CAP_EXT_PIX_FORMAT | V4L2_CAP_DEVICE_CAPS;
 const uint32_t kMaxBuffers = 32;
-const uint32_t kMetaBufferSize = 10240;  // what the driver reports for its payload headers
+const uint32_t kMetaBufferSize = 10240; // what the driver reports for its payload headers
 
 enum class Sign { Signed, Unsigned };
 
-struct ControlDef {
+struct ControlDef
+{
     uint32_t id;
     uint32_t type;
     const char *name;
     int32_t minimum, maximum, step, def;
-    uint32_t menuMask;  // valid menu indexes (bit i = index i)
-    Sign sign;          // how the camera stores it, which decides clamping
+    uint32_t menuMask; // valid menu indexes (bit i = index i)
+    Sign sign; // how the camera stores it, which decides clamping
 };
 
 // Sorted by id, as V4L2_CTRL_FLAG_NEXT_CTRL walks them.
 const ControlDef kControls[] = {
-    {V4L2_CID_BRIGHTNESS, V4L2_CTRL_TYPE_INTEGER, "Brightness", -64, 64, 1, 0, 0, Sign::Signed},
-    {V4L2_CID_CONTRAST, V4L2_CTRL_TYPE_INTEGER, "Contrast", 0, 64, 1, 32, 0, Sign::Unsigned},
-    {V4L2_CID_SATURATION, V4L2_CTRL_TYPE_INTEGER, "Saturation", 0, 128, 1, 64, 0, Sign::Unsigned},
-    {V4L2_CID_GAIN, V4L2_CTRL_TYPE_INTEGER, "Gain", 0, 100, 1, 0, 0, Sign::Unsigned},
-    {V4L2_CID_EXPOSURE_AUTO, V4L2_CTRL_TYPE_MENU, "Auto Exposure", 0, 3, 1, V4L2_EXPOSURE_APERTURE_PRIORITY,
-     (1u << V4L2_EXPOSURE_MANUAL) | (1u << V4L2_EXPOSURE_APERTURE_PRIORITY), Sign::Unsigned},
-    {V4L2_CID_EXPOSURE_ABSOLUTE, V4L2_CTRL_TYPE_INTEGER, "Exposure Time, Absolute", 3, 2047, 1, 250, 0,
-     Sign::Unsigned},
-    {V4L2_CID_FOCUS_ABSOLUTE, V4L2_CTRL_TYPE_INTEGER, "Focus, Absolute", 0, 250, 1, 0, 0, Sign::Unsigned},
-    {V4L2_CID_FOCUS_AUTO, V4L2_CTRL_TYPE_BOOLEAN, "Focus, Automatic Continuous", 0, 1, 1, 1, 0, Sign::Unsigned},
+    { V4L2_CID_BRIGHTNESS, V4L2_CTRL_TYPE_INTEGER, "Brightness", -64, 64, 1, 0, 0, Sign::Signed },
+    { V4L2_CID_CONTRAST, V4L2_CTRL_TYPE_INTEGER, "Contrast", 0, 64, 1, 32, 0, Sign::Unsigned },
+    { V4L2_CID_SATURATION, V4L2_CTRL_TYPE_INTEGER, "Saturation", 0, 128, 1, 64, 0, Sign::Unsigned },
+    { V4L2_CID_GAIN, V4L2_CTRL_TYPE_INTEGER, "Gain", 0, 100, 1, 0, 0, Sign::Unsigned },
+    { V4L2_CID_EXPOSURE_AUTO, V4L2_CTRL_TYPE_MENU, "Auto Exposure", 0, 3, 1,
+      V4L2_EXPOSURE_APERTURE_PRIORITY,
+      (1u << V4L2_EXPOSURE_MANUAL) | (1u << V4L2_EXPOSURE_APERTURE_PRIORITY), Sign::Unsigned },
+    { V4L2_CID_EXPOSURE_ABSOLUTE, V4L2_CTRL_TYPE_INTEGER, "Exposure Time, Absolute", 3, 2047, 1,
+      250, 0, Sign::Unsigned },
+    { V4L2_CID_FOCUS_ABSOLUTE, V4L2_CTRL_TYPE_INTEGER, "Focus, Absolute", 0, 250, 1, 0, 0,
+      Sign::Unsigned },
+    { V4L2_CID_FOCUS_AUTO, V4L2_CTRL_TYPE_BOOLEAN, "Focus, Automatic Continuous", 0, 1, 1, 1, 0,
+      Sign::Unsigned },
 };
 
-const char *const kExposureMenu[] = {"Auto Mode", "Manual Mode", "Shutter Priority Mode", "Aperture Priority Mode"};
+const char *const kExposureMenu[] = { "Auto Mode", "Manual Mode", "Shutter Priority Mode",
+                                      "Aperture Priority Mode" };
 
 const ControlDef *findControl(uint32_t id)
 {
@@ -74,13 +79,13 @@ const ControlDef *nextControl(uint32_t after)
     return nullptr;
 }
 
-template <size_t N>
+template<size_t N>
 void copyName(char (&dst)[N], const char *src)
 {
     std::memset(dst, 0, N);
     std::strncpy(dst, src, N - 1);
 }
-template <size_t N>
+template<size_t N>
 void copyName(unsigned char (&dst)[N], const char *src)
 {
     std::memset(dst, 0, N);
@@ -124,8 +129,8 @@ Size nearestSize(const FormatSpec &format, int width, int height)
     Size best = format.sizes.front();
     long long bestCost = LLONG_MAX;
     for (const Size &s : format.sizes) {
-        const long long cost = std::llabs(static_cast<long long>(s.width) - width) +
-                               std::llabs(static_cast<long long>(s.height) - height);
+        const long long cost = std::llabs(static_cast<long long>(s.width) - width)
+                + std::llabs(static_cast<long long>(s.height) - height);
         if (cost < bestCost) {
             bestCost = cost;
             best = s;
@@ -154,7 +159,8 @@ const char *ioctlName(unsigned int request)
 {
     switch (request) {
 #define NAME(x) \
-    case x: return #x
+  case x:       \
+    return #x
         NAME(VIDIOC_QUERYCAP);
         NAME(VIDIOC_ENUM_FMT);
         NAME(VIDIOC_G_FMT);
@@ -196,7 +202,8 @@ const char *ioctlName(unsigned int request)
 // shutter priority).
 const char *exposureMeaning(int menu)
 {
-    return menu == V4L2_EXPOSURE_MANUAL || menu == V4L2_EXPOSURE_SHUTTER_PRIORITY ? "manual" : "auto";
+    return menu == V4L2_EXPOSURE_MANUAL || menu == V4L2_EXPOSURE_SHUTTER_PRIORITY ? "manual"
+                                                                                  : "auto";
 }
 
 void writeState(Device &d)
@@ -226,7 +233,8 @@ void writeState(Device &d)
     const std::string text = s.str();
 
     const std::string path = d.stateDir + "/video" + std::to_string(d.spec.index) + ".state";
-    const std::string temp = path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(gettid());
+    const std::string temp =
+            path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(gettid());
     int fd = libc::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0)
         return;
@@ -346,14 +354,16 @@ int setControl(Device &d, uint32_t id, int32_t *value, bool commit)
     case V4L2_CTRL_TYPE_INTEGER: {
         const uint32_t step = c->step > 0 ? static_cast<uint32_t>(c->step) : 1;
         const uint32_t offset = static_cast<uint32_t>(v) - static_cast<uint32_t>(c->minimum);
-        v = static_cast<int32_t>(static_cast<uint32_t>(c->minimum) + (offset + step / 2) / step * step);
+        v = static_cast<int32_t>(static_cast<uint32_t>(c->minimum)
+                                 + (offset + step / 2) / step * step);
         if (c->sign == Sign::Signed) {
             v = std::clamp(v, c->minimum, c->maximum);
         } else {
             // Unsigned on the camera: a negative request wraps to a huge
             // value and ends at the maximum, as it does on real hardware.
-            const uint32_t u = std::clamp(static_cast<uint32_t>(v), static_cast<uint32_t>(c->minimum),
-                                          static_cast<uint32_t>(c->maximum));
+            const uint32_t u =
+                    std::clamp(static_cast<uint32_t>(v), static_cast<uint32_t>(c->minimum),
+                               static_cast<uint32_t>(c->maximum));
             v = static_cast<int32_t>(u);
         }
         break;
@@ -378,7 +388,8 @@ int setControl(Device &d, uint32_t id, int32_t *value, bool commit)
 
 uint32_t controlFlags(Device &d, const ControlDef &c)
 {
-    if (c.id == V4L2_CID_EXPOSURE_ABSOLUTE && d.controls[V4L2_CID_EXPOSURE_AUTO] != V4L2_EXPOSURE_MANUAL)
+    if (c.id == V4L2_CID_EXPOSURE_ABSOLUTE
+        && d.controls[V4L2_CID_EXPOSURE_AUTO] != V4L2_EXPOSURE_MANUAL)
         return V4L2_CTRL_FLAG_INACTIVE;
     if (c.id == V4L2_CID_FOCUS_ABSOLUTE && d.controls[V4L2_CID_FOCUS_AUTO] != 0)
         return V4L2_CTRL_FLAG_INACTIVE;
@@ -386,7 +397,7 @@ uint32_t controlFlags(Device &d, const ControlDef &c)
 }
 
 // Fills the fields VIDIOC_QUERYCTRL and VIDIOC_QUERY_EXT_CTRL share.
-template <typename Query>
+template<typename Query>
 void describeControl(Query *q, Device &d, const ControlDef &c)
 {
     std::memset(q, 0, sizeof(*q));
@@ -431,7 +442,8 @@ int extControls(Device &d, unsigned int request, v4l2_ext_controls *ec)
                 ec->error_idx = i;
                 return -EINVAL;
             }
-            ec->controls[i].value = ec->which == V4L2_CTRL_WHICH_DEF_VAL ? c->def : d.controls[c->id];
+            ec->controls[i].value =
+                    ec->which == V4L2_CTRL_WHICH_DEF_VAL ? c->def : d.controls[c->id];
         }
         return 0;
     }
@@ -474,12 +486,13 @@ int queryCap(const Node &node, v4l2_capability *cap)
         copyName(cap->bus_info, ("usb-0000:00:14.0-" + std::to_string(node.spec.usbPort)).c_str());
         cap->capabilities = kUsbCameraCaps;
         cap->device_caps = node.spec.kind == NodeKind::Camera
-                               ? (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT)
-                               : (V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT);
+                ? (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT)
+                : (V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING | V4L2_CAP_EXT_PIX_FORMAT);
         break;
     case NodeKind::Output:
         copyName(cap->driver, "vcam_output");
-        copyName(cap->bus_info, ("platform:vcam-output-" + std::to_string(node.spec.index)).c_str());
+        copyName(cap->bus_info,
+                 ("platform:vcam-output-" + std::to_string(node.spec.index)).c_str());
         cap->capabilities = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING | V4L2_CAP_DEVICE_CAPS;
         cap->device_caps = V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_STREAMING;
         break;
@@ -586,7 +599,8 @@ long long stallLeftMs(Device &d)
         return -1;
     if (now >= d.stallEnd)
         return 0;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(d.stallEnd - now).count();
+    const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(d.stallEnd - now).count();
     return left > 0 ? left : 1;
 }
 
@@ -636,7 +650,7 @@ int dequeue(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, v4l2_
     const auto period = std::chrono::nanoseconds(1000000000LL / d.spec.fps);
     d.due += period;
     if (d.due < now)
-        d.due = now;  // a late reader gets one frame at once, then the rate again
+        d.due = now; // a late reader gets one frame at once, then the rate again
 
     const int index = d.done.front();
     d.done.pop_front();
@@ -650,14 +664,14 @@ int dequeue(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, v4l2_
     } else {
         d.source.prepare(d.spec.scene, d.size.width, d.size.height, d.fourcc);
     }
-    const size_t used = d.source.render(d.sequence, d.memory + static_cast<size_t>(index) * d.stride, d.length,
-                                        &s.stamp);
+    const size_t used = d.source.render(
+            d.sequence, d.memory + static_cast<size_t>(index) * d.stride, d.length, &s.stamp);
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     size_t written = used;
     if (used && flashing(d.spec, ts)) {
         written = d.source.renderWhite(d.memory + static_cast<size_t>(index) * d.stride, d.length);
-        s.stamp = 0;  // the slot no longer holds the scene
+        s.stamp = 0; // the slot no longer holds the scene
     }
     s.bytesused = static_cast<uint32_t>(written);
     s.flags = written ? 0 : V4L2_BUF_FLAG_ERROR;
@@ -665,23 +679,27 @@ int dequeue(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, v4l2_
     s.timestamp.tv_sec = ts.tv_sec;
     s.timestamp.tv_usec = ts.tv_nsec / 1000;
     fillBuffer(d, static_cast<uint32_t>(index), b);
-    logFrame(d.spec.frameLog, s.sequence, d.memory + static_cast<size_t>(index) * d.stride, written);
+    logFrame(d.spec.frameLog, s.sequence, d.memory + static_cast<size_t>(index) * d.stride,
+             written);
 
     ++d.frames;
     const bool mayUnplug = d.plugs == 1 || d.spec.unplugRepeat;
-    if (mayUnplug && d.spec.unplugAfter >= 0 && d.frames - d.plugFrames >= static_cast<uint64_t>(d.spec.unplugAfter))
+    if (mayUnplug && d.spec.unplugAfter >= 0
+        && d.frames - d.plugFrames >= static_cast<uint64_t>(d.spec.unplugAfter))
         markUnplugged(d);
     writeState(d);
     return 0;
 }
 
-int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, unsigned int request, void *arg)
+int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, unsigned int request,
+                void *arg)
 {
     const NodeSpec &spec = d.spec;
     switch (request) {
     case VIDIOC_ENUM_FMT: {
         auto *f = static_cast<v4l2_fmtdesc *>(arg);
-        if (spec.enumFmtFail || f->type != V4L2_BUF_TYPE_VIDEO_CAPTURE || f->index >= spec.formats.size())
+        if (spec.enumFmtFail || f->type != V4L2_BUF_TYPE_VIDEO_CAPTURE
+            || f->index >= spec.formats.size())
             return -EINVAL;
         const uint32_t index = f->index, type = f->type, mbus = f->mbus_code;
         std::memset(f, 0, sizeof(*f));
@@ -714,7 +732,7 @@ int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, u
         const FormatSpec *fmt = findFormat(spec, f->pixel_format);
         if (!fmt || f->index != 0)
             return -EINVAL;
-        const Size wanted{static_cast<int>(f->width), static_cast<int>(f->height)};
+        const Size wanted{ static_cast<int>(f->width), static_cast<int>(f->height) };
         if (std::find(fmt->sizes.begin(), fmt->sizes.end(), wanted) == fmt->sizes.end())
             return -EINVAL;
         f->type = V4L2_FRMIVAL_TYPE_DISCRETE;
@@ -741,8 +759,9 @@ int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, u
         const FormatSpec *fmt = findFormat(spec, f->fmt.pix.pixelformat);
         if (!fmt)
             fmt = &spec.formats.front();
-        const Size s = nearestSize(*fmt, static_cast<int>(std::min<uint32_t>(f->fmt.pix.width, INT_MAX)),
-                                   static_cast<int>(std::min<uint32_t>(f->fmt.pix.height, INT_MAX)));
+        const Size s =
+                nearestSize(*fmt, static_cast<int>(std::min<uint32_t>(f->fmt.pix.width, INT_MAX)),
+                            static_cast<int>(std::min<uint32_t>(f->fmt.pix.height, INT_MAX)));
         fillPixFormat(f, fmt->fourcc, s);
         if (request == VIDIOC_TRY_FMT)
             return 0;
@@ -806,8 +825,8 @@ int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, u
     case VIDIOC_QUERYMENU: {
         auto *m = static_cast<v4l2_querymenu *>(arg);
         const ControlDef *c = findControl(m->id);
-        if (!c || c->type != V4L2_CTRL_TYPE_MENU || m->index > static_cast<uint32_t>(c->maximum) ||
-            !(c->menuMask & (1u << m->index)))
+        if (!c || c->type != V4L2_CTRL_TYPE_MENU || m->index > static_cast<uint32_t>(c->maximum)
+            || !(c->menuMask & (1u << m->index)))
             return -EINVAL;
         m->reserved = 0;
         char name[sizeof(m->name)];
@@ -827,7 +846,7 @@ int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, u
         int32_t v = c->value;
         const int r = setControl(d, c->id, &v, true);
         if (findControl(c->id))
-            writeState(d);  // records the request even when it was refused
+            writeState(d); // records the request even when it was refused
         if (r < 0)
             return r;
         c->value = v;
@@ -895,10 +914,10 @@ int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, u
                 return 0;
             d.streaming = true;
             d.sequence = 0;
-            d.due = std::chrono::steady_clock::now();  // the first frame is ready at once
+            d.due = std::chrono::steady_clock::now(); // the first frame is ready at once
         } else {
             const bool was = d.streaming;
-            stopStreaming(d);  // hands every buffer back to the client
+            stopStreaming(d); // hands every buffer back to the client
             if (!was)
                 return 0;
         }
@@ -910,7 +929,7 @@ int cameraIoctl(OpenFile &file, Device &d, std::unique_lock<std::mutex> &lock, u
     }
 }
 
-}  // namespace
+} // namespace
 
 Device::Device(const NodeSpec &s, uint64_t gen, std::string dir, bool tr)
     : spec(s), generation(gen), stateDir(std::move(dir)), trace(tr)
@@ -937,8 +956,9 @@ bool nodeGone(const Node &node)
 std::shared_ptr<Device> pluggedBackIn(Device &gone)
 {
     std::lock_guard<std::mutex> lock(gone.mutex);
-    if (!gone.unplugged || gone.spec.replugAfterMs < 0 ||
-        std::chrono::steady_clock::now() < gone.unpluggedAt + std::chrono::milliseconds(gone.spec.replugAfterMs))
+    if (!gone.unplugged || gone.spec.replugAfterMs < 0
+        || std::chrono::steady_clock::now()
+                < gone.unpluggedAt + std::chrono::milliseconds(gone.spec.replugAfterMs))
         return nullptr;
     auto back = std::make_shared<Device>(gone.spec, gone.generation, gone.stateDir, gone.trace);
     back->unplugged = false;
@@ -958,7 +978,7 @@ long long fileWaitMs(OpenFile &file)
         return 0;
     std::lock_guard<std::mutex> lock(d->mutex);
     if (d->unplugged || !d->streaming || d->owner != file.id || d->done.empty())
-        return 0;  // DQBUF answers at once, with a frame or an error
+        return 0; // DQBUF answers at once, with a frame or an error
     return stallLeftMs(*d);
 }
 
@@ -1015,12 +1035,13 @@ int fileIoctl(OpenFile &file, unsigned long request, void *arg)
         result = d.unplugged ? -ENODEV : cameraIoctl(file, d, lock, req, arg);
     }
     if (node.device && node.device->trace)
-        std::fprintf(stderr, "virtualcam: /dev/video%d %s (0x%08x) -> %s\n", node.spec.index, ioctlName(req), req,
-                     result < 0 ? std::strerror(-result) : "ok");
+        std::fprintf(stderr, "virtualcam: /dev/video%d %s (0x%08x) -> %s\n", node.spec.index,
+                     ioctlName(req), req, result < 0 ? std::strerror(-result) : "ok");
     return result;
 }
 
-void *fileMmap(OpenFile &file, void *addr, size_t length, int prot, int flags, off_t offset, int *error)
+void *fileMmap(OpenFile &file, void *addr, size_t length, int prot, int flags, off_t offset,
+               int *error)
 {
     const std::shared_ptr<Device> &dp = file.node->device;
     if (!dp || file.node->spec.kind != NodeKind::Camera) {
@@ -1034,9 +1055,9 @@ void *fileMmap(OpenFile &file, void *addr, size_t length, int prot, int flags, o
         return MAP_FAILED;
     }
     // Like the kernel: shared, readable mappings of one whole buffer only.
-    if (d.slots.empty() || offset < 0 || static_cast<size_t>(offset) % d.stride != 0 ||
-        static_cast<size_t>(offset) / d.stride >= d.slots.size() || length == 0 || length > d.stride ||
-        (flags & MAP_TYPE) != MAP_SHARED || !(prot & PROT_READ)) {
+    if (d.slots.empty() || offset < 0 || static_cast<size_t>(offset) % d.stride != 0
+        || static_cast<size_t>(offset) / d.stride >= d.slots.size() || length == 0
+        || length > d.stride || (flags & MAP_TYPE) != MAP_SHARED || !(prot & PROT_READ)) {
         *error = EINVAL;
         return MAP_FAILED;
     }
@@ -1049,4 +1070,4 @@ void *fileMmap(OpenFile &file, void *addr, size_t length, int prot, int flags, o
     return p;
 }
 
-}  // namespace vcam
+} // namespace vcam

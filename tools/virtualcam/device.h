@@ -26,26 +26,30 @@ namespace libc {
 int open(const char *path, int flags, mode_t mode);
 int close(int fd);
 void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset);
-}  // namespace libc
+} // namespace libc
 
 // Configuration generation currently in force; devices of older
 // generations stop writing state files.
 extern std::atomic<uint64_t> g_generation;
 
-struct Slot {
+struct Slot
+{
     bool queued = false;
     bool mapped = false;
     uint32_t bytesused = 0;
     uint32_t sequence = 0;
     uint32_t flags = 0;
-    struct timeval timestamp {};
-    uint64_t stamp = 0;  // what the buffer memory holds, see FrameSource
+    struct timeval timestamp
+    {
+    };
+    uint64_t stamp = 0; // what the buffer memory holds, see FrameSource
 };
 
 // One USB camera: state shared by its capture node, its metadata node and
 // every open file of either, as in the kernel where format, controls and
 // the buffer queue belong to the device rather than to an open file.
-struct Device {
+struct Device
+{
     Device(const NodeSpec &spec, uint64_t generation, std::string stateDir, bool trace);
     ~Device();
     Device(const Device &) = delete;
@@ -68,40 +72,42 @@ struct Device {
     // Buffer queue, owned by the open file that allocated it.
     uint64_t owner = 0;
     std::vector<Slot> slots;
-    std::deque<int> done;  // queued buffers in queueing order
+    std::deque<int> done; // queued buffers in queueing order
     int memfd = -1;
     uint8_t *memory = nullptr;
-    size_t stride = 0;     // distance between buffers, page aligned
-    size_t length = 0;     // size of one buffer
+    size_t stride = 0; // distance between buffers, page aligned
+    size_t length = 0; // size of one buffer
     bool streaming = false;
-    uint64_t epoch = 0;    // bumped when the queue is reset under a waiting DQBUF
+    uint64_t epoch = 0; // bumped when the queue is reset under a waiting DQBUF
     uint32_t sequence = 0;
     std::chrono::steady_clock::time_point due;
 
     uint64_t frames = 0;
     uint64_t opens = 0;
-    std::atomic<bool> unplugged{false};
+    std::atomic<bool> unplugged{ false };
     std::chrono::steady_clock::time_point unpluggedAt;
 
     // Plugging back in: a returning camera is a fresh device of the same
     // node number that counts on from the frames and opens of the last one.
-    int plugs = 1;            // 1 for the first time plugged in
-    uint64_t plugFrames = 0;  // frames delivered before this plug
+    int plugs = 1; // 1 for the first time plugged in
+    uint64_t plugFrames = 0; // frames delivered before this plug
 
     // Stalling: once started, no frame is delivered until stallEnd.
     bool stallStarted = false;
     std::chrono::steady_clock::time_point stallEnd;
 
     FrameSource source;
-    ScriptPlayer script;  // inactive unless the node has a script
+    ScriptPlayer script; // inactive unless the node has a script
 };
 
-struct Node {
+struct Node
+{
     NodeSpec spec;
-    std::shared_ptr<Device> device;  // the camera this node belongs to, if any
+    std::shared_ptr<Device> device; // the camera this node belongs to, if any
 };
 
-struct OpenFile {
+struct OpenFile
+{
     uint64_t id = 0;
     int fd = -1;
     std::shared_ptr<Node> node;
@@ -124,6 +130,7 @@ void fileClosed(OpenFile &file);
 
 // Each returns 0 (or a non-negative result) on success, -errno on failure.
 int fileIoctl(OpenFile &file, unsigned long request, void *arg);
-void *fileMmap(OpenFile &file, void *addr, size_t length, int prot, int flags, off_t offset, int *error);
+void *fileMmap(OpenFile &file, void *addr, size_t length, int prot, int flags, off_t offset,
+               int *error);
 
-}  // namespace vcam
+} // namespace vcam

@@ -42,7 +42,7 @@ using CloseFn = int (*)(int);
 using IoctlFn = int (*)(int, unsigned long, ...);
 using MmapFn = void *(*)(void *, size_t, int, int, int, off_t);
 
-template <typename Fn>
+template<typename Fn>
 Fn nextSymbol(const char *name)
 {
     return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
@@ -96,7 +96,8 @@ bool isOurs(int fd)
     return fd >= 0 && fd < kMaxFd && g_ours[fd].load(std::memory_order_acquire) != 0;
 }
 
-struct Registry {
+struct Registry
+{
     std::mutex mutex;
     bool loaded = false;
     Env env;
@@ -131,7 +132,8 @@ void refreshLocked(Registry &r)
         auto node = std::make_shared<Node>();
         node->spec = kv.second;
         if (node->spec.kind == NodeKind::Camera) {
-            node->device = std::make_shared<Device>(node->spec, generation, cfg.stateDir, cfg.trace);
+            node->device =
+                    std::make_shared<Device>(node->spec, generation, cfg.stateDir, cfg.trace);
             cameras[node->spec.index] = node->device;
         }
         r.nodes[kv.first] = node;
@@ -217,7 +219,7 @@ int openNode(int number, int flags)
             std::fprintf(stderr, "virtualcam: open /dev/video%d -> fd %d\n", number, fd);
     }
     fileOpened(*file);
-    errno = savedErrno;  // success leaves errno as the caller had it
+    errno = savedErrno; // success leaves errno as the caller had it
     return file->fd;
 }
 
@@ -264,8 +266,9 @@ std::vector<int> waitForFrames(const std::vector<int> &fds, long long timeoutMs)
         }
         if (!ready.empty())
             return ready;
-        const long long spent =
-            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+        const long long spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                        std::chrono::steady_clock::now() - start)
+                                        .count();
         if (timeoutMs >= 0 && spent >= timeoutMs)
             return ready;
         // Short naps, so that a stream stopped or a device unplugged meanwhile is noticed.
@@ -294,12 +297,12 @@ int doOpen(const char *path, int flags, mode_t mode)
 int doOpenat(int dirfd, const char *path, int flags, mode_t mode)
 {
     int number = 0;
-    if (videoNodeNumber(path, &number))  // absolute, so dirfd does not matter
+    if (videoNodeNumber(path, &number)) // absolute, so dirfd does not matter
         return openNode(number, flags);
     return realOpenat()(dirfd, path, flags, mode);
 }
 
-}  // namespace
+} // namespace
 
 namespace libc {
 int open(const char *path, int flags, mode_t mode)
@@ -314,20 +317,20 @@ void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset)
 {
     return realMmap()(addr, length, prot, flags, fd, offset);
 }
-}  // namespace libc
+} // namespace libc
 
-}  // namespace vcam
+} // namespace vcam
 
 // ------------------------------------------------------------ entry points
 
-#define VCAM_MODE_ARG(flags)              \
-    mode_t mode = 0;                      \
-    if (vcam::needsMode(flags)) {         \
-        va_list ap;                       \
-        va_start(ap, flags);              \
-        mode = va_arg(ap, mode_t);        \
-        va_end(ap);                       \
-    }
+#define VCAM_MODE_ARG(flags)    \
+  mode_t mode = 0;              \
+  if (vcam::needsMode(flags)) { \
+    va_list ap;                 \
+    va_start(ap, flags);        \
+    mode = va_arg(ap, mode_t);  \
+    va_end(ap);                 \
+  }
 
 VCAM_EXPORT int open(const char *path, int flags, ...)
 {
@@ -419,7 +422,8 @@ VCAM_EXPORT void *mmap(void *addr, size_t length, int prot, int flags, int fd, o
     return vcamMmap(addr, length, prot, flags, fd, offset);
 }
 
-VCAM_EXPORT void *mmap64(void *addr, size_t length, int prot, int flags, int fd, off64_t offset) __THROW
+VCAM_EXPORT void *mmap64(void *addr, size_t length, int prot, int flags, int fd,
+                         off64_t offset) __THROW
 {
     return vcamMmap(addr, length, prot, flags, fd, offset);
 }
@@ -427,13 +431,14 @@ VCAM_EXPORT void *mmap64(void *addr, size_t length, int prot, int flags, int fd,
 // select() and poll() on capture nodes wait for a frame as the driver's do.
 // Only calls about our descriptors alone are answered here; a set that
 // mixes in other descriptors goes to the C library unchanged.
-VCAM_EXPORT int select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds, struct timeval *timeout)
+VCAM_EXPORT int select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exceptfds,
+                       struct timeval *timeout)
 {
     std::vector<int> ours;
     bool others = false;
     for (int fd = 0; fd < nfds && fd < FD_SETSIZE; ++fd) {
-        const bool asked = (readfds && FD_ISSET(fd, readfds)) || (writefds && FD_ISSET(fd, writefds)) ||
-                           (exceptfds && FD_ISSET(fd, exceptfds));
+        const bool asked = (readfds && FD_ISSET(fd, readfds))
+                || (writefds && FD_ISSET(fd, writefds)) || (exceptfds && FD_ISSET(fd, exceptfds));
         if (!asked)
             continue;
         if (vcam::isOurs(fd))
@@ -448,7 +453,7 @@ VCAM_EXPORT int select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exce
     int count = 0;
     for (int fd : ours) {
         const bool isReady = std::find(ready.begin(), ready.end(), fd) != ready.end();
-        for (fd_set *set : {readfds, writefds}) {
+        for (fd_set *set : { readfds, writefds }) {
             if (!set || !FD_ISSET(fd, set))
                 continue;
             if (isReady)
@@ -460,7 +465,7 @@ VCAM_EXPORT int select(int nfds, fd_set *readfds, fd_set *writefds, fd_set *exce
             FD_CLR(fd, exceptfds);
     }
     if (timeout && ready.empty())
-        *timeout = {0, 0};
+        *timeout = { 0, 0 };
     return count;
 }
 

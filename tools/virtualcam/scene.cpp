@@ -20,10 +20,10 @@ namespace {
 const cv::Scalar kInk(62, 60, 58);
 const cv::Scalar kCounter(128, 128, 128);
 const int kFont = cv::FONT_HERSHEY_SIMPLEX;
-const int kShift = 4;  // sub-pixel bits for polygon corners
+const int kShift = 4; // sub-pixel bits for polygon corners
 const double kPi = 3.14159265358979323846;
 
-std::atomic<uint64_t> g_stamps{0};
+std::atomic<uint64_t> g_stamps{ 0 };
 
 void fillDesk(cv::Mat &img)
 {
@@ -34,7 +34,8 @@ void fillDesk(cv::Mat &img)
         for (int x = 0; x < w; ++x) {
             const double fx = w > 1 ? double(x) / (w - 1) : 0;
             const int v = static_cast<int>(std::lround(36 + 22 * (0.6 * fx + 0.4 * fy)));
-            row[x] = cv::Vec3b(static_cast<uchar>(v + 3), static_cast<uchar>(v), static_cast<uchar>(v - 2));
+            row[x] = cv::Vec3b(static_cast<uchar>(v + 3), static_cast<uchar>(v),
+                               static_cast<uchar>(v - 2));
         }
     }
 }
@@ -42,7 +43,8 @@ void fillDesk(cv::Mat &img)
 // Maps sheet-local pixel coordinates (origin at the sheet centre, axes along
 // its edges) to frame pixels. Building corners in pixels before rotating
 // keeps a rotated sheet rectangular whatever the frame's aspect ratio.
-struct SheetFrame {
+struct SheetFrame
+{
     double cx, cy, c, s;
     cv::Point map(double u, double v) const
     {
@@ -56,7 +58,7 @@ struct SheetFrame {
 void fillLocalRect(cv::Mat &img, const SheetFrame &f, double u0, double v0, double u1, double v1,
                    const cv::Scalar &color)
 {
-    cv::Point pts[4] = {f.map(u0, v0), f.map(u1, v0), f.map(u1, v1), f.map(u0, v1)};
+    cv::Point pts[4] = { f.map(u0, v0), f.map(u1, v0), f.map(u1, v1), f.map(u0, v1) };
     cv::fillConvexPoly(img, pts, 4, color, cv::LINE_AA, kShift);
 }
 
@@ -65,7 +67,7 @@ void drawSheet(cv::Mat &img, const SheetSpec &sheet, const cv::Scalar &paper)
     const double sw = sheet.w * img.cols;
     const double sh = sheet.h * img.rows;
     const double a = sheet.angle * kPi / 180.0;
-    SheetFrame f{sheet.cx * img.cols, sheet.cy * img.rows, std::cos(a), std::sin(a)};
+    SheetFrame f{ sheet.cx * img.cols, sheet.cy * img.rows, std::cos(a), std::sin(a) };
     fillLocalRect(img, f, -sw / 2, -sh / 2, sw / 2, sh / 2, paper);
 
     // A few printed lines so the sheet reads as a document. The middle band
@@ -74,9 +76,9 @@ void drawSheet(cv::Mat &img, const SheetSpec &sheet, const cv::Scalar &paper)
     const double usable = 0.8 * sw;
     const double thick = std::max(1.0, 0.014 * sh);
     const double pitch = 0.045 * sh;
-    fillLocalRect(img, f, left, -sh / 2 + 0.08 * sh, left + 0.5 * usable, -sh / 2 + 0.08 * sh + 1.8 * thick,
-                  kInk);
-    static const double lengths[] = {1.0, 0.96, 0.99, 0.93, 0.62};
+    fillLocalRect(img, f, left, -sh / 2 + 0.08 * sh, left + 0.5 * usable,
+                  -sh / 2 + 0.08 * sh + 1.8 * thick, kInk);
+    static const double lengths[] = { 1.0, 0.96, 0.99, 0.93, 0.62 };
     int i = 0;
     for (double v = -sh / 2 + 0.18 * sh; v + thick < -0.05 * sh; v += pitch, ++i)
         fillLocalRect(img, f, left, v, left + lengths[i % 5] * usable, v + thick, kInk);
@@ -88,7 +90,8 @@ cv::Mat loadPicture(const std::string &path, int width, int height)
 {
     cv::Mat pic = cv::imread(path, cv::IMREAD_COLOR);
     if (pic.empty()) {
-        std::fprintf(stderr, "virtualcam: cannot read scene image '%s', showing an empty desk\n", path.c_str());
+        std::fprintf(stderr, "virtualcam: cannot read scene image '%s', showing an empty desk\n",
+                     path.c_str());
         return cv::Mat();
     }
     cv::Mat out;
@@ -97,7 +100,7 @@ cv::Mat loadPicture(const std::string &path, int width, int height)
     return out;
 }
 
-}  // namespace
+} // namespace
 
 cv::Mat renderScene(const SceneSpec &scene, int width, int height)
 {
@@ -136,7 +139,7 @@ void bgrToYuyv(const cv::Mat &bgr, uint8_t *dst, size_t dstStride)
             const int b1 = src[3], g1 = src[4], r1 = src[5];
             const int y0 = ((66 * r0 + 129 * g0 + 25 * b0 + 128) >> 8) + 16;
             const int y1 = ((66 * r1 + 129 * g1 + 25 * b1 + 128) >> 8) + 16;
-            const int r = r0 + r1, g = g0 + g1, b = b0 + b1;  // chroma is shared by the pair
+            const int r = r0 + r1, g = g0 + g1, b = b0 + b1; // chroma is shared by the pair
             const int u = ((-38 * r - 74 * g + 112 * b + 256) >> 9) + 128;
             const int v = ((112 * r - 94 * g - 18 * b + 256) >> 9) + 128;
             out[0] = static_cast<uint8_t>(std::clamp(y0, 0, 255));
@@ -162,15 +165,18 @@ void FrameSource::dropAhead()
 
 void FrameSource::prepare(const SceneSpec &scene, int width, int height, uint32_t fourcc)
 {
-    if (!static_.empty() && key_ == scene.key && width_ == width && height_ == height && fourcc_ == fourcc)
+    if (!static_.empty() && key_ == scene.key && width_ == width && height_ == height
+        && fourcc_ == fourcc)
         return;
     preparePicture(scene.key, renderScene(scene, width, height), fourcc, true);
 }
 
-void FrameSource::preparePicture(const std::string &key, const cv::Mat &picture, uint32_t fourcc, bool still)
+void FrameSource::preparePicture(const std::string &key, const cv::Mat &picture, uint32_t fourcc,
+                                 bool still)
 {
     const int width = picture.cols, height = picture.rows;
-    if (!static_.empty() && key_ == key && width_ == width && height_ == height && fourcc_ == fourcc)
+    if (!static_.empty() && key_ == key && width_ == width && height_ == height
+        && fourcc_ == fourcc)
         return;
     dropAhead();
     key_ = key;
@@ -194,7 +200,8 @@ void FrameSource::preparePicture(const std::string &key, const cv::Mat &picture,
     const int baseline = height - std::max(2, static_cast<int>(std::lround(0.03 * height)));
     origin_ = cv::Point(x0, baseline);
     const int pad = thickness_ + 1;
-    cv::Rect r(x0 - pad, baseline - box.height - pad, box.width + 2 * pad, box.height + base + 2 * pad);
+    cv::Rect r(x0 - pad, baseline - box.height - pad, box.width + 2 * pad,
+               box.height + base + 2 * pad);
     r &= cv::Rect(0, 0, width, height);
     // Even column bounds keep 4:2:2 pairs whole when patching.
     const int left = r.x & ~1;
@@ -221,7 +228,7 @@ std::vector<uchar> FrameSource::encodeJpeg(cv::Mat &work, uint32_t number, int q
     static_(counter_).copyTo(work(counter_));
     drawCounter(work, origin_, number);
     std::vector<uchar> jpeg;
-    cv::imencode(".jpg", work, jpeg, {cv::IMWRITE_JPEG_QUALITY, quality});
+    cv::imencode(".jpg", work, jpeg, { cv::IMWRITE_JPEG_QUALITY, quality });
     return jpeg;
 }
 
@@ -260,11 +267,12 @@ size_t FrameSource::render(uint32_t number, uint8_t *dst, size_t capacity, uint6
     // The next frame is most likely number + 1; it is encoded meanwhile.
     aheadNumber_ = number + 1;
     if (still_)
-        ahead_ = std::async(std::launch::async,
-                            [this, next = aheadNumber_] { return encodeJpeg(aheadWork_, next, 90); });
+        ahead_ = std::async(std::launch::async, [this, next = aheadNumber_] {
+            return encodeJpeg(aheadWork_, next, 90);
+        });
 
     // A frame too large for the buffer is made again at lower qualities.
-    for (int quality : {75, 50, 25}) {
+    for (int quality : { 75, 50, 25 }) {
         if (jpeg_.size() <= capacity)
             break;
         jpeg_ = encodeJpeg(work_, number, quality);
@@ -286,7 +294,7 @@ size_t FrameSource::renderWhite(uint8_t *dst, size_t capacity)
             bgrToYuyv(white, white_.data(), static_cast<size_t>(width_) * 2);
         } else {
             std::vector<uchar> jpeg;
-            cv::imencode(".jpg", white, jpeg, {cv::IMWRITE_JPEG_QUALITY, 90});
+            cv::imencode(".jpg", white, jpeg, { cv::IMWRITE_JPEG_QUALITY, 90 });
             white_.assign(jpeg.begin(), jpeg.end());
         }
     }
@@ -296,4 +304,4 @@ size_t FrameSource::renderWhite(uint8_t *dst, size_t capacity)
     return white_.size();
 }
 
-}  // namespace vcam
+} // namespace vcam

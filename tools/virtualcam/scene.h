@@ -23,7 +23,8 @@ void bgrToYuyv(const cv::Mat &bgr, uint8_t *dst, size_t dstStride);
 
 // Produces numbered frames of one scene in one size and pixel format. The
 // scene is drawn and converted once; each frame only redraws the counter.
-class FrameSource {
+class FrameSource
+{
 public:
     ~FrameSource();
 
@@ -31,7 +32,8 @@ public:
     // The same for a picture made elsewhere (a scripted scene), known by
     // key. A picture that is not still lasts one frame: no next frame of it
     // is encoded ahead.
-    void preparePicture(const std::string &key, const cv::Mat &picture, uint32_t fourcc, bool still);
+    void preparePicture(const std::string &key, const cv::Mat &picture, uint32_t fourcc,
+                        bool still);
 
     // Writes frame `number` into dst and returns the bytes used (0 if the
     // frame cannot fit). *slotStamp remembers what the destination already
@@ -58,7 +60,7 @@ private:
     cv::Mat work_;
     std::vector<uint8_t> yuyv_;
     std::vector<uchar> jpeg_;
-    std::vector<uint8_t> white_;  // the flash frame in this size and format
+    std::vector<uint8_t> white_; // the flash frame in this size and format
     // A camera compresses its frames itself, at no cost to the reader: the
     // next MJPG frame is encoded on a thread of its own while the reader
     // works on the current one.
@@ -72,4 +74,4 @@ private:
     int thickness_ = 1;
 };
 
-}  // namespace vcam
+} // namespace vcam

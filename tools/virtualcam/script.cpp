@@ -15,7 +15,7 @@ namespace {
 
 const cv::Scalar kPaper(236, 240, 242);
 const cv::Scalar kInk(40, 38, 36);
-const cv::Scalar kHand(52, 66, 96);  // a dark, skin-brown hand and sleeve
+const cv::Scalar kHand(52, 66, 96); // a dark, skin-brown hand and sleeve
 constexpr int kCodeBits = 8;
 
 bool parseInts(const std::string &text, std::vector<int> *out)
@@ -49,13 +49,16 @@ void drawHand(cv::Mat &img, double x)
 {
     const int w = img.cols, h = img.rows;
     const cv::Point palm(static_cast<int>(x * w), h / 2);
-    cv::ellipse(img, palm, cv::Size(std::max(1, static_cast<int>(0.09 * w)), std::max(1, static_cast<int>(0.16 * h))),
+    cv::ellipse(img, palm,
+                cv::Size(std::max(1, static_cast<int>(0.09 * w)),
+                         std::max(1, static_cast<int>(0.16 * h))),
                 0, 0, 360, kHand, cv::FILLED, cv::LINE_AA);
     const int arm = static_cast<int>(0.06 * w);
-    cv::rectangle(img, cv::Point(palm.x - arm, palm.y), cv::Point(palm.x + arm, h), kHand, cv::FILLED);
+    cv::rectangle(img, cv::Point(palm.x - arm, palm.y), cv::Point(palm.x + arm, h), kHand,
+                  cv::FILLED);
 }
 
-}  // namespace
+} // namespace
 
 std::vector<ScriptStep> parseScript(const std::string &text)
 {
@@ -78,8 +81,8 @@ std::vector<ScriptStep> parseScript(const std::string &text)
         } else if (kind == "hand" && v.size() == 1 && v[0] > 0) {
             s.kind = ScriptStep::Hand;
             s.durationMs = v[0];
-        } else if (kind == "flicker" && (v.size() == 2 || v.size() == 3) && v[0] > 0 && v[1] >= 0 && v[1] <= 255
-                   && (v.size() == 2 || v[2] > 0)) {
+        } else if (kind == "flicker" && (v.size() == 2 || v.size() == 3) && v[0] > 0 && v[1] >= 0
+                   && v[1] <= 255 && (v.size() == 2 || v[2] > 0)) {
             s.kind = ScriptStep::Flicker;
             s.durationMs = v[0];
             s.amplitude = v[1];
@@ -101,7 +104,8 @@ std::vector<ScriptStep> parseScript(const std::string &text)
         }
         s.page = current;
         s.nextPage = current;
-        if (s.kind == ScriptStep::Hand && i + 1 < steps.size() && steps[i + 1].kind == ScriptStep::Page)
+        if (s.kind == ScriptStep::Hand && i + 1 < steps.size()
+            && steps[i + 1].kind == ScriptStep::Page)
             s.nextPage = steps[i + 1].page;
     }
     return steps;
@@ -111,12 +115,13 @@ cv::Mat renderPage(int page, int width, int height)
 {
     SceneSpec sheet;
     sheet.kind = SceneSpec::Sheets;
-    sheet.sheets.push_back(SheetSpec{0.5, 0.5, 0.55, 0.7, 0});
+    sheet.sheets.push_back(SheetSpec{ 0.5, 0.5, 0.55, 0.7, 0 });
     cv::Mat img = renderScene(sheet, width, height);
 
     const auto px = [width](double f) { return static_cast<int>(f * width); };
     const auto py = [height](double f) { return static_cast<int>(f * height); };
-    cv::rectangle(img, cv::Point(px(0.26), py(0.26)), cv::Point(px(0.74), py(0.80)), kPaper, cv::FILLED);
+    cv::rectangle(img, cv::Point(px(0.26), py(0.26)), cv::Point(px(0.74), py(0.80)), kPaper,
+                  cv::FILLED);
 
     // The number, as large as fits the upper half of the cleared area.
     const std::string text = std::to_string(page);
@@ -126,7 +131,8 @@ cv::Mat renderPage(int page, int width, int height)
     const double scale = std::min(0.40 * width / unit.width, 0.28 * height / unit.height);
     const int thick = std::max(1, static_cast<int>(scale * 2.2));
     const cv::Size box = cv::getTextSize(text, font, scale, thick, &base);
-    cv::putText(img, text, cv::Point((width - box.width) / 2, py(0.60)), font, scale, kInk, thick, cv::LINE_AA);
+    cv::putText(img, text, cv::Point((width - box.width) / 2, py(0.60)), font, scale, kInk, thick,
+                cv::LINE_AA);
 
     // The same number in blocks, for reading back without recognising digits.
     const double pitch = 0.42 / kCodeBits;
@@ -134,13 +140,14 @@ cv::Mat renderPage(int page, int width, int height)
         if (!((page >> (kCodeBits - 1 - i)) & 1))
             continue;
         const double cx = 0.29 + (i + 0.5) * pitch;
-        cv::rectangle(img, cv::Point(px(cx - 0.35 * pitch), py(0.67)), cv::Point(px(cx + 0.35 * pitch), py(0.75)), kInk,
-                      cv::FILLED);
+        cv::rectangle(img, cv::Point(px(cx - 0.35 * pitch), py(0.67)),
+                      cv::Point(px(cx + 0.35 * pitch), py(0.75)), kInk, cv::FILLED);
     }
     return img;
 }
 
-void ScriptPlayer::configure(const std::vector<ScriptStep> &steps, bool loop, const std::string &logPath)
+void ScriptPlayer::configure(const std::vector<ScriptStep> &steps, bool loop,
+                             const std::string &logPath)
 {
     steps_ = steps;
     loop_ = loop;
@@ -187,9 +194,12 @@ const cv::Mat &ScriptPlayer::frame(std::chrono::steady_clock::time_point now, in
         // Played once: the last page stays, still and evenly lit.
         if (lastStep_ != static_cast<long long>(steps_.size())) {
             lastStep_ = static_cast<long long>(steps_.size());
-            log(steps_.size(), "end", steps_.back().kind == ScriptStep::Hand ? steps_.back().nextPage : steps_.back().page);
+            log(steps_.size(), "end",
+                steps_.back().kind == ScriptStep::Hand ? steps_.back().nextPage
+                                                       : steps_.back().page);
         }
-        const int page = steps_.back().kind == ScriptStep::Hand ? steps_.back().nextPage : steps_.back().page;
+        const int page = steps_.back().kind == ScriptStep::Hand ? steps_.back().nextPage
+                                                                : steps_.back().page;
         *key = "script:page:" + std::to_string(page) + ":" + size;
         *still = true;
         return pageAt(page, width, height);
@@ -201,7 +211,7 @@ const cv::Mat &ScriptPlayer::frame(std::chrono::steady_clock::time_point now, in
         ++index;
     }
     const ScriptStep &s = steps_[index];
-    static const char *const names[] = {"page", "hand", "flicker"};
+    static const char *const names[] = { "page", "hand", "flicker" };
     if (pass != lastPass_ || static_cast<long long>(index) != lastStep_) {
         lastPass_ = pass;
         lastStep_ = static_cast<long long>(index);
@@ -212,7 +222,7 @@ const cv::Mat &ScriptPlayer::frame(std::chrono::steady_clock::time_point now, in
     case ScriptStep::Hand: {
         const double f = double(t) / s.durationMs;
         pageAt(f < 0.5 ? s.page : s.nextPage, width, height).copyTo(out_);
-        drawHand(out_, 0.2 + 0.6 * f);  // over the page for the whole step
+        drawHand(out_, 0.2 + 0.6 * f); // over the page for the whole step
         *key = "script:hand:" + std::to_string(++handFrames_) + ":" + size;
         *still = false;
         return out_;
@@ -233,4 +243,4 @@ const cv::Mat &ScriptPlayer::frame(std::chrono::steady_clock::time_point now, in
     }
 }
 
-}  // namespace vcam
+} // namespace vcam

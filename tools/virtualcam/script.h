@@ -11,14 +11,15 @@
 
 namespace vcam {
 
-struct ScriptStep {
+struct ScriptStep
+{
     enum Kind { Page, Hand, Flicker };
     Kind kind = Page;
     int durationMs = 0;
-    int page = 1;       // Page: the page laid down; Hand/Flicker: the page under it
-    int nextPage = 1;   // Hand: the page left there once the hand is gone
-    int amplitude = 0;  // Flicker: grey levels added, then taken away
-    int periodMs = 1000;  // Flicker: how long each sign lasts
+    int page = 1; // Page: the page laid down; Hand/Flicker: the page under it
+    int nextPage = 1; // Hand: the page left there once the hand is gone
+    int amplitude = 0; // Flicker: grey levels added, then taken away
+    int periodMs = 1000; // Flicker: how long each sign lasts
 };
 
 // Parses "page:3,2000;hand:1000;flicker:30000,3,1000". Malformed steps are
@@ -32,7 +33,8 @@ std::vector<ScriptStep> parseScript(const std::string &text);
 cv::Mat renderPage(int page, int width, int height);
 
 // Plays a script against the clock: the first frame asked for starts it.
-class ScriptPlayer {
+class ScriptPlayer
+{
 public:
     void configure(const std::vector<ScriptStep> &steps, bool loop, const std::string &logPath);
     bool active() const { return !steps_.empty(); }
@@ -61,4 +63,4 @@ private:
     uint64_t handFrames_ = 0;
 };
 
-}  // namespace vcam
+} // namespace vcam

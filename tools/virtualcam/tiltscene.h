@@ -52,4 +52,4 @@ void printPages(cv::Mat &img, const SceneSpec &scene);
 // The flat scene img seen by the tilted camera, then its pages printed.
 void tiltAndPrint(cv::Mat &img, const SceneSpec &scene);
 
-}  // namespace vcam
+} // namespace vcam

@@ -19,12 +19,13 @@ namespace {
 constexpr int rate = 48000;
 constexpr int64_t second = 1000000000;
 
-struct Options {
+struct Options
+{
     std::string fifo;
-    double tone = 1000.0;      // Hz
-    double level = 0.5;        // peak, fraction of full scale
-    double drift = 0.0;        // the microphone's clock runs this much fast (+) or slow (-)
-    int64_t beepPeriodMs = 0;  // 0: the tone sounds all the time
+    double tone = 1000.0; // Hz
+    double level = 0.5; // peak, fraction of full scale
+    double drift = 0.0; // the microphone's clock runs this much fast (+) or slow (-)
+    int64_t beepPeriodMs = 0; // 0: the tone sounds all the time
     int64_t beepMs = 100;
 };
 
@@ -108,7 +109,7 @@ int main(int argc, char **argv)
             left -= size_t(n);
         }
         written = due;
-        const timespec pause{0, 5000000};
+        const timespec pause{ 0, 5000000 };
         nanosleep(&pause, nullptr);
     }
 }
