@@ -79,22 +79,7 @@ SettingDialog::~SettingDialog()
 void SettingDialog::init()
 {
     Config *config = Cache::config;
-
-    // Every list is refilled from scratch, so opening the window again does
-    // not repeat its items.
-    ui->imageResolutionBox->clear();
-    if (const CameraInfo *camera = cameraAt(config->camera_index))
-        appendSizes(ui->imageResolutionBox, camera->supportedResolutions);
-
-    ui->imageCodecBox->clear();
-    for (const QString &format : config->iamge_formats)
-        ui->imageCodecBox->addItem(format, format);
-
-    for (QComboBox *box : { ui->imageOutResolutionBox, ui->painting_mian_resolutionBox,
-                            ui->painting_other_resolutionBox }) {
-        box->clear();
-        appendSizes(box, config->resolutions);
-    }
+    fillChoiceLists();
 
     ui->imageFOURCCBox->setCurrentIndex(config->image_fourcc);
     ui->imageResolutionBox->setCurrentIndex(config->image_resolution);
@@ -130,6 +115,33 @@ void SettingDialog::init()
     setSampleColor(watermarkColour());
     ui->lbWatermarkDemo->setFont(watermarkFont());
 
+    showExtensionSettings();
+}
+
+// Every list is refilled from scratch, so opening the window again does
+// not repeat its items.
+void SettingDialog::fillChoiceLists()
+{
+    const Config *config = Cache::config;
+    ui->imageResolutionBox->clear();
+    if (const CameraInfo *camera = cameraAt(config->camera_index))
+        appendSizes(ui->imageResolutionBox, camera->supportedResolutions);
+
+    ui->imageCodecBox->clear();
+    for (const QString &format : config->iamge_formats)
+        ui->imageCodecBox->addItem(format, format);
+
+    for (QComboBox *box : { ui->imageOutResolutionBox, ui->painting_mian_resolutionBox,
+                            ui->painting_other_resolutionBox }) {
+        box->clear();
+        appendSizes(box, config->resolutions);
+    }
+}
+
+// The controls of the group "增强功能".
+void SettingDialog::showExtensionSettings()
+{
+    const Config *config = Cache::config;
     ui->checkBox_Perspective->setChecked(config->perspective_correction);
     // A mode this build does not know shows the fixed interval.
     ui->shootingModeBox->setCurrentIndex(config->shooting_mode == ShootingModePageTurn

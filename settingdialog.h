@@ -48,6 +48,8 @@ public slots:
     void on_painting_percentage_box_valueChanged(int value);
 
 private:
+    void fillChoiceLists();
+    void showExtensionSettings();
     void loadAudioInputs(const QString &saved);
     void setSampleColor(const QColor &color);
 };

@@ -96,56 +96,47 @@ bool meet(const EdgeLine &l1, const EdgeLine &l2, cv::Point2f &at)
 // steepest step of each to a fraction of a pixel, a line through them.
 // False when too few profiles show a clear step (an edge along the frame's
 // border, or lost in a shadow's edge), the line then stays as it was.
-bool placeEdge(const cv::Mat &frame, cv::Point2f a, cv::Point2f b, cv::Point2f outward, float reach,
-               std::vector<cv::Point2f> &points, EdgeLine &line)
+// Where along one profile across an edge, through p in the direction
+// outward and span pixels either way, the colour steps most steeply: its
+// distance from p to a fraction of a pixel. False when the profile leaves
+// the frame or shows no clear step away from its ends.
+bool steepestStep(const cv::Mat &frame, cv::Point2f p, cv::Point2f outward, int span, float &at)
 {
-    const cv::Point2f ab = b - a;
-    const float length = float(cv::norm(ab));
-    if (length < 16)
-        return false;
-    const int range = int(std::ceil(reach));
-    constexpr int profiles = 48;
     constexpr int maxSpan = 64;
     float steps[2 * maxSpan + 1];
-    const int span = std::min(range, maxSpan);
-    points.clear();
-    for (int k = 0; k < profiles; ++k) {
-        // Away from the corners, which are often rounded or bent.
-        const cv::Point2f p = a + (0.1f + 0.8f * (k + 0.5f) / profiles) * ab;
-        float previous[3];
-        if (!colourAt(frame, p.x - span * outward.x, p.y - span * outward.y, previous))
-            continue;
-        bool inside = true;
-        for (int s = -span + 1; s <= span && inside; ++s) {
-            float c[3];
-            inside = colourAt(frame, p.x + s * outward.x, p.y + s * outward.y, c);
-            if (inside) {
-                steps[s - 1 + span] = std::abs(c[0] - previous[0]) + std::abs(c[1] - previous[1])
-                        + std::abs(c[2] - previous[2]);
-                std::copy(c, c + 3, previous);
-            }
-        }
-        if (!inside)
-            continue;
-        // steps[i] is the change from -span + i to -span + i + 1.
-        int best = 0;
-        for (int i = 1; i < 2 * span; ++i) {
-            if (steps[i] > steps[best])
-                best = i;
-        }
-        // A clear step, not at the ends of the profile.
-        if (steps[best] < 24 || best == 0 || best == 2 * span - 1)
-            continue;
-        const float l = steps[best - 1], m = steps[best], r = steps[best + 1];
-        const float bend = l - 2 * m + r;
-        const float offset = bend < 0 ? 0.5f * (l - r) / bend : 0.0f;
-        const float at = float(best - span) + 0.5f + std::clamp(offset, -0.5f, 0.5f);
-        points.push_back(p + at * outward);
-    }
-    if (int(points.size()) < profiles / 3)
+    span = std::min(span, maxSpan);
+    float previous[3];
+    if (!colourAt(frame, p.x - span * outward.x, p.y - span * outward.y, previous))
         return false;
-    // Robust first (a pen across the edge, a dent), then only the points
-    // that agree with that line.
+    for (int s = -span + 1; s <= span; ++s) {
+        float c[3];
+        if (!colourAt(frame, p.x + s * outward.x, p.y + s * outward.y, c))
+            return false;
+        steps[s - 1 + span] = std::abs(c[0] - previous[0]) + std::abs(c[1] - previous[1])
+                + std::abs(c[2] - previous[2]);
+        std::copy(c, c + 3, previous);
+    }
+    // steps[i] is the change from -span + i to -span + i + 1.
+    int best = 0;
+    for (int i = 1; i < 2 * span; ++i) {
+        if (steps[i] > steps[best])
+            best = i;
+    }
+    // A clear step, not at the ends of the profile.
+    if (steps[best] < 24 || best == 0 || best == 2 * span - 1)
+        return false;
+    const float l = steps[best - 1], m = steps[best], r = steps[best + 1];
+    const float bend = l - 2 * m + r;
+    const float offset = bend < 0 ? 0.5f * (l - r) / bend : 0.0f;
+    at = float(best - span) + 0.5f + std::clamp(offset, -0.5f, 0.5f);
+    return true;
+}
+
+// A line through points: robust first (a pen across the edge, a dent),
+// then through only the points that agree with that line. False when too
+// few agree.
+bool fitEdgeLine(std::vector<cv::Point2f> &points, size_t fewest, EdgeLine &line)
+{
     cv::Vec4f fitted;
     cv::fitLine(points, fitted, cv::DIST_HUBER, 0, 0.01, 0.01);
     const cv::Point2f dir(fitted[0], fitted[1]), on(fitted[2], fitted[3]);
@@ -155,13 +146,35 @@ bool placeEdge(const cv::Mat &frame, cv::Point2f a, cv::Point2f b, cv::Point2f o
         if (std::abs((q - on).dot(normal)) <= 1.5f)
             points[kept++] = q;
     }
-    if (kept < size_t(profiles / 3))
+    if (kept < fewest)
         return false;
     points.resize(kept);
     cv::fitLine(points, fitted, cv::DIST_L2, 0, 0.01, 0.01);
     line.dir = cv::Point2f(fitted[0], fitted[1]);
     line.point = cv::Point2f(fitted[2], fitted[3]);
     return true;
+}
+
+bool placeEdge(const cv::Mat &frame, cv::Point2f a, cv::Point2f b, cv::Point2f outward, float reach,
+               std::vector<cv::Point2f> &points, EdgeLine &line)
+{
+    const cv::Point2f ab = b - a;
+    const float length = float(cv::norm(ab));
+    if (length < 16)
+        return false;
+    constexpr int profiles = 48;
+    const int span = int(std::ceil(reach));
+    points.clear();
+    for (int k = 0; k < profiles; ++k) {
+        // Away from the corners, which are often rounded or bent.
+        const cv::Point2f p = a + (0.1f + 0.8f * (k + 0.5f) / profiles) * ab;
+        float at = 0;
+        if (steepestStep(frame, p, outward, span, at))
+            points.push_back(p + at * outward);
+    }
+    if (int(points.size()) < profiles / 3)
+        return false;
+    return fitEdgeLine(points, size_t(profiles / 3), line);
 }
 
 // An edge of a sheet cut off by the frame lies on the frame's edge (the
