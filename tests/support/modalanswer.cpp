@@ -21,6 +21,7 @@
 #include <QMessageBox>
 #include <QSplashScreen>
 #include <QStringList>
+#include <QThread>
 #include <QTimer>
 
 #include <chrono>
@@ -57,6 +58,19 @@ void answerWhenShown()
     });
 }
 
+// Asks the application to quit once its main event loop runs. A quit
+// delivered earlier (while start-up processes events by hand, before
+// exec()) would be lost, and a slow start-up (an emulated one) would then
+// never end; so the request is repeated until the loop is there to leave.
+void quitOnceTheLoopRuns()
+{
+    QCoreApplication *app = QCoreApplication::instance();
+    if (QThread::currentThread()->loopLevel() > 0)
+        app->quit();
+    else
+        QTimer::singleShot(50, app, &quitOnceTheLoopRuns);
+}
+
 struct QuitTimer
 {
     QuitTimer()
@@ -67,8 +81,11 @@ struct QuitTimer
         const int ms = after.toInt();
         std::thread([ms] {
             std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-            if (QCoreApplication *app = QCoreApplication::instance())
-                QMetaObject::invokeMethod(app, "quit", Qt::QueuedConnection);
+            // The application object may not exist yet.
+            while (!QCoreApplication::instance())
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            QMetaObject::invokeMethod(QCoreApplication::instance(), &quitOnceTheLoopRuns,
+                                      Qt::QueuedConnection);
         }).detach();
     }
 };
