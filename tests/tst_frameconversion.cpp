@@ -1,23 +1,16 @@
 // The capture thread's pictures between OpenCV and Qt: matrices made
 // images and images made matrices, and the shown picture turned in quarter
 // turns.
-#include "threads/imageprocessing.h"
+#include "enginecases.h"
 #include "framecases.h"
 
-class tst_FrameConversion : public QObject
+using namespace framecases;
+
+class tst_FrameConversion : public EngineCases
 {
     Q_OBJECT
 
-    ImageProcessing ip; // one for all: it waits a moment when destroyed
-
 private slots:
-    void init()
-    {
-        ip.setCameraCorrection(0);
-        ip.setCameraShootType(0);
-        ip.angle = 0;
-    }
-
     // ---- Matrix to image -------------------------------------------------
 
     void greyMatBecomesIndexed8WithGreyTable()

@@ -1,13 +1,13 @@
 // One frame through the shooting types and the sheet search: the colours
 // of each type, and the outlines of the sheets found on the preview.
-#include "threads/imageprocessing.h"
+#include "enginecases.h"
 #include "framecases.h"
 
-class tst_FrameProcessing : public QObject
+using namespace framecases;
+
+class tst_FrameProcessing : public EngineCases
 {
     Q_OBJECT
-
-    ImageProcessing ip; // one for all: it waits a moment when destroyed
 
     // The frame through the colour mode and the sheet search with the given
     // correction and shooting type: the sheets found, the picture in out.
@@ -20,13 +20,6 @@ class tst_FrameProcessing : public QObject
     }
 
 private slots:
-    void init()
-    {
-        ip.setCameraCorrection(0);
-        ip.setCameraShootType(0);
-        ip.angle = 0;
-    }
-
     // ---- Colour modes and outlines --------------------------------------
 
     void correctionZeroReturnsEmptyListAndNeverDraws_data()

@@ -1,21 +1,14 @@
 // The capture thread's own rules: the turning direction kept in angle.
-#include "threads/imageprocessing.h"
+#include "enginecases.h"
 #include "framecases.h"
 
-class tst_ImageProcessing : public QObject
+using namespace framecases;
+
+class tst_ImageProcessing : public EngineCases
 {
     Q_OBJECT
 
-    ImageProcessing ip; // one for all: it waits a moment when destroyed
-
 private slots:
-    void init()
-    {
-        ip.setCameraCorrection(0);
-        ip.setCameraShootType(0);
-        ip.angle = 0;
-    }
-
     // ---- Turning direction ----------------------------------------------
 
     void setAngleOneFourTimesReturnsToZero()

@@ -1,13 +1,13 @@
 // The rules of the sheet search (which bright regions are sheets, in what
 // order, which one single correction keeps) and of the upright cut-out.
-#include "threads/imageprocessing.h"
+#include "enginecases.h"
 #include "framecases.h"
 
-class tst_SheetSearch : public QObject
+using namespace framecases;
+
+class tst_SheetSearch : public EngineCases
 {
     Q_OBJECT
-
-    ImageProcessing ip; // one for all: it waits a moment when destroyed
 
     static std::vector<cv::RotatedRect> referenceSheetsUnfiltered(const cv::Mat &bgr)
     {
@@ -23,13 +23,6 @@ class tst_SheetSearch : public QObject
     }
 
 private slots:
-    void init()
-    {
-        ip.setCameraCorrection(0);
-        ip.setCameraShootType(0);
-        ip.angle = 0;
-    }
-
     // ---- Document detection ---------------------------------------------
 
     void singleCorrectionReturnsLargestSheet()

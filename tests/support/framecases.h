@@ -251,6 +251,4 @@ inline cv::Mat numberedMat(int rows, int cols, int type)
 
 } // namespace framecases
 
-using namespace framecases;
-
 #endif // FRAMECASES_H
