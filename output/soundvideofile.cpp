@@ -35,7 +35,7 @@ SoundVideoFile::SoundVideoFile(const QString &path, cv::Size frameSize, int fram
         return; // the caller records the picture alone
     fileOk = file.open(path.toUtf8().toStdString(), frameSize, fps, Microphone::sampleRate);
     if (!fileOk)
-        microphone->stop();
+        endInput();
 }
 
 SoundVideoFile::~SoundVideoFile()
@@ -108,9 +108,11 @@ void SoundVideoFile::write(const cv::Mat &frame, int64_t capturedNs)
     writeSoundUpTo((lastPts + 1) * Microphone::sampleRate / fps);
 }
 
+// Called by the thread finishing the recording and again by close(), which
+// also runs when the recording ends without being finished.
 void SoundVideoFile::endInput()
 {
-    if (microphone)
+    if (microphone && !inputEnded.exchange(true))
         microphone->stop();
 }
 

@@ -7,6 +7,7 @@
 
 #include <QString>
 
+#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -55,6 +56,7 @@ private:
     bool fileOk = false;
     bool soundOk = false;
     std::unique_ptr<Microphone> microphone;
+    std::atomic<bool> inputEnded{ false }; // the microphone is stopped once
 
     std::mutex blocksLock; // blocks, started and closed: the microphone's thread adds
     std::deque<Block> blocks;
