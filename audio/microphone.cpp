@@ -1,5 +1,7 @@
 #include "microphone.h"
 
+#include "monotonicclock.h"
+
 #include <QAudioDeviceInfo>
 #include <QAudioFormat>
 #include <QAudioInput>
@@ -7,19 +9,11 @@
 #include <QThread>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <vector>
 
 namespace {
-
-int64_t monotonicNs()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-                   std::chrono::steady_clock::now().time_since_epoch())
-            .count();
-}
 
 QAudioFormat recordingFormat()
 {

@@ -14,3 +14,9 @@ bool decodeWholeFrame(const cv::Mat &bytes, cv::Mat &picture)
     // the buffer of the frame before (reused when the size is the same).
     return !cv::imdecode(bytes, cv::IMREAD_COLOR, &picture).empty();
 }
+
+int64_t frameCaptureTime(double positionMs, int64_t nowNs)
+{
+    const int64_t stamp = int64_t(positionMs * 1e6);
+    return stamp > 0 && stamp <= nowNs && nowNs - stamp < 1000000000 ? stamp : nowNs;
+}

@@ -23,6 +23,16 @@ struct FrameWork
     SheetFinderWork anyDesk; // the perspective option's search on any desk
 };
 
+// The modes a frame is processed with, read once per frame, so that a mode
+// changed meanwhile by another thread does not split a frame.
+struct FrameModes
+{
+    int correction = 0;
+    int shooting = 0;
+    int quarterTurns = 0;
+    bool corners = false; // sheets by their four corners
+};
+
 // src (8-bit BGR) in the shooting type's pixels into out: 1 grey, 2 black
 // and white, 3 the background made white, any other code the colours as
 // they are (out then shares src's pixels). With correction 1 or 2 the

@@ -238,6 +238,21 @@ private slots:
         QVERIFY(none.empty());
     }
 
+    // The driver's stamp stands when it is on the reading clock and recent;
+    // none, one from the future or one a second old gives the reading time.
+    void captureTimeIsTheCamerasStampWhenItFits()
+    {
+        const int64_t now = 50'000'000'000; // 50 s on the monotonic clock
+        QCOMPARE(frameCaptureTime(49'970.0, now), int64_t(49'970'000'000));
+        QCOMPARE(frameCaptureTime(50'000.0, now), now);
+        QCOMPARE(frameCaptureTime(49'000.5, now), int64_t(49'000'500'000));
+        QCOMPARE(frameCaptureTime(0.0, now), now);
+        QCOMPARE(frameCaptureTime(-5.0, now), now);
+        QCOMPARE(frameCaptureTime(50'000.001, now), now); // after the read
+        QCOMPARE(frameCaptureTime(49'000.0, now), now); // a whole second old
+        QCOMPARE(frameCaptureTime(1.7e12, now), now); // the wall clock's epoch
+    }
+
     void mjpgCameraFramesAreItsOwnBytesDecodedWhole()
     {
         const QString log = dir->filePath("frames.log");

@@ -2,8 +2,8 @@
 
 #include "cache.h"
 #include "modecodes.h"
-#include "output/photocomposition.h"
-#include "output/photooutput.h"
+#include "monotonicclock.h"
+#include "output/photosave.h"
 #include "safeindex.h"
 #include "imaging/detection.h"
 #include "imaging/frameconversion.h"
@@ -16,7 +16,6 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include <chrono>
 #include <utility>
 
 namespace {
@@ -29,9 +28,6 @@ const char *const fourccCodes[] = {
 // Largest frame the preview path accepts; larger requests are capped to it.
 constexpr int maxPreviewWidth = 3264;
 constexpr int maxPreviewHeight = 2448;
-
-// The thread-side recording's rate.
-constexpr double loopRecordingRate = 25.0;
 
 // OpenCV's Video4Linux2 back end hands CAP_PROP_AUTO_EXPOSURE to the camera's
 // exposure menu as it stands: 1 is manual, 3 is automatic (aperture
@@ -91,7 +87,7 @@ ImageProcessing::~ImageProcessing()
     isWork = false;
     isRead = false;
     waitForLoop(-1);
-    loopRecording.reset(); // writes what is queued before the writer goes
+    recorder.stop(); // writes what is queued before the writer goes
     delete writer;
 }
 
@@ -239,7 +235,7 @@ unsigned ImageProcessing::readFromCamera()
     {
         std::lock_guard<std::mutex> lock(capMutex);
         cap >> readRaw;
-        readStamp = captureTime();
+        readStamp = frameCaptureTime(cap.get(cv::CAP_PROP_POS_MSEC), monotonicNs());
         generation = capGeneration;
     }
     // The picture buffers go round (readBuffer, frame, readRaw), so that a
@@ -267,9 +263,7 @@ void ImageProcessing::watchPageTurn()
         pageTurnWatcher.reset();
         pageTurnWatched = run;
     }
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    if (pageTurnWatcher.feed(frame,
-                             std::chrono::duration_cast<std::chrono::milliseconds>(now).count()))
+    if (pageTurnWatcher.feed(frame, monotonicNs() / 1000000))
         emit pageTurnSettled();
 }
 
@@ -292,17 +286,6 @@ cv::Mat ImageProcessing::currentFrame(qint64 *capturedNs)
     std::lock_guard<std::mutex> lock(frameMutex);
     *capturedNs = frameStamp;
     return frame.clone();
-}
-
-// The camera's own time stamp of the frame just read (the driver's, on the
-// monotonic clock), or the moment of reading when it has none that fits.
-qint64 ImageProcessing::captureTime()
-{
-    const qint64 now = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                               std::chrono::steady_clock::now().time_since_epoch())
-                               .count();
-    const qint64 stamp = qint64(cap.get(cv::CAP_PROP_POS_MSEC) * 1e6);
-    return stamp > 0 && stamp <= now && now - stamp < 1000000000 ? stamp : now;
 }
 
 bool ImageProcessing::frameIsSettled() const
@@ -383,17 +366,14 @@ void ImageProcessing::waitForReturn()
 
 void ImageProcessing::SetRecordVideo(bool on, QString path)
 {
-    // The frames of an earlier recording are written before its writer goes.
-    loopRecording.reset();
+    // The pictures of an earlier recording are written before its writer goes.
+    recorder.stop();
     if (on) {
         // A writer left from an earlier recording is closed, not leaked.
         delete writer;
         writer = new cv::VideoWriter;
-        recordSize = frame.size();
-        openMjpgFile(*writer, path, loopRecordingRate, recordSize);
+        recorder.start(*writer, path, frame.size());
         qDebug() << Q_FUNC_INFO << "fourcc" << cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
-        loopRecording =
-                std::make_unique<RecordingWriter>(std::make_unique<OpenCvVideoFile>(writer));
     } else if (writer) {
         writer->release();
     }
@@ -401,26 +381,22 @@ void ImageProcessing::SetRecordVideo(bool on, QString path)
     cameraVideoPath = path;
 }
 
+// The picture the view showed last is what a pass records, and it stands
+// as the current frame meanwhile.
 void ImageProcessing::recordVideo()
 {
-    if (!writer || !writer->isOpened() || !loopRecording)
+    if (!writer || !writer->isOpened() || !recorder.recording())
         return;
     mutex.lock();
     const QImage shown = srcImage.copy();
     mutex.unlock();
-    cv::Mat picture = imageToMat(shown);
+    const cv::Mat picture = imageToMat(shown);
     {
         std::lock_guard<std::mutex> lock(frameMutex);
         frame = picture;
         frameBytes.release(); // the picture is no camera frame
     }
-    // The file's frame size is fixed when it opens; a picture of another size
-    // (turned a quarter, say) would corrupt it and is left out.
-    if (picture.empty() || picture.size() != recordSize || picture.type() != CV_8UC3)
-        return;
-    // The loop waits for room rather than leave out a picture: every pass
-    // records one.
-    loopRecording->offerWaiting(picture, RecordingWriter::monotonicNs());
+    recorder.record(picture);
 }
 
 void ImageProcessing::setTakePhotoCammond(QImage first, QImage second, bool show1, bool show2)
@@ -448,14 +424,12 @@ void ImageProcessing::setSaveImageToTiff(bool on)
 
 void ImageProcessing::takePhoto()
 {
-    QList<QString> files;
     if (frame.empty()) {
         // Asked before the camera delivered anything: nothing to save.
         qDebug() << Q_FUNC_INFO << "no camera frame yet, no photo taken";
-        emit sendTakePhotoImageSignal(files, ResultKind::FromCamera);
+        emit sendTakePhotoImageSignal(QList<QString>(), ResultKind::FromCamera);
         return;
     }
-
     PhotoExtras extras;
     {
         std::lock_guard<std::mutex> lock(childMutex);
@@ -465,27 +439,11 @@ void ImageProcessing::takePhoto()
         extras.show2 = isShow2;
     }
     extras.insets = isTakePhotoChildCamera;
-    const int correction = correction_type;
-
-    // Processing without outlines only reads the frame, and only this thread
-    // writes it: no copy is needed.
-    cv::Mat processed;
-    const std::vector<cv::RotatedRect> rects =
-            processMat(frame, processed, false, correction, shooting_type);
-
-    const QList<QImage> images =
-            photoImages(processed, rects, work.sheets.quads, correction, angle, extras);
-
     const QString format = isSaveTiff ? QString("tiff") : Cache::config->image_codec;
-    for (const QImage &image : images) {
-        QImage copy = image;
-        paintPhoto(copy, extras);
-        const QString fileName = nextOutputFileName(format);
-        // The name is reported whatever happens.
-        writePhoto(copy, fileName, format);
-        files.append(fileName);
-    }
-    emit sendTakePhotoImageSignal(files, ResultKind::FromCamera);
+    // The photo only reads the frame, and only this thread writes it: no
+    // copy is needed.
+    emit sendTakePhotoImageSignal(savePhoto(frame, modes(), extras, format, work),
+                                  ResultKind::FromCamera);
 }
 
 void ImageProcessing::openCamara()
@@ -659,108 +617,17 @@ cv::Mat ImageProcessing::QImageToMat(QImage image)
 
 std::vector<cv::RotatedRect> ImageProcessing::handleMat(const cv::Mat &src, cv::Mat &out, bool draw)
 {
-    return processMat(src, out, draw, correction_type, shooting_type);
+    return processFrame(src, out, draw, correction_type, shooting_type, perspective, work);
 }
 
-// The modes are taken once per frame, so that the copy decided on in
-// previewImage() and the processing agree even when the GUI thread changes a
-// mode meanwhile.
-std::vector<cv::RotatedRect> ImageProcessing::processMat(const cv::Mat &src, cv::Mat &out,
-                                                         bool draw, int correction, int shooting)
+FrameModes ImageProcessing::modes() const
 {
-    return processFrame(src, out, draw, correction, shooting, perspective, work);
+    return FrameModes{ correction_type, shooting_type, angle, perspective };
 }
 
 QImage ImageProcessing::previewImage(const cv::Mat &raw)
 {
-    // A camera's frames are 8-bit BGR; a grey or BGRA picture is made so
-    // first, and anything else (or nothing at all) gives no picture.
-    if (raw.empty() || raw.depth() != CV_8U)
-        return QImage();
-    if (raw.channels() == 1 || raw.channels() == 4) {
-        cv::cvtColor(raw, workBgr, raw.channels() == 1 ? cv::COLOR_GRAY2BGR : cv::COLOR_BGRA2BGR);
-        return previewImage(workBgr);
-    }
-    if (raw.channels() != 3)
-        return QImage();
-    const int correction = correction_type;
-    const int shooting = shooting_type;
-    const int quarterTurns = angle;
-    const bool turned = quarterTurns >= 1 && quarterTurns <= 3;
-    // In colour mode the outlines would be drawn on the source pixels
-    // themselves, which must not be the raw frame: photos and recordings use
-    // it. Unturned, they are drawn on the preview image instead, in its own
-    // channel order, giving the same pixels without copying the frame.
-    const bool drawsOnSource = correction != Correction::None && isColourOnly(shooting);
-    if (drawsOnSource && !turned) {
-        const std::vector<cv::RotatedRect> sheets =
-                processMat(raw, previewOut, false, correction, shooting);
-        QImage &image = convertForPreview(previewOut);
-        cv::Mat view = matView(image);
-        const cv::Scalar bgr = outlineColour(correction);
-        drawSheetOutlines(view, sheets, work.sheets.quads, cv::Scalar(bgr[2], bgr[1], bgr[0]));
-        return image;
-    }
-    const cv::Mat *src = &raw;
-    if (drawsOnSource) {
-        raw.copyTo(workCopy);
-        src = &workCopy;
-    }
-    processMat(*src, previewOut, true, correction, shooting);
-    if (turned)
-        return turnedPreviewImage(previewOut, quarterTurns);
-    if (previewOut.type() == CV_8UC1 || previewOut.type() == CV_8UC3)
-        return convertForPreview(previewOut);
-    return MatQImage(previewOut);
-}
-
-// A preview image of the given size and format whose buffer nobody else
-// holds: one of the last few handed out, once the view has let go of it.
-// Written through the returned reference before any copy of it is made, so
-// that writing does not detach (copy) it.
-QImage &ImageProcessing::previewBuffer(int width, int height, QImage::Format format)
-{
-    for (QImage &image : previewImages) {
-        if (image.isDetached() && image.width() == width && image.height() == height
-            && image.format() == format)
-            return image;
-    }
-    for (QImage &image : previewImages) {
-        if (image.isNull() || image.isDetached()) {
-            image = QImage(width, height, format);
-            return image;
-        }
-    }
-    // Every buffer is still held somewhere: a fresh one, not kept.
-    spareImage = QImage(width, height, format);
-    return spareImage;
-}
-
-// MatQImage's pixels for a 1- or 3-channel matrix, written into a reused
-// buffer, which may still be drawn on through the reference.
-QImage &ImageProcessing::convertForPreview(const cv::Mat &mat)
-{
-    QImage &image =
-            previewBuffer(mat.cols, mat.rows,
-                          mat.type() == CV_8UC1 ? QImage::Format_Indexed8 : QImage::Format_RGB888);
-    copyMatIntoImage(mat, image);
-    return image;
-}
-
-// MatQImage followed by handleQImage's turn, in one pass into a reused
-// buffer: a turn only moves pixels, so it may as well move them straight
-// from the matrix, swapping blue and red on the way.
-QImage ImageProcessing::turnedPreviewImage(const cv::Mat &mat, int quarterTurns)
-{
-    if (mat.type() != CV_8UC3 && mat.type() != CV_8UC1)
-        return handleQImage(MatQImage(mat));
-    const QImage::Format format =
-            mat.type() == CV_8UC3 ? QImage::Format_RGB888 : QImage::Format_Indexed8;
-    const bool sideways = isSidewaysTurn(quarterTurns);
-    QImage &turned =
-            previewBuffer(sideways ? mat.rows : mat.cols, sideways ? mat.cols : mat.rows, format);
-    turnMatIntoImage(mat, quarterTurns, turned);
-    return turned;
+    return previewPicture(raw, modes(), work, preview);
 }
 
 QImage ImageProcessing::handleQImage(QImage image)

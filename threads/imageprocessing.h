@@ -13,8 +13,9 @@
 #include "imaging/frameprocessing.h"
 #include "imaging/pageturn.h"
 #include "imaging/perspective.h"
+#include "imaging/previewpicture.h"
 #include "reconnection.h"
-#include "recordingwriter.h"
+#include "looprecorder.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
@@ -48,13 +49,13 @@
 //     readBytes, readRaw           when none is under way
 //   frameBytes                     loop              any, by             frameMutex
 //                                                    currentFrameBytes()
-//   work, previewOut, the preview  loop (or one      loop                one thread at a time
-//     buffers                      caller while the loop is not reading)
+//   work, preview (the picture     loop (or one      loop                one thread at a time
+//     buffers and images)          caller while the loop is not reading)
 //   fitted, fittedKey              loop              GUI                 fittedMutex
 //   writer                         GUI (recordBegin, a recording's     its recording's writer
 //                                  SetRecordVideo)   writer thread       is finished before it
 //                                                                        is released or replaced
-//   loopRecording                  GUI (SetRecordVideo) loop (recordVideo) set before isCameraVideo
+//   recorder                       GUI (SetRecordVideo) loop (recordVideo) set before isCameraVideo
 //                                                                        is raised
 class ImageProcessing : public QThread
 {
@@ -215,11 +216,7 @@ private:
     bool readFrame();
     unsigned readAhead();
     unsigned readFromCamera();
-    std::vector<cv::RotatedRect> processMat(const cv::Mat &src, cv::Mat &out, bool draw,
-                                            int correction, int shooting);
-    QImage &previewBuffer(int width, int height, QImage::Format format);
-    QImage &convertForPreview(const cv::Mat &mat);
-    QImage turnedPreviewImage(const cv::Mat &mat, int quarterTurns);
+    FrameModes modes() const; // the mode codes as they stand, read once
     void watchPageTurn();
 
     std::mutex capMutex; // cap is opened by the GUI thread, read by the loop
@@ -231,13 +228,11 @@ private:
     cv::Mat frameBytes; // the current frame's JPEG bytes, under frameMutex
     qint64 readStamp = 0; // capture times of readBuffer and frame, in
     qint64 frameStamp = 0; // monotonic nanoseconds
-    qint64 captureTime(); // of the frame cap just read (under capMutex)
     // Bumped (under capMutex) whenever cap is opened or released, so that a
     // frame read ahead from a camera since closed is not shown. Starts at 1:
     // a read ahead that got nothing answers 0.
     std::atomic<unsigned> capGeneration{ 1 };
-    cv::Size recordSize; // frame size of the thread-side recording
-    std::unique_ptr<RecordingWriter> loopRecording; // writes the thread-side recording
+    LoopRecorder recorder; // the thread-side recording
 
     // Requests of other threads, carried out by the loop. Every open asked
     // for bumps openSerial; openWanted says whether the camera should be
@@ -259,11 +254,7 @@ private:
     // every frame at high resolution. With perspective on, work.sheets.quads
     // holds the corners of each sheet the last search returned.
     FrameWork work;
-    cv::Mat workCopy;
-    cv::Mat workBgr; // a grey or BGRA frame made BGR
-    cv::Mat previewOut;
-    QImage previewImages[4]; // handed out again once nobody else holds them
-    QImage spareImage;
+    PreviewWork preview; // the preview picture's buffers and images
 
     std::atomic<int> previewAreaWidth{ 0 };
     std::atomic<int> previewAreaHeight{ 0 };

@@ -2,7 +2,6 @@
 
 #include <sys/statvfs.h>
 
-#include <chrono>
 #include <utility>
 
 namespace {
@@ -25,13 +24,6 @@ RecordingWriter::RecordingWriter(std::unique_ptr<VideoFile> file, std::size_t ca
 RecordingWriter::~RecordingWriter()
 {
     finish();
-}
-
-int64_t RecordingWriter::monotonicNs()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-                   std::chrono::steady_clock::now().time_since_epoch())
-            .count();
 }
 
 bool RecordingWriter::offer(cv::Mat frame, int64_t capturedNs)

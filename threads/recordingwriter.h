@@ -54,9 +54,6 @@ public:
     // margin for the closing of a file.
     static bool hasRoom(const std::string &folder, unsigned long long bytes);
 
-    // The monotonic clock the camera's capture times are on.
-    static int64_t monotonicNs();
-
 private:
     struct Frame
     {
