@@ -1,0 +1,139 @@
+// The live preview's picture of a frame: the same pixels as processing a
+// copy of the frame with outlines, converting it and turning it, whichever
+// shortcut is taken; the frame itself untouched; the images reused only
+// once the view has let go of them.
+#include "framecases.h"
+#include "imaging/frameconversion.h"
+#include "imaging/previewpicture.h"
+#include "modecodes.h"
+
+using namespace framecases;
+
+namespace {
+
+// The preview as its steps define it, on a copy of the frame.
+QImage referencePreview(const cv::Mat &raw, const FrameModes &modes)
+{
+    cv::Mat copy = raw.clone();
+    cv::Mat out;
+    FrameWork work;
+    processFrame(copy, out, true, modes.correction, modes.shooting, modes.corners, work);
+    return turnedImage(matToImage(out), modes.quarterTurns);
+}
+
+bool sameImage(const QImage &a, const QImage &b)
+{
+    return a.convertToFormat(QImage::Format_RGB888) == b.convertToFormat(QImage::Format_RGB888);
+}
+
+} // namespace
+
+class tst_PreviewPicture : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void sameAsProcessingConvertingAndTurning_data()
+    {
+        QTest::addColumn<int>("correction");
+        QTest::addColumn<int>("shooting");
+        QTest::addColumn<int>("turns");
+        for (int correction : { Correction::None, Correction::Single, Correction::Several })
+            for (int shooting : { Shooting::Colour, Shooting::Grey, Shooting::BlackAndWhite,
+                                  Shooting::WhiteBackground })
+                for (int turns : { 0, 1, 2, 3 })
+                    QTest::addRow("correction %d shooting %d turns %d", correction, shooting, turns)
+                            << correction << shooting << turns;
+    }
+
+    void sameAsProcessingConvertingAndTurning()
+    {
+        QFETCH(int, correction);
+        QFETCH(int, shooting);
+        QFETCH(int, turns);
+        const cv::Mat raw = documentFrame(true);
+        const cv::Mat before = raw.clone();
+        const FrameModes modes{ correction, shooting, turns, false };
+        FrameWork frameWork;
+        PreviewWork work;
+        const QImage preview = previewPicture(raw, modes, frameWork, work);
+        const QImage expected = referencePreview(raw, modes);
+        QCOMPARE(preview.size(), expected.size());
+        QVERIFY(sameImage(preview, expected));
+        COMPARE_MATS(raw, before); // photos and recordings use the frame
+    }
+
+    // A grey or four-channel frame is shown as its three-channel self; a
+    // frame of another depth or none at all gives no picture.
+    void otherFramesMadeBgrOrRefused()
+    {
+        const cv::Mat bgr = documentFrame(false);
+        cv::Mat grey, bgra;
+        cv::cvtColor(bgr, grey, cv::COLOR_BGR2GRAY);
+        cv::cvtColor(bgr, bgra, cv::COLOR_BGR2BGRA);
+        const FrameModes modes{ Correction::Single, Shooting::Colour, 1, false };
+        FrameWork frameWork;
+        PreviewWork work;
+        cv::Mat greyBgr;
+        cv::cvtColor(grey, greyBgr, cv::COLOR_GRAY2BGR);
+        QVERIFY(sameImage(previewPicture(grey, modes, frameWork, work),
+                          referencePreview(greyBgr, modes)));
+        QVERIFY(sameImage(previewPicture(bgra, modes, frameWork, work),
+                          referencePreview(bgr, modes)));
+        cv::Mat wide;
+        bgr.convertTo(wide, CV_16UC3);
+        QVERIFY(previewPicture(wide, modes, frameWork, work).isNull());
+        QVERIFY(previewPicture(cv::Mat(), modes, frameWork, work).isNull());
+    }
+
+    // An image the view still holds is never written again; one it let go
+    // of is, in place.
+    void imagesReusedOnlyOnceLetGo()
+    {
+        const cv::Mat first = documentFrame(false);
+        const cv::Mat second = documentFrame(true);
+        const FrameModes modes{ Correction::None, Shooting::Colour, 0, false };
+        FrameWork frameWork;
+        PreviewWork work;
+
+        QImage held = previewPicture(first, modes, frameWork, work);
+        const QImage heldCopy = held.copy();
+        const uchar *heldBits = held.constBits();
+        QImage next = previewPicture(second, modes, frameWork, work);
+        QVERIFY(next.constBits() != heldBits);
+        QVERIFY(held == heldCopy);
+        QVERIFY(sameImage(next, referencePreview(second, modes)));
+
+        held = QImage(); // the view lets go of the first
+        const uchar *nextBits = next.constBits();
+        next = QImage();
+        const QImage again = previewPicture(first, modes, frameWork, work);
+        QVERIFY(again.constBits() == heldBits || again.constBits() == nextBits);
+        QVERIFY(sameImage(again, referencePreview(first, modes)));
+    }
+
+    // With every kept image still held, a fresh one is made each time and
+    // the held ones keep their pixels.
+    void heldImagesKeepTheirPixelsWhenAllAreHeld()
+    {
+        const FrameModes modes{ Correction::None, Shooting::Grey, 0, false };
+        FrameWork frameWork;
+        PreviewWork work;
+        QList<QImage> held;
+        QList<QImage> copies;
+        for (int i = 0; i < 6; ++i) {
+            cv::Mat frame = documentFrame(i % 2 == 0);
+            frame += cv::Scalar::all(i * 3);
+            held.append(previewPicture(frame, modes, frameWork, work));
+            copies.append(held.last().copy());
+        }
+        for (int i = 0; i < 6; ++i) {
+            QVERIFY2(held[i] == copies[i], qPrintable(QString("image %1").arg(i)));
+            for (int j = 0; j < i; ++j)
+                QVERIFY(held[i].constBits() != held[j].constBits());
+        }
+    }
+};
+
+QTEST_MAIN(tst_PreviewPicture)
+#include "tst_previewpicture.moc"
