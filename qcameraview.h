@@ -10,7 +10,7 @@
 
 #include <opencv2/core.hpp>
 
-#include "threads/previewfit.h"
+#include "imaging/previewfit.h"
 
 #include <memory>
 

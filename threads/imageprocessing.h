@@ -8,14 +8,14 @@
 #include <QString>
 #include <QThread>
 
-#include "previewfit.h"
 #include "imaging/detection.h"
 #include "imaging/frameprocessing.h"
 #include "imaging/pageturn.h"
 #include "imaging/perspective.h"
+#include "imaging/previewfit.h"
 #include "imaging/previewpicture.h"
-#include "reconnection.h"
 #include "looprecorder.h"
+#include "reconnection.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>

@@ -1,5 +1,5 @@
-#ifndef PREVIEWFIT_H
-#define PREVIEWFIT_H
+#ifndef IMAGING_PREVIEWFIT_H
+#define IMAGING_PREVIEWFIT_H
 
 #include <QImage>
 #include <QSize>
@@ -25,4 +25,4 @@ private:
     cv::Mat lastStep; // the interpolated last step of a colour picture
 };
 
-#endif // PREVIEWFIT_H
+#endif // IMAGING_PREVIEWFIT_H
