@@ -41,8 +41,6 @@ extern "C" {
 
 #include <zlib.h>
 
-#include <ctime>
-
 namespace {
 
 constexpr int recordMs = 10000;
@@ -115,13 +113,6 @@ void BM_RecordFullHd(benchmark::State &state)
         state.counters["longest_gui_gap_ms"] = double(longestGap);
     }
     state.SetLabel("10 s recording 1920x1080 at 30 fps");
-}
-
-double processCpuSeconds()
-{
-    timespec ts;
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
 }
 
 // "size crc" of every packet of the file's first stream, and the frame size.

@@ -11,8 +11,6 @@
 #include <QBuffer>
 #include <QTemporaryDir>
 
-#include <ctime>
-
 namespace {
 
 const int pages = 2;
@@ -47,15 +45,6 @@ void BM_PhotoPdf(benchmark::State &state)
         writePhotoPdf(&buffer, photos().list);
         benchmark::DoNotOptimize(bytes.size());
     }
-}
-
-// CPU seconds used by the whole process so far: with the machine shared,
-// the CPU a page costs says more than the time it takes.
-double processCpuSeconds()
-{
-    timespec ts;
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
 }
 
 void BM_SearchablePdf(benchmark::State &state)

@@ -15,4 +15,9 @@ enum class BenchApplication {
 // command line selects.
 int runBenchmarks(int argc, char **argv, BenchApplication application);
 
+// CPU seconds the whole process has used so far, every thread counted (the
+// virtual camera's too, as it runs in the process): on a shared machine
+// the CPU a task costs says more than the time it takes.
+double processCpuSeconds();
+
 #endif // BENCHSUPPORT_H
