@@ -43,4 +43,25 @@ constexpr bool isSidewaysTurn(int quarterTurns)
     return quarterTurns == 1 || quarterTurns == 3;
 }
 
+// The quarter turns after a turn button: direction 1 turns a quarter
+// clockwise, -1 a quarter back, 0 half round; any other direction leaves
+// the turns as they are. Starting from 0 to 3, the result is 0 to 3.
+constexpr int quarterTurnsAfter(int quarterTurns, int direction)
+{
+    int value = quarterTurns;
+    if (direction == 0)
+        value += 2;
+    else if (direction == 1 || direction == -1)
+        value += direction;
+    else
+        return quarterTurns;
+    if (value == 4)
+        value = 0;
+    else if (value == 5)
+        value = 1;
+    else if (value == -1)
+        value = 3;
+    return value;
+}
+
 #endif // MODECODES_H

@@ -637,21 +637,7 @@ QImage ImageProcessing::handleQImage(QImage image)
 
 void ImageProcessing::setAngle(int direction)
 {
-    int value = angle;
-    if (direction == 0)
-        value += 2;
-    else if (direction == 1 || direction == -1)
-        value += direction;
-    else
-        return;
-
-    if (value == 4)
-        value = 0;
-    else if (value == 5)
-        value = 1;
-    else if (value == -1)
-        value = 3;
-    angle = value;
+    angle = quarterTurnsAfter(angle, direction);
 }
 
 void ImageProcessing::setCameraCorrection(int code)
