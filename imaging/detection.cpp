@@ -5,11 +5,28 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
+float smallestSheetAreaAt(int scaleDown)
+{
+    const float d = float(std::max(1, scaleDown));
+    return smallestSheetArea / (d * d);
+}
+
+int outlineThicknessAt(int scaleDown)
+{
+    // OpenCV draws a line across an odd number of pixels, t + 1 of them for
+    // an even thickness t (the frame's 10 is 11 pixels wide): the even
+    // thickness at or below the reduced one comes nearest to the frame's
+    // outline reduced.
+    const int reduced = outlineThickness / std::max(1, scaleDown);
+    return std::max(1, reduced - reduced % 2);
+}
+
 std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correction,
-                                              SheetSearch &search)
+                                              SheetSearch &search, float minimumArea)
 {
     std::vector<std::vector<cv::Point>> contours;
     findBrightOutlines(grey, 127, search.padded, contours);
@@ -21,7 +38,7 @@ std::vector<cv::RotatedRect> findSheetsInGrey(const cv::Mat &grey, int correctio
     for (const std::vector<cv::Point> &contour : contours) {
         const cv::RotatedRect r = cv::minAreaRect(contour);
         const float a = r.size.width * r.size.height;
-        if (a > smallestSheetArea) {
+        if (a > minimumArea) {
             // Compared with the best area so far truncated to whole pixels:
             // of two equal whole areas the first found stays, while a later
             // area above the truncated one wins even when a fraction smaller.
@@ -49,28 +66,32 @@ cv::Scalar outlineColour(int correction)
 }
 
 void drawOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
-                  const cv::Scalar &colour)
+                  const cv::Scalar &colour, int scaleDown)
 {
+    const float smallest = smallestSheetAreaAt(scaleDown);
+    const int thickness = outlineThicknessAt(scaleDown);
     for (const cv::RotatedRect &r : sheets) {
-        if (r.size.width * r.size.height <= smallestSheetArea)
+        if (r.size.width * r.size.height <= smallest)
             continue;
         cv::Point2f p[4];
         r.points(p);
         for (int i = 0; i < 4; ++i)
-            cv::line(img, p[i], p[(i + 1) % 4], colour, 10, 8, 0);
+            cv::line(img, p[i], p[(i + 1) % 4], colour, thickness, 8, 0);
     }
 }
 
 void drawSheetOutlines(cv::Mat &img, const std::vector<cv::RotatedRect> &sheets,
-                       const std::vector<SheetQuad> &quads, const cv::Scalar &colour)
+                       const std::vector<SheetQuad> &quads, const cv::Scalar &colour, int scaleDown)
 {
     if (quads.size() != sheets.size()) {
-        drawOutlines(img, sheets, colour);
+        drawOutlines(img, sheets, colour, scaleDown);
         return;
     }
+    const float smallest = smallestSheetAreaAt(scaleDown);
+    const int thickness = outlineThicknessAt(scaleDown);
     for (size_t i = 0; i < sheets.size(); ++i) {
-        if (sheets[i].size.width * sheets[i].size.height > smallestSheetArea)
-            drawQuad(img, quads[i], colour);
+        if (sheets[i].size.width * sheets[i].size.height > smallest)
+            drawQuad(img, quads[i], colour, thickness);
     }
 }
 

@@ -284,8 +284,8 @@ cv::Mat flattenSheet(const cv::Mat &img, const SheetQuad &quad, const cv::Rotate
     return flat;
 }
 
-void drawQuad(cv::Mat &img, const SheetQuad &quad, const cv::Scalar &colour)
+void drawQuad(cv::Mat &img, const SheetQuad &quad, const cv::Scalar &colour, int thickness)
 {
     for (int i = 0; i < 4; ++i)
-        cv::line(img, quad[i], quad[(i + 1) % 4], colour, 10, 8, 0);
+        cv::line(img, quad[i], quad[(i + 1) % 4], colour, thickness, 8, 0);
 }

@@ -47,7 +47,12 @@ cv::Size flatSize(const SheetQuad &upright, double aspect);
 // sheet of no size.
 cv::Mat flattenSheet(const cv::Mat &img, const SheetQuad &quad, const cv::RotatedRect &rect);
 
-// The outline of quad, drawn as the straight outlines are.
-void drawQuad(cv::Mat &img, const SheetQuad &quad, const cv::Scalar &colour);
+// How thick a sheet's outline is drawn on a whole camera frame, in pixels.
+constexpr int outlineThickness = 10;
+
+// The outline of quad, drawn as the straight outlines are (thickness
+// pixels wide).
+void drawQuad(cv::Mat &img, const SheetQuad &quad, const cv::Scalar &colour,
+              int thickness = outlineThickness);
 
 #endif // IMAGING_PERSPECTIVE_H

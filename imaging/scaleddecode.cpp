@@ -1,0 +1,93 @@
+#include "scaleddecode.h"
+
+#include "imaging/cameraframe.h"
+
+#include <opencv2/imgcodecs.hpp>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+bool isReduction(int denominator)
+{
+    return denominator == 1 || denominator == 2 || denominator == 4 || denominator == 8;
+}
+
+cv::Size turned(cv::Size size, int quarterTurns)
+{
+    return quarterTurns == 1 || quarterTurns == 3 ? cv::Size(size.height, size.width) : size;
+}
+
+// The view's length zoom times as long, in whole pixels. Zoom steps of 0.2
+// add up with a little binary error (1.4000000000000001): no pixel more for
+// that.
+int zoomed(int length, double zoom)
+{
+    return int(std::ceil(length * zoom - 1e-6));
+}
+
+} // namespace
+
+cv::Size reducedFrameSize(cv::Size frameSize, int denominator)
+{
+    const int d = std::max(1, denominator);
+    return cv::Size((frameSize.width + d - 1) / d, (frameSize.height + d - 1) / d);
+}
+
+cv::Size fittedPictureSize(cv::Size picture, cv::Size area)
+{
+    if (picture.width <= 0 || picture.height <= 0)
+        return cv::Size();
+    const double aspect = double(picture.width) / picture.height;
+    int w = std::min(picture.width, area.width);
+    int h = int(w / aspect);
+    h = std::min(h, area.height);
+    w = int(h * aspect);
+    return cv::Size(w, h);
+}
+
+int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int quarterTurns)
+{
+    if (frameSize.empty() || area.empty())
+        return 1;
+    // Zoomed out the view draws the fit, and NaN is no zoom at all.
+    const double z = zoom > 1.0 ? zoom : 1.0;
+    const cv::Size frame = turned(frameSize, quarterTurns);
+    const cv::Size shown = fittedPictureSize(frame, area);
+    const cv::Size drawn(zoomed(shown.width, z), zoomed(shown.height, z));
+    for (int d : { 8, 4, 2 }) {
+        const cv::Size picture = turned(reducedFrameSize(frameSize, d), quarterTurns);
+        if (picture.width >= drawn.width && picture.height >= drawn.height)
+            return d;
+    }
+    return 1;
+}
+
+bool decodeReducedFrame(const cv::Mat &bytes, int denominator, cv::Mat &picture)
+{
+    if (!isReduction(denominator))
+        return false;
+    if (denominator == 1)
+        return decodeWholeFrame(bytes, picture);
+    const int flags = denominator == 2 ? cv::IMREAD_REDUCED_COLOR_2
+            : denominator == 4         ? cv::IMREAD_REDUCED_COLOR_4
+                                       : cv::IMREAD_REDUCED_COLOR_8;
+    return !cv::imdecode(bytes, flags, &picture).empty();
+}
+
+cv::Point2f inWholeFrame(cv::Point2f reduced, int denominator)
+{
+    const float d = float(denominator);
+    const float offset = 0.5f * (d - 1);
+    return cv::Point2f(reduced.x * d + offset, reduced.y * d + offset);
+}
+
+cv::RotatedRect inWholeFrame(const cv::RotatedRect &reduced, int denominator)
+{
+    const float d = float(denominator);
+    return cv::RotatedRect(
+            inWholeFrame(reduced.center, denominator),
+            cv::Size2f(reduced.size.width * d + d - 1, reduced.size.height * d + d - 1),
+            reduced.angle);
+}

@@ -1,0 +1,50 @@
+#ifndef IMAGING_SCALEDDECODE_H
+#define IMAGING_SCALEDDECODE_H
+
+#include <opencv2/core.hpp>
+
+// A camera's JPEG frame need not be decoded whole for the preview: libjpeg
+// decodes it at 1/2, 1/4 or 1/8 of its size for a fraction of the cost, and
+// the preview shows it smaller than that anyway. These choose the reduction
+// for what the view draws, and decode at it.
+
+// The size a JPEG frame of frameSize decodes to at 1/denominator (1, 2, 4
+// or 8): libjpeg rounds up, so an odd width or height keeps its last
+// partial block of pixels.
+cv::Size reducedFrameSize(cv::Size frameSize, int denominator);
+
+// The size a picture is shown at in an area: as large as fits, keeping its
+// proportions, never larger than the picture itself. (The view's own fit.)
+cv::Size fittedPictureSize(cv::Size picture, cv::Size area);
+
+// The reduction (1, 2, 4 or 8) at which to decode a camera frame of
+// frameSize for a view of the given area: the largest whose picture is
+// still at least as large, in both directions, as the view draws the whole
+// frame, that is fitted into the area and then enlarged by zoom (the view
+// shows nothing below 1). quarterTurns 1 and 3 turn the picture on its side
+// before it is drawn. An empty area or frame means the view's size is not
+// known yet: 1, the whole frame.
+int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int quarterTurns);
+
+// The picture of a compressed frame (JPEG bytes) decoded at 1/denominator
+// by libjpeg's scaled decoding, into picture's buffer when it has the
+// reduced size already; denominator 1 decodes whole exactly as
+// decodeWholeFrame. The same failure rules as decodeWholeFrame: bytes whose
+// header cannot be read leave picture as it was; false when it is then
+// empty. false too for a denominator other than 1, 2, 4 or 8 (picture
+// untouched).
+bool decodeReducedFrame(const cv::Mat &bytes, int denominator, cv::Mat &picture);
+
+// Where the centre of a pixel of a picture reduced by denominator lies in
+// the whole frame's pixel coordinates: each reduced pixel stands for a
+// denominator x denominator block of the frame.
+cv::Point2f inWholeFrame(cv::Point2f reduced, int denominator);
+
+// A sheet found on a reduced picture as the search on the whole frame
+// would give it: the centre mapped, and each side d - 1 pixels longer,
+// since a sheet's outline runs through the centres of its outermost pixels
+// and a reduced pixel's centre lies (d - 1) / 2 whole pixels inside its
+// block's outermost ones.
+cv::RotatedRect inWholeFrame(const cv::RotatedRect &reduced, int denominator);
+
+#endif // IMAGING_SCALEDDECODE_H
