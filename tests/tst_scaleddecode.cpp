@@ -26,8 +26,6 @@
 namespace {
 
 const cv::Size kFrame(3264, 2448);
-// The main window's preview area at its usual size.
-const cv::Size kArea(760, 560);
 
 // One sheet, as the virtual camera shows by default.
 const char *const kOneSheet = "sheets:0.5,0.5,0.55,0.7,0";
@@ -39,23 +37,18 @@ const char *const kThreeSheets =
 const char *const kWoodDesk = "pages:0.3,0.5,0.3,0.6,-10;0.72,0.5,0.25,0.5,15|wood|lamp:30";
 
 // The scene's JPEG bytes, as the camera sends them (quality 90), drawn once.
-const cv::Mat &cameraBytes(const std::string &scene, cv::Size size = kFrame)
+const cv::Mat &cameraBytes(const std::string &scene)
 {
     static std::map<std::string, cv::Mat> made;
-    const std::string key = scene + " " + std::to_string(size.width);
-    auto it = made.find(key);
+    auto it = made.find(scene);
     if (it == made.end()) {
-        const cv::Mat drawn = vcam::renderScene(vcam::parseScene(scene), size.width, size.height);
+        const cv::Mat drawn =
+                vcam::renderScene(vcam::parseScene(scene), kFrame.width, kFrame.height);
         std::vector<uchar> jpeg;
         cv::imencode(".jpg", drawn, jpeg, { cv::IMWRITE_JPEG_QUALITY, 90 });
-        it = made.emplace(key, cv::Mat(jpeg, true).reshape(1, 1)).first;
+        it = made.emplace(scene, cv::Mat(jpeg, true).reshape(1, 1)).first;
     }
     return it->second;
-}
-
-double psnr(const cv::Mat &a, const cv::Mat &b)
-{
-    return cv::PSNR(a, b);
 }
 
 // The share of pixels (all channels alike) in which two pictures agree,
@@ -383,7 +376,7 @@ private slots:
             QCOMPARE(picture.size(), reducedFrameSize(kFrame, d));
             cv::Mat averaged;
             cv::resize(whole, averaged, picture.size(), 0, 0, cv::INTER_AREA);
-            const double p = psnr(picture, averaged);
+            const double p = cv::PSNR(picture, averaged);
             QVERIFY2(p >= 35, qPrintable(QString("1/%1: %2 dB").arg(d).arg(p)));
             const uchar *buffer = picture.data;
             QVERIFY(decodeReducedFrame(bytes, d, picture));
@@ -493,10 +486,11 @@ private slots:
         QCOMPARE(r.reduced.type(), r.reference.type());
         if (shooting == Shooting::BlackAndWhite || shooting == Shooting::WhiteBackground) {
             const double same = sameShare(r.reduced, r.reference);
-            qInfo("%.2f%% of pixels the same (%.1f dB)", 100 * same, psnr(r.reduced, r.reference));
+            qInfo("%.2f%% of pixels the same (%.1f dB)", 100 * same,
+                  cv::PSNR(r.reduced, r.reference));
             QVERIFY2(same >= 0.95, qPrintable(QString::number(100 * same)));
         } else {
-            const double p = psnr(r.reduced, r.reference);
+            const double p = cv::PSNR(r.reduced, r.reference);
             qInfo("%.1f dB", p);
             QVERIFY2(p >= 30, qPrintable(QString::number(p)));
         }
