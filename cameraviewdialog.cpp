@@ -25,7 +25,7 @@ void CameraViewDialog::SetCamera(int index)
 
 QImage CameraViewDialog::getChildImage()
 {
-    return ui->iVideo->m_Image.copy();
+    return ui->iVideo->wholeImage();
 }
 
 void CameraViewDialog::openCamera()

@@ -178,6 +178,15 @@ void QCameraView::updateImage(QImage image)
     update();
 }
 
+QImage QCameraView::wholeImage()
+{
+    // A quarter turn swaps the sides, not the number of pixels.
+    const cv::Size frame = m_imageProcessing->currentFrameSize();
+    if (!m_Image.isNull() && qint64(m_Image.width()) * m_Image.height() < qint64(frame.area()))
+        return m_imageProcessing->wholePreviewImage();
+    return m_Image.copy();
+}
+
 bool QCameraView::inPlainPreview() const
 {
     return m_imageProcessing->correction_type == Correction::None
@@ -283,6 +292,7 @@ void QCameraView::closeCameraSlot()
 void QCameraView::onZoomInImage()
 {
     m_ZoomValue += zoomStep;
+    m_imageProcessing->setPreviewZoom(m_ZoomValue);
     update();
 }
 
@@ -293,12 +303,14 @@ void QCameraView::onZoomOutImage()
         m_ZoomValue += zoomStep;
         return;
     }
+    m_imageProcessing->setPreviewZoom(m_ZoomValue);
     update();
 }
 
 void QCameraView::onPresetImage()
 {
     m_ZoomValue = 1.0;
+    m_imageProcessing->setPreviewZoom(m_ZoomValue);
     m_XPtInterval = 0;
     m_YPtInterval = 0;
     update();
@@ -329,6 +341,7 @@ void QCameraView::paintEvent(QPaintEvent *event)
         painter.drawImage(QRect(-w / 2, -h / 2, w, h), fittedImage(QSize(w, h)));
         // Zooming out below the fit never shows, and a pan is undone.
         m_ZoomValue = 1.0;
+        m_imageProcessing->setPreviewZoom(m_ZoomValue);
         m_XPtInterval = 0;
         m_YPtInterval = 0;
     } else {
@@ -489,11 +502,11 @@ bool QCameraView::openRecordingFile(bool anyFrame)
     ImageProcessing *thread = m_imageProcessing;
     if (!anyFrame && (thread->framesTaken == recordStartFrames || !thread->frameIsSettled()))
         return false;
-    const cv::Mat first = thread->currentFrame();
+    const cv::Size first = thread->currentFrameSize();
     if (first.empty())
         return false;
     recordOpenTried = true;
-    recordSize = first.size();
+    recordSize = first;
     // A camera that sends JPEG at the file's size is recorded as it sends:
     // its frames go into the file without being decoded or compressed.
     qint64 stamp = 0;
@@ -519,17 +532,17 @@ bool QCameraView::openRecordingFile(bool anyFrame)
 // nothing opened, when the microphone or the file cannot be.
 bool QCameraView::openSoundFile()
 {
-    const cv::Mat current = m_imageProcessing->currentFrame();
+    const cv::Size current = m_imageProcessing->currentFrameSize();
     if (current.empty())
         return false;
     const double rate = m_imageProcessing->cameraFps;
-    auto file = std::make_unique<SoundVideoFile>(m_cameraRecorderPath, current.size(),
+    auto file = std::make_unique<SoundVideoFile>(m_cameraRecorderPath, current,
                                                  rate >= 1 ? qRound(rate) : 30,
                                                  Microphone::resolve(Cache::config->audio_input));
     if (!file->hasSound())
         return false;
     recordOpenTried = true;
-    recordSize = current.size();
+    recordSize = current;
     startWriting(std::move(file));
     return true;
 }

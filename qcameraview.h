@@ -54,6 +54,11 @@ public:
     QTimer *timerWriter;
     int fps_count;
 
+    // The shown picture at the camera frame's own size: m_Image itself, or,
+    // when the preview was decoded smaller, the same picture made from the
+    // current frame's whole decode (what a photo's inset needs).
+    QImage wholeImage();
+
     void init(int id);
     void openCamara();
     void closeCamara();

@@ -40,14 +40,16 @@ QImage turnedPooledImage(const cv::Mat &mat, int quarterTurns, PreviewImagePool 
 // own channel order rather than on the frame, giving the same pixels
 // without copying the frame.
 QImage colourWithOutlines(const cv::Mat &raw, const FrameModes &modes, FrameWork &frameWork,
-                          PreviewWork &work)
+                          PreviewWork &work, int scaleDown)
 {
-    const std::vector<cv::RotatedRect> sheets = processFrame(
-            raw, work.out, false, modes.correction, modes.shooting, modes.corners, frameWork);
+    const std::vector<cv::RotatedRect> sheets =
+            processFrame(raw, work.out, false, modes.correction, modes.shooting, modes.corners,
+                         frameWork, scaleDown);
     QImage &image = pooledImage(work.out, work.images);
     cv::Mat view = matView(image);
     const cv::Scalar bgr = outlineColour(modes.correction);
-    drawSheetOutlines(view, sheets, frameWork.sheets.quads, cv::Scalar(bgr[2], bgr[1], bgr[0]));
+    drawSheetOutlines(view, sheets, frameWork.sheets.quads, cv::Scalar(bgr[2], bgr[1], bgr[0]),
+                      scaleDown);
     return image;
 }
 
@@ -72,7 +74,7 @@ QImage &PreviewImagePool::take(int width, int height, QImage::Format format)
 }
 
 QImage previewPicture(const cv::Mat &raw, const FrameModes &modes, FrameWork &frameWork,
-                      PreviewWork &work)
+                      PreviewWork &work, int scaleDown)
 {
     // A camera's frames are 8-bit BGR; a grey or BGRA picture is made so
     // first, and anything else (or nothing at all) gives no picture.
@@ -80,7 +82,7 @@ QImage previewPicture(const cv::Mat &raw, const FrameModes &modes, FrameWork &fr
         return QImage();
     if (raw.channels() == 1 || raw.channels() == 4) {
         cv::cvtColor(raw, work.bgr, raw.channels() == 1 ? cv::COLOR_GRAY2BGR : cv::COLOR_BGRA2BGR);
-        return previewPicture(work.bgr, modes, frameWork, work);
+        return previewPicture(work.bgr, modes, frameWork, work, scaleDown);
     }
     if (raw.channels() != 3)
         return QImage();
@@ -89,13 +91,14 @@ QImage previewPicture(const cv::Mat &raw, const FrameModes &modes, FrameWork &fr
     // themselves, which must not be the raw frame.
     const bool drawsOnSource = modes.correction != Correction::None && isColourOnly(modes.shooting);
     if (drawsOnSource && !turned)
-        return colourWithOutlines(raw, modes, frameWork, work);
+        return colourWithOutlines(raw, modes, frameWork, work, scaleDown);
     const cv::Mat *src = &raw;
     if (drawsOnSource) {
         raw.copyTo(work.copy);
         src = &work.copy;
     }
-    processFrame(*src, work.out, true, modes.correction, modes.shooting, modes.corners, frameWork);
+    processFrame(*src, work.out, true, modes.correction, modes.shooting, modes.corners, frameWork,
+                 scaleDown);
     if (turned)
         return turnedPooledImage(work.out, modes.quarterTurns, work.images);
     if (work.out.type() == CV_8UC1 || work.out.type() == CV_8UC3)

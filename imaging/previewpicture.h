@@ -40,7 +40,8 @@ struct PreviewWork
 // processed with outlines, converted and turned. raw itself is never
 // written: photos and recordings use it. A null image for any other frame.
 // frameWork holds the sheet search's buffers and, afterwards, its corners.
+// raw may be the camera's frame reduced by scaleDown (see processFrame).
 QImage previewPicture(const cv::Mat &raw, const FrameModes &modes, FrameWork &frameWork,
-                      PreviewWork &work);
+                      PreviewWork &work, int scaleDown = 1);
 
 #endif // IMAGING_PREVIEWPICTURE_H

@@ -1,6 +1,7 @@
 #include "scaleddecode.h"
 
 #include "imaging/cameraframe.h"
+#include "imaging/previewfit.h"
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -35,18 +36,6 @@ cv::Size reducedFrameSize(cv::Size frameSize, int denominator)
     return cv::Size((frameSize.width + d - 1) / d, (frameSize.height + d - 1) / d);
 }
 
-cv::Size fittedPictureSize(cv::Size picture, cv::Size area)
-{
-    if (picture.width <= 0 || picture.height <= 0)
-        return cv::Size();
-    const double aspect = double(picture.width) / picture.height;
-    int w = std::min(picture.width, area.width);
-    int h = int(w / aspect);
-    h = std::min(h, area.height);
-    w = int(h * aspect);
-    return cv::Size(w, h);
-}
-
 int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int quarterTurns)
 {
     if (frameSize.empty() || area.empty())
@@ -54,7 +43,8 @@ int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int q
     // Zoomed out the view draws the fit, and NaN is no zoom at all.
     const double z = zoom > 1.0 ? zoom : 1.0;
     const cv::Size frame = turned(frameSize, quarterTurns);
-    const cv::Size shown = fittedPictureSize(frame, area);
+    const QSize fitted = fittedSize(QSize(frame.width, frame.height), QSize(area.width, area.height));
+    const cv::Size shown(fitted.width(), fitted.height());
     const cv::Size drawn(zoomed(shown.width, z), zoomed(shown.height, z));
     for (int d : { 8, 4, 2 }) {
         const cv::Size picture = turned(reducedFrameSize(frameSize, d), quarterTurns);

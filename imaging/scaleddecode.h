@@ -13,10 +13,6 @@
 // partial block of pixels.
 cv::Size reducedFrameSize(cv::Size frameSize, int denominator);
 
-// The size a picture is shown at in an area: as large as fits, keeping its
-// proportions, never larger than the picture itself. (The view's own fit.)
-cv::Size fittedPictureSize(cv::Size picture, cv::Size area);
-
 // The reduction (1, 2, 4 or 8) at which to decode a camera frame of
 // frameSize for a view of the given area: the largest whose picture is
 // still at least as large, in both directions, as the view draws the whole

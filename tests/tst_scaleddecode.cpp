@@ -349,15 +349,6 @@ private slots:
                  reduction);
     }
 
-    void fittedSizeIsTheViews()
-    {
-        QCOMPARE(fittedPictureSize(cv::Size(3264, 2448), cv::Size(760, 560)), cv::Size(746, 560));
-        QCOMPARE(fittedPictureSize(cv::Size(2448, 3264), cv::Size(760, 560)), cv::Size(420, 560));
-        QCOMPARE(fittedPictureSize(cv::Size(1920, 1080), cv::Size(760, 560)), cv::Size(759, 427));
-        QCOMPARE(fittedPictureSize(cv::Size(640, 480), cv::Size(760, 560)), cv::Size(640, 480));
-        QCOMPARE(fittedPictureSize(cv::Size(), cv::Size(760, 560)), cv::Size());
-    }
-
     // The reduced decode: libjpeg's own reduced picture, close to the whole
     // one averaged down, in the buffer of the picture before when the size
     // is the same; bytes that are no JPEG and reductions libjpeg does not

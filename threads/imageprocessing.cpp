@@ -8,6 +8,7 @@
 #include "imaging/detection.h"
 #include "imaging/frameconversion.h"
 #include "imaging/cameraframe.h"
+#include "imaging/scaleddecode.h"
 #include "threads/racecheck.h"
 
 #include <QDebug>
@@ -173,8 +174,12 @@ void ImageProcessing::run()
                 msleep(10);
                 continue;
             }
-            watchPageTurn();
-            const QImage preview = previewImage(frame);
+            // A frame decoded reduced is shown from that picture; the page
+            // turn watcher compares small grey copies, which it makes from
+            // either alike.
+            const cv::Mat &shown = frameReduction > 1 ? shownFrame : frame;
+            watchPageTurn(shown);
+            const QImage preview = previewImage(shown, frameReduction);
             fitForPreview(preview);
             emit sendFarmeSignal(preview);
         } catch (const QString &error) {
@@ -207,7 +212,11 @@ bool ImageProcessing::readFrame()
         return false;
     {
         std::lock_guard<std::mutex> lock(frameMutex);
-        std::swap(frame, readBuffer);
+        // A reduced picture leaves frame to be decoded whole when asked for.
+        wholePending = readReduction > 1;
+        std::swap(wholePending ? shownFrame : frame, readBuffer);
+        frameReduction = readReduction;
+        wholeSize = readSize;
         std::swap(frameBytes, readBytes);
         frameStamp = readStamp;
     }
@@ -242,19 +251,57 @@ unsigned ImageProcessing::readFromCamera()
     // frame is decoded into memory already mapped.
     if (isCompressedFrame(readRaw)) {
         std::swap(readBytes, readRaw);
-        if (!decodeWholeFrame(readBytes, readBuffer))
+        if (!decodeForPreview())
             readBytes.release();
     } else {
         std::swap(readBuffer, readRaw);
         readBytes.release();
+        readReduction = 1;
+        readSize = readBuffer.size();
     }
     return generation;
+}
+
+// Decodes readBytes into readBuffer as large as the view draws it, whole
+// when that is the frame itself or the view's size is not known. The
+// reduction goes by the size the camera was opened at; a picture of any
+// other size (the camera sent another) is decoded whole. False when there
+// is no picture.
+bool ImageProcessing::decodeForPreview()
+{
+    const cv::Size opened(openedWidth, openedHeight);
+    const int reduction =
+            previewDecodeReduction(opened, cv::Size(previewAreaWidth, previewAreaHeight),
+                                   previewZoom, angle);
+    if (reduction > 1 && decodeReducedFrame(readBytes, reduction, readBuffer)
+        && readBuffer.size() == reducedFrameSize(opened, reduction)) {
+        readReduction = reduction;
+        readSize = opened;
+        return true;
+    }
+    readReduction = 1;
+    if (!decodeWholeFrame(readBytes, readBuffer))
+        return false;
+    readSize = readBuffer.size();
+    return true;
+}
+
+// frame, decoded from the current frame's bytes first when the loop only
+// decoded them reduced: at most once per frame, by whichever thread asks
+// first. Called with frameMutex held.
+const cv::Mat &ImageProcessing::wholeFrameLocked()
+{
+    if (wholePending) {
+        wholePending = false;
+        decodeWholeFrame(frameBytes, frame);
+    }
+    return frame;
 }
 
 // A series that starts afresh photographs the page already there once it is
 // still, so the watcher forgets the last series when a new one begins (even
 // one stopped and started again between two frames).
-void ImageProcessing::watchPageTurn()
+void ImageProcessing::watchPageTurn(const cv::Mat &shown)
 {
     if (!pageTurnSeries)
         return;
@@ -263,21 +310,27 @@ void ImageProcessing::watchPageTurn()
         pageTurnWatcher.reset();
         pageTurnWatched = run;
     }
-    if (pageTurnWatcher.feed(frame, monotonicNs() / 1000000))
+    if (pageTurnWatcher.feed(shown, monotonicNs() / 1000000))
         emit pageTurnSettled();
 }
 
 cv::Mat ImageProcessing::currentFrame()
 {
     std::lock_guard<std::mutex> lock(frameMutex);
-    return frame.clone();
+    return wholeFrameLocked().clone();
+}
+
+cv::Size ImageProcessing::currentFrameSize()
+{
+    std::lock_guard<std::mutex> lock(frameMutex);
+    return wholePending ? wholeSize : frame.size();
 }
 
 cv::Mat ImageProcessing::currentFrameBytes(qint64 *capturedNs, cv::Size *size)
 {
     std::lock_guard<std::mutex> lock(frameMutex);
     *capturedNs = frameStamp;
-    *size = frame.size();
+    *size = wholePending ? wholeSize : frame.size();
     return frameBytes.clone();
 }
 
@@ -285,7 +338,7 @@ cv::Mat ImageProcessing::currentFrame(qint64 *capturedNs)
 {
     std::lock_guard<std::mutex> lock(frameMutex);
     *capturedNs = frameStamp;
-    return frame.clone();
+    return wholeFrameLocked().clone();
 }
 
 bool ImageProcessing::frameIsSettled() const
@@ -372,7 +425,7 @@ void ImageProcessing::SetRecordVideo(bool on, QString path)
         // A writer left from an earlier recording is closed, not leaked.
         delete writer;
         writer = new cv::VideoWriter;
-        recorder.start(*writer, path, frame.size());
+        recorder.start(*writer, path, currentFrameSize());
         qDebug() << Q_FUNC_INFO << "fourcc" << cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
     } else if (writer) {
         writer->release();
@@ -395,6 +448,8 @@ void ImageProcessing::recordVideo()
         std::lock_guard<std::mutex> lock(frameMutex);
         frame = picture;
         frameBytes.release(); // the picture is no camera frame
+        wholePending = false;
+        frameReduction = 1;
     }
     recorder.record(picture);
 }
@@ -424,6 +479,10 @@ void ImageProcessing::setSaveImageToTiff(bool on)
 
 void ImageProcessing::takePhoto()
 {
+    {
+        std::lock_guard<std::mutex> lock(frameMutex);
+        wholeFrameLocked();
+    }
     if (frame.empty()) {
         // Asked before the camera delivered anything: nothing to save.
         qDebug() << Q_FUNC_INFO << "no camera frame yet, no photo taken";
@@ -544,6 +603,8 @@ void ImageProcessing::videoParameterSettings()
     qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
              << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
     cameraFps = cap.get(cv::CAP_PROP_FPS);
+    openedWidth = int(cap.get(cv::CAP_PROP_FRAME_WIDTH));
+    openedHeight = int(cap.get(cv::CAP_PROP_FRAME_HEIGHT));
     // A camera sending MJPG hands over its own bytes: the loop decodes
     // them, and a recording can keep them as they are.
     const bool mjpg =
@@ -625,9 +686,17 @@ FrameModes ImageProcessing::modes() const
     return FrameModes{ correction_type, shooting_type, angle, perspective };
 }
 
-QImage ImageProcessing::previewImage(const cv::Mat &raw)
+QImage ImageProcessing::previewImage(const cv::Mat &raw, int scaleDown)
 {
-    return previewPicture(raw, modes(), work, preview);
+    return previewPicture(raw, modes(), work, preview, scaleDown);
+}
+
+QImage ImageProcessing::wholePreviewImage()
+{
+    const cv::Mat whole = currentFrame();
+    FrameWork frameWork;
+    PreviewWork buffers;
+    return previewPicture(whole, modes(), frameWork, buffers);
 }
 
 QImage ImageProcessing::handleQImage(QImage image)
@@ -669,6 +738,11 @@ void ImageProcessing::setPreviewArea(QSize area)
 {
     previewAreaWidth = area.width();
     previewAreaHeight = area.height();
+}
+
+void ImageProcessing::setPreviewZoom(qreal zoom)
+{
+    previewZoom = zoom;
 }
 
 void ImageProcessing::fitForPreview(const QImage &picture)

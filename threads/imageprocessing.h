@@ -41,12 +41,19 @@
 //     mode codes, the requests
 //   srcImage                       GUI (readFarme)   loop (recordVideo)  mutex
 //   child1, child2, isShow1/2      GUI               loop (takePhoto)    childMutex
-//   frame                          loop              any, by             frameMutex for the
-//                                                    currentFrame()      swap and the copy
+//   frame                          loop, or any by   any, by             frameMutex for the
+//                                  currentFrame()    currentFrame()      swap, the decode
+//                                  (the whole decode                     and the copy
+//                                  put off)
+//   shownFrame, frameReduction,    loop              loop; any, under    frameMutex
+//     wholePending, wholeSize                        the lock
 //   cap                            loop, GUI while   loop, ahead         capMutex
 //                                  the loop is not running
 //   readBuffer, readStamp,         ahead, or loop    loop                the future nextRead
-//     readBytes, readRaw           when none is under way
+//     readBytes, readRaw,          when none is under way
+//     readReduction, readSize
+//   previewZoom, the preview area, GUI               ahead, loop         atomic
+//     openedWidth/Height           (opened: whoever opens the camera)
 //   frameBytes                     loop              any, by             frameMutex
 //                                                    currentFrameBytes()
 //   work, preview (the picture     loop (or one      loop                one thread at a time
@@ -134,9 +141,14 @@ public:
     void setCameraCorrection(int code);
     void setCameraShootType(int code);
 
-    // One preview picture from a raw frame: processing with outlines, then
-    // conversion and rotation. What the loop emits for every frame.
-    QImage previewImage(const cv::Mat &raw);
+    // One preview picture from a raw frame (the camera's frame reduced by
+    // scaleDown): processing with outlines, then conversion and rotation.
+    // What the loop emits for every frame.
+    QImage previewImage(const cv::Mat &raw, int scaleDown = 1);
+    // The preview picture of the last frame read, made from its whole
+    // decode whatever the loop showed of it; with its own buffers, so that
+    // the GUI thread may ask while the loop runs.
+    QImage wholePreviewImage();
 
     // Document detection.
     std::vector<cv::RotatedRect> findSquares(const cv::Mat &src);
@@ -153,6 +165,8 @@ public:
 
     // A deep copy of the last frame read, safe to call from any thread.
     cv::Mat currentFrame();
+    // The size of the last frame read, as the camera sent it.
+    cv::Size currentFrameSize();
     // The camera's own JPEG bytes of the last frame read (a copy), with its
     // capture time and picture size; empty when the camera sends pictures
     // rather than JPEG. Safe to call from any thread.
@@ -175,6 +189,9 @@ public:
     // preview picture down to its shown size before handing it over, so the
     // GUI thread only copies it to the screen. An empty area turns that off.
     void setPreviewArea(QSize area);
+    // The view's zoom (GUI thread): a camera's JPEG frames are decoded for
+    // the preview only as large as the view then draws them.
+    void setPreviewZoom(qreal zoom);
     // The loop's shown-size copy of picture, or a null image when it made
     // none for that very picture (or for another area).
     QImage fittedPreview(const QImage &picture);
@@ -216,8 +233,10 @@ private:
     bool readFrame();
     unsigned readAhead();
     unsigned readFromCamera();
+    bool decodeForPreview();
+    const cv::Mat &wholeFrameLocked();
     FrameModes modes() const; // the mode codes as they stand, read once
-    void watchPageTurn();
+    void watchPageTurn(const cv::Mat &shown);
 
     std::mutex capMutex; // cap is opened by the GUI thread, read by the loop
     std::mutex frameMutex; // frame swaps against currentFrame()
@@ -226,6 +245,17 @@ private:
     cv::Mat readBytes; // its JPEG bytes (empty for pictures); swapped with frameBytes
     cv::Mat readRaw; // what the camera handed over, before any decode
     cv::Mat frameBytes; // the current frame's JPEG bytes, under frameMutex
+    // A camera's JPEG frame is decoded for the preview only as large as the
+    // view draws it: readBuffer and shownFrame are then that picture,
+    // reduced by readReduction and frameReduction (1, 2, 4, 8) from the
+    // camera's frame of readSize and wholeSize. frame is decoded whole from
+    // frameBytes only when asked for (wholePending until then).
+    int readReduction = 1;
+    cv::Size readSize;
+    cv::Mat shownFrame;
+    int frameReduction = 1;
+    bool wholePending = false;
+    cv::Size wholeSize;
     qint64 readStamp = 0; // capture times of readBuffer and frame, in
     qint64 frameStamp = 0; // monotonic nanoseconds
     // Bumped (under capMutex) whenever cap is opened or released, so that a
@@ -258,6 +288,10 @@ private:
 
     std::atomic<int> previewAreaWidth{ 0 };
     std::atomic<int> previewAreaHeight{ 0 };
+    std::atomic<double> previewZoom{ 1.0 };
+    // The camera's frame size as opened, which the reduction is chosen for.
+    std::atomic<int> openedWidth{ 0 };
+    std::atomic<int> openedHeight{ 0 };
     PreviewFitter previewFitter; // used by the loop only
     PageTurnWatcher pageTurnWatcher; // used by the loop only
     unsigned pageTurnWatched = 0; // the series the watcher last saw
