@@ -25,6 +25,11 @@
 
 #include <opencv2/videoio.hpp>
 
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <vector>
+
 namespace {
 
 constexpr int watchMs = 10000;
@@ -123,8 +128,58 @@ void BM_PreviewShown(benchmark::State &state)
                    + " single correction" + (perspective ? ", perspective on, light wood" : ""));
 }
 
+// Three cameras at once: an 8 MP main preview in its window and two 1080p
+// cameras in secondary windows the size a picture in picture is shown at,
+// all in colour. Counters: each preview's frames per second and the
+// process's cores.
+void BM_ThreeCameras(benchmark::State &state)
+{
+    qputenv("VCAM_NODES", "0:camera,1:camera,2:camera");
+    qputenv("VCAM_0_FORMATS", "MJPG");
+    qputenv("VCAM_0_SIZES", "3264x2448");
+    qputenv("VCAM_0_FPS", "15");
+    qputenv("VCAM_0_SCENE", "sheets:0.5,0.5,0.5,0.7,8");
+    for (const char *n : { "1", "2" }) {
+        qputenv(QByteArray("VCAM_") + n + "_FORMATS", "MJPG");
+        qputenv(QByteArray("VCAM_") + n + "_SIZES", "1920x1080");
+        qputenv(QByteArray("VCAM_") + n + "_FPS", "30");
+        qputenv(QByteArray("VCAM_") + n + "_SCENE", "sheets:0.5,0.5,0.4,0.6,-5");
+    }
+    *Cache::cameras = CameraInfo::discover();
+    Cache::config->image_resolution = 0;
+    for (auto _ : state) {
+        const QSize sizes[] = { QSize(760, 560), QSize(400, 300), QSize(400, 300) };
+        std::vector<std::unique_ptr<QCameraView>> views;
+        int frames[3] = { 0, 0, 0 };
+        for (int i = 0; i < 3; ++i) {
+            views.push_back(std::make_unique<QCameraView>());
+            QCameraView &view = *views.back();
+            view.resize(sizes[i]);
+            view.show();
+            int *count = &frames[i];
+            QObject::connect(
+                    view.m_imageProcessing, &ImageProcessing::sendFarmeSignal, &view,
+                    [count] { ++*count; }, Qt::DirectConnection);
+            view.init(i);
+        }
+        runEventsFor(1500);
+        std::fill(std::begin(frames), std::end(frames), 0);
+        const double cpuBefore = processCpuSeconds();
+        QElapsedTimer clock;
+        clock.start();
+        runEventsFor(watchMs);
+        const double seconds = clock.elapsed() / 1000.0;
+        state.counters["fps_main"] = frames[0] / seconds;
+        state.counters["fps_second"] = frames[1] / seconds;
+        state.counters["fps_third"] = frames[2] / seconds;
+        state.counters["cores"] = (processCpuSeconds() - cpuBefore) / seconds;
+    }
+    state.SetLabel("main 3264x2448 at 15 fps, two 1920x1080 at 30 fps in 400x300 windows");
+}
+
 } // namespace
 
+BENCHMARK(BM_ThreeCameras)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PlainReadLoop)
         ->ArgsProduct({ { 0, 1 }, { 0, 1 } })
         ->Iterations(1)
