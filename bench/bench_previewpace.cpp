@@ -20,8 +20,6 @@
 #include <benchmark/benchmark.h>
 
 #include <QElapsedTimer>
-#include <QEventLoop>
-#include <QTimer>
 
 #include <opencv2/videoio.hpp>
 
@@ -43,15 +41,6 @@ struct Camera
 };
 
 const Camera cameras[] = { { "1920x1080", "30", 1920, 1080 }, { "3264x2448", "15", 3264, 2448 } };
-
-// The window's event loop as the program runs it, idle between events
-// (a loop of processEvents() would spin and count as work).
-void runEventsFor(int ms)
-{
-    QEventLoop loop;
-    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
-    loop.exec();
-}
 
 void useCamera(const Camera &camera, bool wood = false)
 {

@@ -147,14 +147,6 @@ QStringList logLines(const QString &path)
     return QString::fromLatin1(f.readAll()).split('\n', Qt::SkipEmptyParts);
 }
 
-void runFor(int ms)
-{
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-}
-
 void BM_Record8Mp(benchmark::State &state)
 {
     QTemporaryDir folder;
@@ -171,7 +163,7 @@ void BM_Record8Mp(benchmark::State &state)
     for (auto _ : state) {
         QCameraView view;
         openPreview(view, 20000);
-        runFor(2000); // settle
+        runEventsFor(2000); // settle
 
         qint64 longestGap = 0;
         QElapsedTimer gap;
@@ -183,7 +175,7 @@ void BM_Record8Mp(benchmark::State &state)
         wall.start();
         gap.start();
         ticker.start(10);
-        runFor(recordMs);
+        runEventsFor(recordMs);
         ticker.stop();
         const double previewCore = (processCpuSeconds() - cpu) / (wall.nsecsElapsed() / 1e9);
         const qint64 previewGap = longestGap;
@@ -197,7 +189,7 @@ void BM_Record8Mp(benchmark::State &state)
         gap.start();
         ticker.start(10);
         view.recordBegin();
-        runFor(recordMs);
+        runEventsFor(recordMs);
         const int loggedAtEnd = logLines(log).size();
         QElapsedTimer ending;
         ending.start();

@@ -4,7 +4,9 @@
 #include "startup.h"
 
 #include <QApplication>
+#include <QEventLoop>
 #include <QGuiApplication>
+#include <QTimer>
 
 #include <benchmark/benchmark.h>
 
@@ -35,4 +37,11 @@ double processCpuSeconds()
     timespec ts{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
     return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
+
+void runEventsFor(int ms)
+{
+    QEventLoop loop;
+    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
+    loop.exec();
 }

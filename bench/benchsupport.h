@@ -20,4 +20,9 @@ int runBenchmarks(int argc, char **argv, BenchApplication application);
 // the CPU a task costs says more than the time it takes.
 double processCpuSeconds();
 
+// Runs the application's event loop for ms milliseconds as the program
+// runs it, idle between events (a loop of processEvents() would spin and
+// count as work).
+void runEventsFor(int ms);
+
 #endif // BENCHSUPPORT_H
