@@ -1,6 +1,6 @@
 // Does the preview keep the camera's pace? Frames the preview widget shows
-// per second, by shooting type with single correction (and in colour with
-// the perspective option, which finds sheets on any desk, on light wood),
+// per second, by shooting type and correction (and in colour with the
+// perspective option, which finds sheets on any desk, on light wood),
 // beside a plain OpenCV read loop on the same virtual camera in the same run,
 // and a loop that only takes the camera's JPEG bytes (conversion off): what
 // the virtual camera and the reading cost before any decode, to be taken
@@ -92,13 +92,14 @@ void BM_PreviewShown(benchmark::State &state)
 {
     const Camera &camera = cameras[state.range(0)];
     const int shooting = int(state.range(1));
-    const bool perspective = state.range(2) != 0;
+    const int correction = int(state.range(2));
+    const bool perspective = state.range(3) != 0;
     useCamera(camera, perspective);
     for (auto _ : state) {
         QCameraView view;
         view.resize(760, 560);
         view.show();
-        view.setCameraCorrection(1);
+        view.setCameraCorrection(correction);
         view.setCameraShootType(shooting);
         view.setPerspectiveCorrection(perspective);
         int frames = 0;
@@ -116,8 +117,9 @@ void BM_PreviewShown(benchmark::State &state)
         state.counters["cores"] = (processCpuSeconds() - cpuBefore) * 1000.0 / clock.elapsed();
     }
     static const char *types[] = { "colour", "grey", "black and white", "background removed" };
-    state.SetLabel(std::string("preview ") + camera.size + " " + types[shooting]
-                   + " single correction" + (perspective ? ", perspective on, light wood" : ""));
+    static const char *corrections[] = { "no correction", "single correction", "several sheets" };
+    state.SetLabel(std::string("preview ") + camera.size + " " + types[shooting] + ", "
+                   + corrections[correction] + (perspective ? ", perspective on, light wood" : ""));
 }
 
 // Three cameras at once: an 8 MP main preview in its window and two 1080p
@@ -215,10 +217,13 @@ BENCHMARK(BM_PlainReadLoop)
         ->ArgsProduct({ { 0, 1 }, { 0, 1 } })
         ->Iterations(1)
         ->Unit(benchmark::kMillisecond);
+// Arguments: camera (0 1080p, 1 8 MP), shooting type, correction, perspective.
 BENCHMARK(BM_PreviewShown)
-        ->ArgsProduct({ { 0, 1 }, { 0, 1, 2, 3 }, { 0 } })
-        ->Args({ 0, 0, 1 })
-        ->Args({ 1, 0, 1 })
+        ->ArgsProduct({ { 0, 1 }, { 0, 1, 2, 3 }, { 1 }, { 0 } })
+        ->ArgsProduct({ { 0, 1 }, { 0 }, { 0 }, { 0 } })
+        ->ArgsProduct({ { 0, 1 }, { 2 }, { 2 }, { 0 } })
+        ->Args({ 0, 0, 1, 1 })
+        ->Args({ 1, 0, 1, 1 })
         ->Iterations(1)
         ->Unit(benchmark::kMillisecond);
 

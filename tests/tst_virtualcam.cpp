@@ -9,6 +9,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include "testsupport.h"
+#include "scene.h"
 #include "tiltscene.h"
 
 #include <QtTest>
@@ -578,6 +579,37 @@ private slots:
                 QVERIFY(cap.read(frame));
                 cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
                 QVERIFY2(cv::mean(grey)[0] < 200, value);
+            }
+        }
+    }
+
+    // Each JPEG frame recompresses only the rows of blocks its counter
+    // covers; it must decode to exactly what compressing the whole frame
+    // gives, with a restart marker between every two rows.
+    void jpegFramesEqualWholeCompression()
+    {
+        const cv::Size sizes[] = { { 3264, 2448 }, { 1000, 700 }, { 642, 361 }, { 320, 240 } };
+        for (const cv::Size &size : sizes) {
+            vcam::FrameSource source;
+            source.prepare(vcam::defaultScene(), size.width, size.height, V4L2_PIX_FMT_MJPEG);
+            std::vector<uint8_t> buffer(size_t(size.width) * size.height * 3);
+            for (uint32_t number : { 0u, 7u, 12345678u }) {
+                uint64_t stamp = 0;
+                const size_t used = source.render(number, buffer.data(), buffer.size(), &stamp);
+                QVERIFY(used > 0);
+                const std::vector<uint8_t> jpeg(buffer.begin(), buffer.begin() + used);
+                int restarts = 0;
+                for (size_t i = 0; i + 1 < used; ++i)
+                    restarts += jpeg[i] == 0xFF && jpeg[i + 1] >= 0xD0 && jpeg[i + 1] <= 0xD7;
+                QCOMPARE(restarts, (size.height + 15) / 16 - 1);
+
+                std::vector<uchar> whole;
+                cv::imencode(".jpg", source.picture(number), whole,
+                             { cv::IMWRITE_JPEG_QUALITY, 90 });
+                const cv::Mat expected = cv::imdecode(whole, cv::IMREAD_COLOR);
+                const cv::Mat got = cv::imdecode(jpeg, cv::IMREAD_COLOR);
+                QCOMPARE(got.size(), cv::Size(size));
+                QCOMPARE(cv::norm(got, expected, cv::NORM_INF), 0.0);
             }
         }
     }

@@ -20,6 +20,7 @@ namespace {
 const cv::Scalar kInk(62, 60, 58);
 const cv::Scalar kCounter(128, 128, 128);
 const int kFont = cv::FONT_HERSHEY_SIMPLEX;
+const int kQuality = 90; // a camera's usual JPEG quality
 const int kShift = 4; // sub-pixel bits for polygon corners
 const double kPi = 3.14159265358979323846;
 
@@ -219,6 +220,21 @@ void FrameSource::preparePicture(const std::string &key, const cv::Mat &picture,
         if (still_)
             aheadWork_ = static_.clone();
     }
+    prepareRows();
+}
+
+void FrameSource::prepareRows()
+{
+    rows_ = JpegRows();
+    stripRect_ = cv::Rect();
+    if (fourcc_ == V4L2_PIX_FMT_YUYV || !still_ || counter_.empty())
+        return;
+    if (!splitJpegRows(encodeWithRowRestarts(static_, kQuality), &rows_))
+        return;
+    const int first = counter_.y / rows_.rowHeight;
+    const int end = (counter_.br().y + rows_.rowHeight - 1) / rows_.rowHeight;
+    const int bottom = std::min(height_, end * rows_.rowHeight);
+    stripRect_ = cv::Rect(0, first * rows_.rowHeight, width_, bottom - first * rows_.rowHeight);
 }
 
 // Frame `number` of the scene as JPEG, drawn into work (the static scene
@@ -227,9 +243,21 @@ std::vector<uchar> FrameSource::encodeJpeg(cv::Mat &work, uint32_t number, int q
 {
     static_(counter_).copyTo(work(counter_));
     drawCounter(work, origin_, number);
+    JpegRows strip;
+    if (quality == kQuality && !stripRect_.empty()
+        && splitJpegRows(encodeWithRowRestarts(work(stripRect_), quality), &strip))
+        return joinJpegRows(rows_, stripRect_.y / rows_.rowHeight, strip);
     std::vector<uchar> jpeg;
     cv::imencode(".jpg", work, jpeg, { cv::IMWRITE_JPEG_QUALITY, quality });
     return jpeg;
+}
+
+cv::Mat FrameSource::picture(uint32_t number) const
+{
+    cv::Mat img = static_.clone();
+    if (!img.empty())
+        drawCounter(img, origin_, number);
+    return img;
 }
 
 void FrameSource::drawCounter(cv::Mat &img, cv::Point origin, uint32_t number) const
@@ -262,13 +290,13 @@ size_t FrameSource::render(uint32_t number, uint8_t *dst, size_t capacity, uint6
         jpeg_ = ahead_.get();
     else {
         dropAhead();
-        jpeg_ = encodeJpeg(work_, number, 90);
+        jpeg_ = encodeJpeg(work_, number, kQuality);
     }
     // The next frame is most likely number + 1; it is encoded meanwhile.
     aheadNumber_ = number + 1;
     if (still_)
         ahead_ = std::async(std::launch::async, [this, next = aheadNumber_] {
-            return encodeJpeg(aheadWork_, next, 90);
+            return encodeJpeg(aheadWork_, next, kQuality);
         });
 
     // A frame too large for the buffer is made again at lower qualities.
@@ -294,7 +322,7 @@ size_t FrameSource::renderWhite(uint8_t *dst, size_t capacity)
             bgrToYuyv(white, white_.data(), static_cast<size_t>(width_) * 2);
         } else {
             std::vector<uchar> jpeg;
-            cv::imencode(".jpg", white, jpeg, { cv::IMWRITE_JPEG_QUALITY, 90 });
+            cv::imencode(".jpg", white, jpeg, { cv::IMWRITE_JPEG_QUALITY, kQuality });
             white_.assign(jpeg.begin(), jpeg.end());
         }
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "config.h"
+#include "jpegrows.h"
 
 #include <opencv2/core.hpp>
 
@@ -45,10 +46,13 @@ public:
 
     // Where the counter is drawn (for tests and documentation).
     cv::Rect counterRect() const { return counter_; }
+    // Frame `number` before compression (for tests).
+    cv::Mat picture(uint32_t number) const;
 
 private:
     void drawCounter(cv::Mat &img, cv::Point origin, uint32_t number) const;
     std::vector<uchar> encodeJpeg(cv::Mat &work, uint32_t number, int quality) const;
+    void prepareRows();
     void dropAhead();
 
     std::string key_;
@@ -61,6 +65,12 @@ private:
     std::vector<uint8_t> yuyv_;
     std::vector<uchar> jpeg_;
     std::vector<uint8_t> white_; // the flash frame in this size and format
+    // A still scene compressed once, cut at its rows of blocks; each frame
+    // recompresses only stripRect_, the rows the counter covers (see
+    // jpegrows.h). Empty when the cut is not possible: then every frame is
+    // compressed whole.
+    JpegRows rows_;
+    cv::Rect stripRect_;
     // A camera compresses its frames itself, at no cost to the reader: the
     // next MJPG frame is encoded on a thread of its own while the reader
     // works on the current one.
