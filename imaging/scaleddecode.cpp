@@ -1,19 +1,11 @@
 #include "scaleddecode.h"
 
-#include "imaging/cameraframe.h"
 #include "imaging/previewfit.h"
-
-#include <opencv2/imgcodecs.hpp>
 
 #include <algorithm>
 #include <cmath>
 
 namespace {
-
-bool isReduction(int denominator)
-{
-    return denominator == 1 || denominator == 2 || denominator == 4 || denominator == 8;
-}
 
 cv::Size turned(cv::Size size, int quarterTurns)
 {
@@ -52,18 +44,6 @@ int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int q
             return d;
     }
     return 1;
-}
-
-bool decodeReducedFrame(const cv::Mat &bytes, int denominator, cv::Mat &picture)
-{
-    if (!isReduction(denominator))
-        return false;
-    if (denominator == 1)
-        return decodeWholeFrame(bytes, picture);
-    const int flags = denominator == 2 ? cv::IMREAD_REDUCED_COLOR_2
-            : denominator == 4         ? cv::IMREAD_REDUCED_COLOR_4
-                                       : cv::IMREAD_REDUCED_COLOR_8;
-    return !cv::imdecode(bytes, flags, &picture).empty();
 }
 
 cv::Point2f inWholeFrame(cv::Point2f reduced, int denominator)

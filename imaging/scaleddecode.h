@@ -1,6 +1,8 @@
 #ifndef IMAGING_SCALEDDECODE_H
 #define IMAGING_SCALEDDECODE_H
 
+#include "imaging/cameraframe.h" // decodeReducedFrame
+
 #include <opencv2/core.hpp>
 
 // A camera's JPEG frame need not be decoded whole for the preview: libjpeg
@@ -21,15 +23,6 @@ cv::Size reducedFrameSize(cv::Size frameSize, int denominator);
 // before it is drawn. An empty area or frame means the view's size is not
 // known yet: 1, the whole frame.
 int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int quarterTurns);
-
-// The picture of a compressed frame (JPEG bytes) decoded at 1/denominator
-// by libjpeg's scaled decoding, into picture's buffer when it has the
-// reduced size already; denominator 1 decodes whole exactly as
-// decodeWholeFrame. The same failure rules as decodeWholeFrame: bytes whose
-// header cannot be read leave picture as it was; false when it is then
-// empty. false too for a denominator other than 1, 2, 4 or 8 (picture
-// untouched).
-bool decodeReducedFrame(const cv::Mat &bytes, int denominator, cv::Mat &picture);
 
 // Where the centre of a pixel of a picture reduced by denominator lies in
 // the whole frame's pixel coordinates: each reduced pixel stands for a

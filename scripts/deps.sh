@@ -8,7 +8,7 @@ packages=(
   cmake g++ make pkg-config
   qtbase5-dev qtbase5-dev-tools
   qt5-image-formats-plugins
-  libopencv-dev
+  libopencv-dev libjpeg-dev
   librsvg2-bin
   libbenchmark-dev
   poppler-utils

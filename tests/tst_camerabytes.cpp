@@ -238,6 +238,92 @@ private slots:
         QVERIFY(none.empty());
     }
 
+    // Frames are decoded by libjpeg straight into OpenCV's channel order;
+    // the pixels must be cv::imdecode's at every reduction: colour at an
+    // odd size (two qualities, one with its own Huffman tables), grey, and
+    // a picture whose EXIF
+    // orientation OpenCV applies (it turns it on its side).
+    void decodesAsOpenCvDoes()
+    {
+        cv::Mat colour(703, 1001, CV_8UC3);
+        for (int y = 0; y < colour.rows; ++y)
+            for (int x = 0; x < colour.cols; ++x)
+                colour.at<cv::Vec3b>(y, x) = cv::Vec3b(uchar(x / 4), uchar(y / 3), uchar(x ^ y));
+        cv::circle(colour, { 500, 350 }, 200, cv::Scalar(20, 200, 240), 9);
+        cv::Mat grey;
+        cv::cvtColor(colour, grey, cv::COLOR_BGR2GRAY);
+        const auto encoded = [](const cv::Mat &picture, std::vector<int> params) {
+            std::vector<uchar> jpeg;
+            cv::imencode(".jpg", picture, jpeg, params);
+            return jpeg;
+        };
+        std::vector<uchar> oriented = encoded(colour, { cv::IMWRITE_JPEG_QUALITY, 90 });
+        // APP1 "Exif", little-endian TIFF, one entry: orientation 6.
+        const uchar exif[] = { 0xFF, 0xE1, 0x00, 0x22, 'E', 'x', 'i', 'f', 0,    0,    'I', 'I',
+                               0x2A, 0,    8,    0,    0,   0,   1,   0,   0x12, 0x01, 3,   0,
+                               1,    0,    0,    0,    6,   0,   0,   0,   0,    0,    0,   0 };
+        oriented.insert(oriented.begin() + 2, std::begin(exif), std::end(exif));
+        const std::vector<std::vector<uchar>> jpegs = {
+            encoded(colour, { cv::IMWRITE_JPEG_QUALITY, 90 }),
+            encoded(colour, { cv::IMWRITE_JPEG_QUALITY, 60, cv::IMWRITE_JPEG_OPTIMIZE, 1 }),
+            encoded(grey, { cv::IMWRITE_JPEG_QUALITY, 90 }),
+            oriented,
+        };
+        const int flags[] = { cv::IMREAD_COLOR, cv::IMREAD_REDUCED_COLOR_2,
+                              cv::IMREAD_REDUCED_COLOR_4, cv::IMREAD_REDUCED_COLOR_8 };
+        for (size_t j = 0; j < jpegs.size(); ++j) {
+            const cv::Mat bytes = cv::Mat(jpegs[j]).reshape(1, 1);
+            for (int i = 0; i < 4; ++i) {
+                const int d = 1 << i;
+                const cv::Mat expected = cv::imdecode(bytes, flags[i]);
+                cv::Mat picture;
+                QVERIFY(decodeReducedFrame(bytes, d, picture));
+                QCOMPARE(picture.type(), CV_8UC3);
+                QCOMPARE(picture.size(), expected.size());
+                QVERIFY2(cv::norm(picture, expected, cv::NORM_INF) == 0,
+                         qPrintable(QString("jpeg %1 at 1/%2").arg(j).arg(d)));
+            }
+        }
+        QCOMPARE(cv::imdecode(jpegs[3], cv::IMREAD_COLOR).size(), cv::Size(703, 1001));
+        cv::Mat untouched(2, 2, CV_8UC3, cv::Scalar(7, 7, 7));
+        QVERIFY(!decodeReducedFrame(cv::Mat(jpegs[0]).reshape(1, 1), 3, untouched));
+        QCOMPARE(untouched.size(), cv::Size(2, 2));
+    }
+
+    // A frame OpenCV hands over up to three bytes short gets its end marker
+    // back: the very bytes when one or two were cut, a whole JPEG of the
+    // same picture size when three were; whole frames and frames padded
+    // with zeros after their end stay as they are, buffer and all.
+    void shortFrameGetsItsEndBack()
+    {
+        const cv::Mat bytes = jpegOf(numbered(5));
+        const int n = bytes.cols;
+        QCOMPARE(int(bytes.at<uchar>(0, n - 1)), 0xD9);
+        for (int cut : { 1, 2 }) {
+            cv::Mat shortFrame = bytes.colRange(0, n - cut).clone();
+            completeJpegEnd(shortFrame);
+            QCOMPARE(shortFrame.cols, n);
+            QCOMPARE(cv::norm(shortFrame, bytes, cv::NORM_INF), 0.0);
+        }
+        cv::Mat threeShort = bytes.colRange(0, n - 3).clone();
+        completeJpegEnd(threeShort);
+        QCOMPARE(threeShort.cols, n - 1);
+        QCOMPARE(int(threeShort.at<uchar>(0, n - 3)), 0xFF);
+        QCOMPARE(int(threeShort.at<uchar>(0, n - 2)), 0xD9);
+        QCOMPARE(cv::imdecode(threeShort, cv::IMREAD_COLOR).size(), cv::Size(320, 240));
+
+        cv::Mat whole = bytes.clone();
+        const uchar *buffer = whole.data;
+        completeJpegEnd(whole);
+        QVERIFY(whole.data == buffer);
+        QCOMPARE(whole.cols, n);
+        cv::Mat padded(1, n + 16, CV_8UC1, cv::Scalar(0));
+        bytes.copyTo(padded.colRange(0, n));
+        cv::Mat paddedShort = padded.colRange(0, n + 13).clone();
+        completeJpegEnd(paddedShort);
+        QCOMPARE(paddedShort.cols, n + 13);
+    }
+
     // The driver's stamp stands when it is on the reading clock and recent;
     // none, one from the future or one a second old gives the reading time.
     void captureTimeIsTheCamerasStampWhenItFits()

@@ -17,6 +17,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <chrono>
 #include <utility>
 
 namespace {
@@ -137,10 +138,8 @@ void ImageProcessing::run()
     while (isWork) {
         if (isCameraVideo)
             recordVideo();
-        if (isTakePhoto) {
-            isTakePhoto = false;
+        if (isTakePhoto.exchange(false))
             takePhoto();
-        }
         handleRequests();
         if (isSetVideoPParameter) {
             reopening = true;
@@ -199,6 +198,12 @@ bool ImageProcessing::readFrame()
 {
     bool fresh = false;
     if (nextRead.valid()) {
+        // A photo asked for while the next frame is on its way is taken of
+        // the frame on screen at once, not of the next one when it comes.
+        while (nextRead.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) {
+            if (isTakePhoto.exchange(false))
+                takePhoto();
+        }
         const unsigned generation = nextRead.get();
         // The read ahead already waited for a frame in vain: another wait
         // right away would only hold up the requests.
@@ -250,6 +255,7 @@ unsigned ImageProcessing::readFromCamera()
     // The picture buffers go round (readBuffer, frame, readRaw), so that a
     // frame is decoded into memory already mapped.
     if (isCompressedFrame(readRaw)) {
+        completeJpegEnd(readRaw);
         std::swap(readBytes, readRaw);
         if (!decodeForPreview())
             readBytes.release();

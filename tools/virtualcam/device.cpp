@@ -325,6 +325,7 @@ void fillBuffer(const Device &d, uint32_t index, v4l2_buffer *b)
 void stopStreaming(Device &d)
 {
     d.streaming = false;
+    d.source.dropAhead();
     for (Slot &s : d.slots)
         s.queued = false;
     d.done.clear();

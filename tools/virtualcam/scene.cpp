@@ -156,8 +156,8 @@ FrameSource::~FrameSource()
     dropAhead();
 }
 
-// Waits for a frame being encoded ahead and forgets it: its scene, size or
-// number is no longer wanted.
+// Also when the scene, size or number of the frame ahead is no longer
+// wanted.
 void FrameSource::dropAhead()
 {
     if (ahead_.valid())

@@ -41,6 +41,11 @@ public:
     // holds, so unchanged pixels are not copied again.
     size_t render(uint32_t number, uint8_t *dst, size_t capacity, uint64_t *slotStamp);
 
+    // Waits for a frame being made ahead and forgets it. A stream that
+    // stops has no next frame: no thread of ours may still be compressing
+    // one when the process exits and OpenCV's encoders are torn down.
+    void dropAhead();
+
     // Writes an all-white frame (a flash) into dst; returns the bytes used.
     size_t renderWhite(uint8_t *dst, size_t capacity);
 
@@ -53,7 +58,6 @@ private:
     void drawCounter(cv::Mat &img, cv::Point origin, uint32_t number) const;
     std::vector<uchar> encodeJpeg(cv::Mat &work, uint32_t number, int quality) const;
     void prepareRows();
-    void dropAhead();
 
     std::string key_;
     int width_ = 0;
