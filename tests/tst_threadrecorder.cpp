@@ -1,6 +1,7 @@
 // The capture thread's own recorder: the last displayed picture, written to
 // an MJPG AVI file while recording is on.
 #include "threads/imageprocessing.h"
+#include "threads/looprecorder.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -101,6 +102,43 @@ private slots:
         QVERIFY(ip.writer->isOpened());
         ip.SetRecordVideo(false, dir.filePath("second.avi"));
         QVERIFY(!ip.writer->isOpened());
+    }
+
+    // The recorder on its own: it makes the writer it records into, and
+    // when it ends, every picture is in the file and the writer, closed,
+    // stays its owner's.
+    void recorderMakesTheWriterAndClosesIt()
+    {
+        LoopRecorder recorder;
+        cv::VideoWriter *writer = nullptr;
+        QVERIFY(!recorder.recordingInto(writer));
+        recorder.finish(writer); // nothing to end
+        const QString path = dir.filePath("direct.avi");
+        recorder.start(writer, path, cv::Size(64, 48));
+        QVERIFY(writer && writer->isOpened());
+        QVERIFY(recorder.recordingInto(writer));
+        QVERIFY(!recorder.recordingInto(nullptr));
+
+        QMutex mutex;
+        const cv::Mat picture = recordedPicture(halves(QSize(64, 48), Qt::red, Qt::blue), mutex);
+        QCOMPARE(picture.type(), CV_8UC3);
+        QCOMPARE(picture.at<cv::Vec3b>(10, 10), cv::Vec3b(0, 0, 255));
+        QCOMPARE(picture.at<cv::Vec3b>(10, 50), cv::Vec3b(255, 0, 0));
+        recorder.record(picture);
+        recorder.record(picture);
+        recorder.finish(writer);
+        QVERIFY(writer && !writer->isOpened());
+        QVERIFY(!recorder.recordingInto(writer));
+        recorder.finish(writer); // twice is safe
+        delete writer;
+
+        cv::VideoCapture read(path.toStdString());
+        QVERIFY(read.isOpened());
+        int frames = 0;
+        cv::Mat f;
+        while (read.read(f))
+            ++frames;
+        QCOMPARE(frames, 2);
     }
 
     void loopRecordsWhileRecordingIsOn()

@@ -270,9 +270,8 @@ unsigned ImageProcessing::readFromCamera()
 bool ImageProcessing::decodeForPreview()
 {
     const cv::Size opened(openedWidth, openedHeight);
-    const int reduction =
-            previewDecodeReduction(opened, cv::Size(previewAreaWidth, previewAreaHeight),
-                                   previewZoom, angle);
+    const int reduction = previewDecodeReduction(
+            opened, cv::Size(previewAreaWidth, previewAreaHeight), previewZoom, angle);
     if (reduction > 1 && decodeReducedFrame(readBytes, reduction, readBuffer)
         && readBuffer.size() == reducedFrameSize(opened, reduction)) {
         readReduction = reduction;
@@ -419,16 +418,11 @@ void ImageProcessing::waitForReturn()
 
 void ImageProcessing::SetRecordVideo(bool on, QString path)
 {
-    // The pictures of an earlier recording are written before its writer goes.
-    recorder.stop();
     if (on) {
-        // A writer left from an earlier recording is closed, not leaked.
-        delete writer;
-        writer = new cv::VideoWriter;
-        recorder.start(*writer, path, currentFrameSize());
+        recorder.start(writer, path, currentFrameSize());
         qDebug() << Q_FUNC_INFO << "fourcc" << cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
-    } else if (writer) {
-        writer->release();
+    } else {
+        recorder.finish(writer);
     }
     isCameraVideo = on;
     cameraVideoPath = path;
@@ -438,20 +432,20 @@ void ImageProcessing::SetRecordVideo(bool on, QString path)
 // as the current frame meanwhile.
 void ImageProcessing::recordVideo()
 {
-    if (!writer || !writer->isOpened() || !recorder.recording())
+    if (!recorder.recordingInto(writer))
         return;
-    mutex.lock();
-    const QImage shown = srcImage.copy();
-    mutex.unlock();
-    const cv::Mat picture = imageToMat(shown);
-    {
-        std::lock_guard<std::mutex> lock(frameMutex);
-        frame = picture;
-        frameBytes.release(); // the picture is no camera frame
-        wholePending = false;
-        frameReduction = 1;
-    }
+    const cv::Mat picture = recordedPicture(srcImage, mutex);
+    standAsFrame(picture);
     recorder.record(picture);
+}
+
+void ImageProcessing::standAsFrame(const cv::Mat &picture)
+{
+    std::lock_guard<std::mutex> lock(frameMutex);
+    frame = picture;
+    frameBytes.release(); // the picture is no camera frame
+    wholePending = false;
+    frameReduction = 1;
 }
 
 void ImageProcessing::setTakePhotoCammond(QImage first, QImage second, bool show1, bool show2)
