@@ -1,6 +1,7 @@
 #include "imageprocessing.h"
 
 #include "cache.h"
+#include "camerasettings.h"
 #include "modecodes.h"
 #include "monotonicclock.h"
 #include "output/photosave.h"
@@ -21,30 +22,9 @@
 
 namespace {
 
-// Pixel formats the settings can ask the camera for, by image_fourcc code.
-const char *const fourccCodes[] = {
-    "MJPG", "PIM1", "MP42", "DIV3", "DIVX", "U263", "I263", "FLV1"
-};
-
 // Largest frame the preview path accepts; larger requests are capped to it.
 constexpr int maxPreviewWidth = 3264;
 constexpr int maxPreviewHeight = 2448;
-
-// OpenCV's Video4Linux2 back end hands CAP_PROP_AUTO_EXPOSURE to the camera's
-// exposure menu as it stands: 1 is manual, 3 is automatic (aperture
-// priority). Other back ends take 1 for automatic and 0 for manual.
-struct ExposureModes
-{
-    double automatic;
-    double manual;
-};
-
-ExposureModes exposureModesFor(const cv::VideoCapture &cap)
-{
-    if (cap.getBackendName() == "V4L2")
-        return { 3, 1 };
-    return { 1, 0 };
-}
 
 } // namespace
 
@@ -580,11 +560,8 @@ void ImageProcessing::releaseNow()
 // Called with capMutex held.
 void ImageProcessing::videoParameterSettings()
 {
-    const int code = Cache::config->image_fourcc;
-    if (code >= 0 && code < int(sizeof(fourccCodes) / sizeof(fourccCodes[0]))) {
-        const char *c = fourccCodes[code];
-        cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc(c[0], c[1], c[2], c[3]));
-    }
+    if (const std::optional<int> fourcc = requestedFourcc(Cache::config->image_fourcc))
+        cap.set(cv::CAP_PROP_FOURCC, *fourcc);
 
     qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
              << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
