@@ -1,6 +1,8 @@
 // What the settings ask of a camera: the pixel format of each image_fourcc
 // code, and the exposure menu values of the back end that opened it.
 #include "threads/camerasettings.h"
+#include "threads/imageprocessing.h"
+#include "modecodes.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -89,6 +91,32 @@ private slots:
         const ExposureModes modes = exposureModesFor(cap);
         QCOMPARE(modes.automatic, 1.0);
         QCOMPARE(modes.manual, 0.0);
+    }
+
+    // A capture that is not open has no back end to ask (OpenCV throws when
+    // asked its name): it takes the values of any other back end, and
+    // setting them does nothing.
+    void captureNotOpenTakesOneAndZero()
+    {
+        const cv::VideoCapture none;
+        QVERIFY(!none.isOpened());
+        const ExposureModes modes = exposureModesFor(none);
+        QCOMPARE(modes.automatic, 1.0);
+        QCOMPARE(modes.manual, 0.0);
+        cv::VideoCapture failed(99, cv::CAP_V4L2);
+        QVERIFY(!failed.isOpened());
+        QCOMPARE(exposureModesFor(failed).automatic, 1.0);
+    }
+
+    // Exposure asked while no camera is open (none plugged in, or it failed
+    // to open) is set on nothing and changes nothing.
+    void exposureWithoutCameraIsHarmless()
+    {
+        ImageProcessing ip;
+        ip.setCameraExposure(automaticExposure);
+        ip.setCameraExposure(-3);
+        QCOMPARE(ip.cameraCurrentExposure.load(), -3);
+        QVERIFY(!ip.cap.isOpened());
     }
 };
 

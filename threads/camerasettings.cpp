@@ -19,7 +19,9 @@ std::optional<int> requestedFourcc(int code)
 
 ExposureModes exposureModesFor(const cv::VideoCapture &cap)
 {
-    if (cap.getBackendName() == "V4L2")
+    // A capture not open has no back end, and OpenCV throws when asked its
+    // name: it sets nothing whatever the values.
+    if (cap.isOpened() && cap.getBackendName() == "V4L2")
         return { 3, 1 };
     return { 1, 0 };
 }

@@ -25,7 +25,8 @@ struct ExposureModes
 
 // OpenCV's Video4Linux2 back end hands CAP_PROP_AUTO_EXPOSURE to the camera's
 // exposure menu as it stands: 1 is manual, 3 is automatic (aperture
-// priority). Other back ends take 1 for automatic and 0 for manual.
+// priority). Other back ends take 1 for automatic and 0 for manual, and so
+// does a capture that is not open (nothing is set on it).
 ExposureModes exposureModesFor(const cv::VideoCapture &cap);
 
 #endif // CAMERASETTINGS_H
