@@ -662,12 +662,12 @@ QImage ImageProcessing::previewImage(const cv::Mat &raw, int scaleDown)
     return previewPicture(raw, modes(), work, preview, scaleDown);
 }
 
+// A copy of the whole frame, taken (and decoded whole first when the loop
+// only decoded it reduced) under frameMutex, so that the loop may go on
+// meanwhile; the mode codes are read once.
 QImage ImageProcessing::wholePreviewImage()
 {
-    const cv::Mat whole = currentFrame();
-    FrameWork frameWork;
-    PreviewWork buffers;
-    return previewPicture(whole, modes(), frameWork, buffers);
+    return wholePreviewPicture(currentFrame(), modes());
 }
 
 QImage ImageProcessing::handleQImage(QImage image)
