@@ -22,6 +22,20 @@ QImage halves(QSize size, QColor left, QColor right)
     return image;
 }
 
+// The frames a file holds, read back with OpenCV; -1 when it cannot be
+// opened.
+int framesIn(const QString &path)
+{
+    cv::VideoCapture read(path.toStdString());
+    if (!read.isOpened())
+        return -1;
+    int frames = 0;
+    cv::Mat f;
+    while (read.read(f))
+        ++frames;
+    return frames;
+}
+
 } // namespace
 
 class tst_ThreadRecorder : public QObject
@@ -83,13 +97,7 @@ private slots:
         ip.recordVideo();
         ip.SetRecordVideo(false, path);
 
-        cv::VideoCapture read(path.toStdString());
-        QVERIFY(read.isOpened());
-        int frames = 0;
-        cv::Mat f;
-        while (read.read(f))
-            ++frames;
-        QCOMPARE(frames, 1);
+        QCOMPARE(framesIn(path), 1);
     }
 
     void newRecordingReplacesTheOldWriter()
@@ -132,13 +140,7 @@ private slots:
         recorder.finish(writer); // twice is safe
         delete writer;
 
-        cv::VideoCapture read(path.toStdString());
-        QVERIFY(read.isOpened());
-        int frames = 0;
-        cv::Mat f;
-        while (read.read(f))
-            ++frames;
-        QCOMPARE(frames, 2);
+        QCOMPARE(framesIn(path), 2);
     }
 
     void loopRecordsWhileRecordingIsOn()
@@ -155,11 +157,7 @@ private slots:
         QTest::qWait(400);
         ip.end();
         ip.SetRecordVideo(false, path);
-        cv::VideoCapture read(path.toStdString());
-        int frames = 0;
-        cv::Mat f;
-        while (read.read(f))
-            ++frames;
+        const int frames = framesIn(path);
         QVERIFY2(frames >= 3, qPrintable(QString::number(frames)));
     }
 };
