@@ -105,3 +105,10 @@ QImage previewPicture(const cv::Mat &raw, const FrameModes &modes, FrameWork &fr
         return pooledImage(work.out, work.images);
     return matToImage(work.out);
 }
+
+QImage wholePreviewPicture(const cv::Mat &whole, const FrameModes &modes)
+{
+    FrameWork frameWork;
+    PreviewWork work;
+    return previewPicture(whole, modes, frameWork, work);
+}

@@ -44,4 +44,9 @@ struct PreviewWork
 QImage previewPicture(const cv::Mat &raw, const FrameModes &modes, FrameWork &frameWork,
                       PreviewWork &work, int scaleDown = 1);
 
+// The preview picture of a whole camera frame (previewPicture of it), made
+// with buffers of its own, so that a thread may ask for it while another
+// makes the live preview with its buffers.
+QImage wholePreviewPicture(const cv::Mat &whole, const FrameModes &modes);
+
 #endif // IMAGING_PREVIEWPICTURE_H

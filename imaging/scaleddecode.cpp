@@ -1,6 +1,7 @@
 #include "scaleddecode.h"
 
 #include "imaging/previewfit.h"
+#include "modecodes.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,7 +10,7 @@ namespace {
 
 cv::Size turned(cv::Size size, int quarterTurns)
 {
-    return quarterTurns == 1 || quarterTurns == 3 ? cv::Size(size.height, size.width) : size;
+    return isSidewaysTurn(quarterTurns) ? cv::Size(size.height, size.width) : size;
 }
 
 // The view's length zoom times as long, in whole pixels. Zoom steps of 0.2
@@ -35,7 +36,8 @@ int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int q
     // Zoomed out the view draws the fit, and NaN is no zoom at all.
     const double z = zoom > 1.0 ? zoom : 1.0;
     const cv::Size frame = turned(frameSize, quarterTurns);
-    const QSize fitted = fittedSize(QSize(frame.width, frame.height), QSize(area.width, area.height));
+    const QSize fitted =
+            fittedSize(QSize(frame.width, frame.height), QSize(area.width, area.height));
     const cv::Size shown(fitted.width(), fitted.height());
     const cv::Size drawn(zoomed(shown.width, z), zoomed(shown.height, z));
     for (int d : { 8, 4, 2 }) {

@@ -63,6 +63,50 @@ private slots:
         COMPARE_MATS(raw, before); // photos and recordings use the frame
     }
 
+    // The preview of a whole frame, asked from another thread than the
+    // loop's, is the live preview's picture of that frame, made with buffers
+    // of its own: the loop's buffers and the pictures it handed out are left
+    // alone.
+    void wholePictureIsThePreviewPicture_data()
+    {
+        QTest::addColumn<int>("correction");
+        QTest::addColumn<int>("shooting");
+        QTest::addColumn<int>("turns");
+        QTest::addColumn<bool>("corners");
+        QTest::newRow("whole frame, colour") << Correction::None << Shooting::Colour << 0 << false;
+        QTest::newRow("single, grey, a quarter")
+                << Correction::Single << Shooting::Grey << 1 << false;
+        QTest::newRow("single, colour, half round")
+                << Correction::Single << Shooting::Colour << 2 << false;
+        QTest::newRow("several, black and white, three quarters")
+                << Correction::Several << Shooting::BlackAndWhite << 3 << false;
+        QTest::newRow("several with corners, white background")
+                << Correction::Several << Shooting::WhiteBackground << 0 << true;
+    }
+    void wholePictureIsThePreviewPicture()
+    {
+        QFETCH(int, correction);
+        QFETCH(int, shooting);
+        QFETCH(int, turns);
+        QFETCH(bool, corners);
+        const cv::Mat raw = documentFrame(true);
+        const cv::Mat before = raw.clone();
+        const FrameModes modes{ correction, shooting, turns, corners };
+        FrameWork frameWork;
+        PreviewWork work;
+        const QImage live = previewPicture(raw, modes, frameWork, work);
+        const QImage liveCopy = live.copy();
+        const QImage whole = wholePreviewPicture(raw, modes);
+        QVERIFY(!whole.isNull());
+        QCOMPARE(whole.size(), live.size());
+        QCOMPARE(whole.format(), live.format());
+        QVERIFY(whole == live);
+        QVERIFY(whole.constBits() != live.constBits());
+        QVERIFY(live == liveCopy);
+        COMPARE_MATS(raw, before);
+        QVERIFY(wholePreviewPicture(cv::Mat(), modes).isNull());
+    }
+
     // A grey or four-channel frame is shown as its three-channel self; a
     // frame of another depth or none at all gives no picture.
     void otherFramesMadeBgrOrRefused()

@@ -1,6 +1,7 @@
 // The capture thread's own recorder: the last displayed picture, written to
 // an MJPG AVI file while recording is on.
 #include "threads/imageprocessing.h"
+#include "threads/looprecorder.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -19,6 +20,20 @@ QImage halves(QSize size, QColor left, QColor right)
         for (int x = 0; x < size.width() / 2; ++x)
             image.setPixelColor(x, y, left);
     return image;
+}
+
+// The frames a file holds, read back with OpenCV; -1 when it cannot be
+// opened.
+int framesIn(const QString &path)
+{
+    cv::VideoCapture read(path.toStdString());
+    if (!read.isOpened())
+        return -1;
+    int frames = 0;
+    cv::Mat f;
+    while (read.read(f))
+        ++frames;
+    return frames;
 }
 
 } // namespace
@@ -82,13 +97,7 @@ private slots:
         ip.recordVideo();
         ip.SetRecordVideo(false, path);
 
-        cv::VideoCapture read(path.toStdString());
-        QVERIFY(read.isOpened());
-        int frames = 0;
-        cv::Mat f;
-        while (read.read(f))
-            ++frames;
-        QCOMPARE(frames, 1);
+        QCOMPARE(framesIn(path), 1);
     }
 
     void newRecordingReplacesTheOldWriter()
@@ -101,6 +110,37 @@ private slots:
         QVERIFY(ip.writer->isOpened());
         ip.SetRecordVideo(false, dir.filePath("second.avi"));
         QVERIFY(!ip.writer->isOpened());
+    }
+
+    // The recorder on its own: it makes the writer it records into, and
+    // when it ends, every picture is in the file and the writer, closed,
+    // stays its owner's.
+    void recorderMakesTheWriterAndClosesIt()
+    {
+        LoopRecorder recorder;
+        cv::VideoWriter *writer = nullptr;
+        QVERIFY(!recorder.recordingInto(writer));
+        recorder.finish(writer); // nothing to end
+        const QString path = dir.filePath("direct.avi");
+        recorder.start(writer, path, cv::Size(64, 48));
+        QVERIFY(writer && writer->isOpened());
+        QVERIFY(recorder.recordingInto(writer));
+        QVERIFY(!recorder.recordingInto(nullptr));
+
+        QMutex mutex;
+        const cv::Mat picture = recordedPicture(halves(QSize(64, 48), Qt::red, Qt::blue), mutex);
+        QCOMPARE(picture.type(), CV_8UC3);
+        QCOMPARE(picture.at<cv::Vec3b>(10, 10), cv::Vec3b(0, 0, 255));
+        QCOMPARE(picture.at<cv::Vec3b>(10, 50), cv::Vec3b(255, 0, 0));
+        recorder.record(picture);
+        recorder.record(picture);
+        recorder.finish(writer);
+        QVERIFY(writer && !writer->isOpened());
+        QVERIFY(!recorder.recordingInto(writer));
+        recorder.finish(writer); // twice is safe
+        delete writer;
+
+        QCOMPARE(framesIn(path), 2);
     }
 
     void loopRecordsWhileRecordingIsOn()
@@ -117,11 +157,7 @@ private slots:
         QTest::qWait(400);
         ip.end();
         ip.SetRecordVideo(false, path);
-        cv::VideoCapture read(path.toStdString());
-        int frames = 0;
-        cv::Mat f;
-        while (read.read(f))
-            ++frames;
+        const int frames = framesIn(path);
         QVERIFY2(frames >= 3, qPrintable(QString::number(frames)));
     }
 };

@@ -1,6 +1,7 @@
 #include "imageprocessing.h"
 
 #include "cache.h"
+#include "camerasettings.h"
 #include "modecodes.h"
 #include "monotonicclock.h"
 #include "output/photosave.h"
@@ -22,30 +23,9 @@
 
 namespace {
 
-// Pixel formats the settings can ask the camera for, by image_fourcc code.
-const char *const fourccCodes[] = {
-    "MJPG", "PIM1", "MP42", "DIV3", "DIVX", "U263", "I263", "FLV1"
-};
-
 // Largest frame the preview path accepts; larger requests are capped to it.
 constexpr int maxPreviewWidth = 3264;
 constexpr int maxPreviewHeight = 2448;
-
-// OpenCV's Video4Linux2 back end hands CAP_PROP_AUTO_EXPOSURE to the camera's
-// exposure menu as it stands: 1 is manual, 3 is automatic (aperture
-// priority). Other back ends take 1 for automatic and 0 for manual.
-struct ExposureModes
-{
-    double automatic;
-    double manual;
-};
-
-ExposureModes exposureModesFor(const cv::VideoCapture &cap)
-{
-    if (cap.getBackendName() == "V4L2")
-        return { 3, 1 };
-    return { 1, 0 };
-}
 
 } // namespace
 
@@ -276,9 +256,8 @@ unsigned ImageProcessing::readFromCamera()
 bool ImageProcessing::decodeForPreview()
 {
     const cv::Size opened(openedWidth, openedHeight);
-    const int reduction =
-            previewDecodeReduction(opened, cv::Size(previewAreaWidth, previewAreaHeight),
-                                   previewZoom, angle);
+    const int reduction = previewDecodeReduction(
+            opened, cv::Size(previewAreaWidth, previewAreaHeight), previewZoom, angle);
     if (reduction > 1 && decodeReducedFrame(readBytes, reduction, readBuffer)
         && readBuffer.size() == reducedFrameSize(opened, reduction)) {
         readReduction = reduction;
@@ -425,16 +404,11 @@ void ImageProcessing::waitForReturn()
 
 void ImageProcessing::SetRecordVideo(bool on, QString path)
 {
-    // The pictures of an earlier recording are written before its writer goes.
-    recorder.stop();
     if (on) {
-        // A writer left from an earlier recording is closed, not leaked.
-        delete writer;
-        writer = new cv::VideoWriter;
-        recorder.start(*writer, path, currentFrameSize());
+        recorder.start(writer, path, currentFrameSize());
         qDebug() << Q_FUNC_INFO << "fourcc" << cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
-    } else if (writer) {
-        writer->release();
+    } else {
+        recorder.finish(writer);
     }
     isCameraVideo = on;
     cameraVideoPath = path;
@@ -444,20 +418,20 @@ void ImageProcessing::SetRecordVideo(bool on, QString path)
 // as the current frame meanwhile.
 void ImageProcessing::recordVideo()
 {
-    if (!writer || !writer->isOpened() || !recorder.recording())
+    if (!recorder.recordingInto(writer))
         return;
-    mutex.lock();
-    const QImage shown = srcImage.copy();
-    mutex.unlock();
-    const cv::Mat picture = imageToMat(shown);
-    {
-        std::lock_guard<std::mutex> lock(frameMutex);
-        frame = picture;
-        frameBytes.release(); // the picture is no camera frame
-        wholePending = false;
-        frameReduction = 1;
-    }
+    const cv::Mat picture = recordedPicture(srcImage, mutex);
+    standAsFrame(picture);
     recorder.record(picture);
+}
+
+void ImageProcessing::standAsFrame(const cv::Mat &picture)
+{
+    std::lock_guard<std::mutex> lock(frameMutex);
+    frame = picture;
+    frameBytes.release(); // the picture is no camera frame
+    wholePending = false;
+    frameReduction = 1;
 }
 
 void ImageProcessing::setTakePhotoCammond(QImage first, QImage second, bool show1, bool show2)
@@ -592,11 +566,8 @@ void ImageProcessing::releaseNow()
 // Called with capMutex held.
 void ImageProcessing::videoParameterSettings()
 {
-    const int code = Cache::config->image_fourcc;
-    if (code >= 0 && code < int(sizeof(fourccCodes) / sizeof(fourccCodes[0]))) {
-        const char *c = fourccCodes[code];
-        cap.set(cv::CAP_PROP_FOURCC, cv::VideoWriter::fourcc(c[0], c[1], c[2], c[3]));
-    }
+    if (const std::optional<int> fourcc = requestedFourcc(Cache::config->image_fourcc))
+        cap.set(cv::CAP_PROP_FOURCC, *fourcc);
 
     qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
              << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
@@ -697,12 +668,12 @@ QImage ImageProcessing::previewImage(const cv::Mat &raw, int scaleDown)
     return previewPicture(raw, modes(), work, preview, scaleDown);
 }
 
+// A copy of the whole frame, taken (and decoded whole first when the loop
+// only decoded it reduced) under frameMutex, so that the loop may go on
+// meanwhile; the mode codes are read once.
 QImage ImageProcessing::wholePreviewImage()
 {
-    const cv::Mat whole = currentFrame();
-    FrameWork frameWork;
-    PreviewWork buffers;
-    return previewPicture(whole, modes(), frameWork, buffers);
+    return wholePreviewPicture(currentFrame(), modes());
 }
 
 QImage ImageProcessing::handleQImage(QImage image)

@@ -59,9 +59,9 @@
 //   work, preview (the picture     loop (or one      loop                one thread at a time
 //     buffers and images)          caller while the loop is not reading)
 //   fitted, fittedKey              loop              GUI                 fittedMutex
-//   writer                         GUI (recordBegin, a recording's     its recording's writer
-//                                  SetRecordVideo)   writer thread       is finished before it
-//                                                                        is released or replaced
+//   writer                         GUI (recordBegin; a recording's     its recording's writer
+//                                  SetRecordVideo,   writer thread;      is finished before it
+//                                  by recorder)      loop (recordVideo)  is released or replaced
 //   recorder                       GUI (SetRecordVideo) loop (recordVideo) set before isCameraVideo
 //                                                                        is raised
 class ImageProcessing : public QThread
@@ -235,6 +235,7 @@ private:
     unsigned readFromCamera();
     bool decodeForPreview();
     const cv::Mat &wholeFrameLocked();
+    void standAsFrame(const cv::Mat &picture); // a recorded picture as the current frame
     FrameModes modes() const; // the mode codes as they stand, read once
     void watchPageTurn(const cv::Mat &shown);
 

@@ -1,5 +1,6 @@
 #include "looprecorder.h"
 
+#include "imaging/frameconversion.h"
 #include "monotonicclock.h"
 
 namespace {
@@ -8,12 +9,22 @@ constexpr double loopRecordingRate = 25.0;
 
 } // namespace
 
-void LoopRecorder::start(cv::VideoWriter &writer, const QString &path, cv::Size pictureSize)
+void LoopRecorder::start(cv::VideoWriter *&writer, const QString &path, cv::Size pictureSize)
+{
+    // The pictures of an earlier recording are written before its writer goes.
+    stop();
+    delete writer;
+    writer = new cv::VideoWriter;
+    size = pictureSize;
+    openMjpgFile(*writer, path, loopRecordingRate, size);
+    writerThread = std::make_unique<RecordingWriter>(std::make_unique<OpenCvVideoFile>(writer));
+}
+
+void LoopRecorder::finish(cv::VideoWriter *writer)
 {
     stop();
-    size = pictureSize;
-    openMjpgFile(writer, path, loopRecordingRate, size);
-    writerThread = std::make_unique<RecordingWriter>(std::make_unique<OpenCvVideoFile>(&writer));
+    if (writer)
+        writer->release();
 }
 
 void LoopRecorder::stop()
@@ -21,9 +32,22 @@ void LoopRecorder::stop()
     writerThread.reset();
 }
 
+bool LoopRecorder::recordingInto(const cv::VideoWriter *writer) const
+{
+    return writer && writer->isOpened() && writerThread;
+}
+
 void LoopRecorder::record(const cv::Mat &picture)
 {
     if (!writerThread || picture.empty() || picture.size() != size || picture.type() != CV_8UC3)
         return;
     writerThread->offerWaiting(picture, monotonicNs());
+}
+
+cv::Mat recordedPicture(const QImage &shown, QMutex &mutex)
+{
+    mutex.lock();
+    const QImage copy = shown.copy();
+    mutex.unlock();
+    return imageToMat(copy);
 }

@@ -3,6 +3,8 @@
 
 #include "recordingwriter.h"
 
+#include <QImage>
+#include <QMutex>
 #include <QString>
 
 #include <opencv2/core.hpp>
@@ -18,13 +20,21 @@ class LoopRecorder
 public:
     ~LoopRecorder() { stop(); }
 
-    // Opens writer on path for pictures of size and starts the writer
-    // thread. The VideoWriter stays its owner's, and must outlive stop().
-    void start(cv::VideoWriter &writer, const QString &path, cv::Size size);
-    // Writes every picture queued, then lets the file go. Safe to call
-    // twice.
+    // Starts a recording of pictures of size into path: a new VideoWriter
+    // takes writer's place (one left from an earlier recording is closed
+    // and deleted, not leaked), is opened on path and the writer thread
+    // starts on it. The VideoWriter stays the owner's of writer, and must
+    // outlive stop().
+    void start(cv::VideoWriter *&writer, const QString &path, cv::Size size);
+    // Ends the recording: every picture queued is written, then writer (if
+    // there is one) lets its file go; its owner keeps it.
+    void finish(cv::VideoWriter *writer);
+    // Writes every picture queued, then lets the writer thread go. Safe to
+    // call twice.
     void stop();
-    bool recording() const { return writerThread != nullptr; }
+    // Whether a pass of the loop records: a recording runs, and writer is
+    // open.
+    bool recordingInto(const cv::VideoWriter *writer) const;
 
     // Records one picture, waiting for room rather than leaving it out. The
     // file's size is fixed when it opens: a picture of another size (turned
@@ -35,5 +45,9 @@ private:
     cv::Size size;
     std::unique_ptr<RecordingWriter> writerThread;
 };
+
+// The picture a pass records: the one the view showed last (shown, guarded
+// by mutex), copied under the lock and made a BGR matrix.
+cv::Mat recordedPicture(const QImage &shown, QMutex &mutex);
 
 #endif // LOOPRECORDER_H
