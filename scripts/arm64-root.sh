@@ -18,7 +18,7 @@ root="$top/.cache/arm64-root"
 packages=(
   crossbuild-essential-arm64 cmake make pkg-config zlib1g-dev:arm64
   qtbase5-dev-tools librsvg2-bin
-  qtbase5-dev:arm64 libopencv-dev:arm64
+  qtbase5-dev:arm64 libopencv-dev:arm64 libjpeg-dev:arm64
   qtmultimedia5-dev:arm64 libqt5multimedia5-plugins:arm64
   libavformat-dev:arm64 libavcodec-dev:arm64 libavutil-dev:arm64
   libtesseract-dev:arm64 libqpdf-dev:arm64 tesseract-ocr-chi-sim tesseract-ocr-eng qpdf
