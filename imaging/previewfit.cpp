@@ -36,6 +36,13 @@ QImage PreviewFitter::fit(const QImage &picture, QSize size)
     return picture.scaled(size, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
 }
 
+QImage PreviewFitter::fitUnlessLarge(const QImage &picture, QSize area)
+{
+    const QSize size = fittedSize(picture.size(), area);
+    const bool large = 4 * size.width() <= picture.width() && 4 * size.height() <= picture.height();
+    return size.isEmpty() || large ? QImage() : fit(picture, size);
+}
+
 QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channels)
 {
     const cv::Mat from = matView(picture);

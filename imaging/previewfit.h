@@ -17,6 +17,12 @@ class PreviewFitter
 {
 public:
     QImage fit(const QImage &picture, QSize size);
+    // The picture fitted into area by a thread that has the next frame to
+    // read, or a null image for a picture four times the shown size and
+    // more: the GUI thread averages those down itself (on OpenCV's worker
+    // threads, at about the cost of copying them) so that this thread goes
+    // on with the next frame.
+    QImage fitUnlessLarge(const QImage &picture, QSize area);
 
 private:
     QImage averagedDown(const QImage &picture, QSize size, int channels);

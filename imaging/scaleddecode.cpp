@@ -48,6 +48,16 @@ int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int q
     return 1;
 }
 
+int decodeForView(const cv::Mat &bytes, cv::Size openedSize, cv::Size area, double zoom,
+                  int quarterTurns, cv::Mat &picture)
+{
+    const int reduction = previewDecodeReduction(openedSize, area, zoom, quarterTurns);
+    if (reduction > 1 && decodeReducedFrame(bytes, reduction, picture)
+        && picture.size() == reducedFrameSize(openedSize, reduction))
+        return reduction;
+    return decodeWholeFrame(bytes, picture) ? 1 : 0;
+}
+
 cv::Point2f inWholeFrame(cv::Point2f reduced, int denominator)
 {
     const float d = float(denominator);

@@ -24,6 +24,14 @@ cv::Size reducedFrameSize(cv::Size frameSize, int denominator);
 // known yet: 1, the whole frame.
 int previewDecodeReduction(cv::Size frameSize, cv::Size area, double zoom, int quarterTurns);
 
+// Decodes a camera's JPEG frame into picture at the reduction chosen above
+// for a camera opened at openedSize; whole when that is 1, or when the
+// frame turns out not to be of the opened size (the camera sent another).
+// Answers the reduction used, 0 when there is no picture (the failure
+// rules of decodeWholeFrame).
+int decodeForView(const cv::Mat &bytes, cv::Size openedSize, cv::Size area, double zoom,
+                  int quarterTurns, cv::Mat &picture);
+
 // Where the centre of a pixel of a picture reduced by denominator lies in
 // the whole frame's pixel coordinates: each reduced pixel stands for a
 // denominator x denominator block of the frame.

@@ -116,10 +116,11 @@ cv::Mat numbered(int n)
     return picture;
 }
 
-cv::Mat jpegOf(const cv::Mat &picture)
+cv::Mat jpegOf(const cv::Mat &picture,
+               const std::vector<int> &params = { cv::IMWRITE_JPEG_QUALITY, 90 })
 {
     std::vector<uchar> bytes;
-    cv::imencode(".jpg", picture, bytes, { cv::IMWRITE_JPEG_QUALITY, 90 });
+    cv::imencode(".jpg", picture, bytes, params);
     return cv::Mat(bytes, true).reshape(1, 1);
 }
 
@@ -252,27 +253,23 @@ private slots:
         cv::circle(colour, { 500, 350 }, 200, cv::Scalar(20, 200, 240), 9);
         cv::Mat grey;
         cv::cvtColor(colour, grey, cv::COLOR_BGR2GRAY);
-        const auto encoded = [](const cv::Mat &picture, std::vector<int> params) {
-            std::vector<uchar> jpeg;
-            cv::imencode(".jpg", picture, jpeg, params);
-            return jpeg;
-        };
-        std::vector<uchar> oriented = encoded(colour, { cv::IMWRITE_JPEG_QUALITY, 90 });
+        const cv::Mat plain = jpegOf(colour);
+        std::vector<uchar> oriented(plain.begin<uchar>(), plain.end<uchar>());
         // APP1 "Exif", little-endian TIFF, one entry: orientation 6.
         const uchar exif[] = { 0xFF, 0xE1, 0x00, 0x22, 'E', 'x', 'i', 'f', 0,    0,    'I', 'I',
                                0x2A, 0,    8,    0,    0,   0,   1,   0,   0x12, 0x01, 3,   0,
                                1,    0,    0,    0,    6,   0,   0,   0,   0,    0,    0,   0 };
         oriented.insert(oriented.begin() + 2, std::begin(exif), std::end(exif));
-        const std::vector<std::vector<uchar>> jpegs = {
-            encoded(colour, { cv::IMWRITE_JPEG_QUALITY, 90 }),
-            encoded(colour, { cv::IMWRITE_JPEG_QUALITY, 60, cv::IMWRITE_JPEG_OPTIMIZE, 1 }),
-            encoded(grey, { cv::IMWRITE_JPEG_QUALITY, 90 }),
-            oriented,
+        const std::vector<cv::Mat> jpegs = {
+            plain,
+            jpegOf(colour, { cv::IMWRITE_JPEG_QUALITY, 60, cv::IMWRITE_JPEG_OPTIMIZE, 1 }),
+            jpegOf(grey),
+            cv::Mat(oriented, true).reshape(1, 1),
         };
         const int flags[] = { cv::IMREAD_COLOR, cv::IMREAD_REDUCED_COLOR_2,
                               cv::IMREAD_REDUCED_COLOR_4, cv::IMREAD_REDUCED_COLOR_8 };
         for (size_t j = 0; j < jpegs.size(); ++j) {
-            const cv::Mat bytes = cv::Mat(jpegs[j]).reshape(1, 1);
+            const cv::Mat &bytes = jpegs[j];
             for (int i = 0; i < 4; ++i) {
                 const int d = 1 << i;
                 const cv::Mat expected = cv::imdecode(bytes, flags[i]);
@@ -286,7 +283,7 @@ private slots:
         }
         QCOMPARE(cv::imdecode(jpegs[3], cv::IMREAD_COLOR).size(), cv::Size(703, 1001));
         cv::Mat untouched(2, 2, CV_8UC3, cv::Scalar(7, 7, 7));
-        QVERIFY(!decodeReducedFrame(cv::Mat(jpegs[0]).reshape(1, 1), 3, untouched));
+        QVERIFY(!decodeReducedFrame(plain, 3, untouched));
         QCOMPARE(untouched.size(), cv::Size(2, 2));
     }
 

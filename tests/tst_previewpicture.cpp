@@ -4,6 +4,7 @@
 // once the view has let go of them.
 #include "framecases.h"
 #include "imaging/frameconversion.h"
+#include "imaging/previewfit.h"
 #include "imaging/previewpicture.h"
 #include "modecodes.h"
 
@@ -176,6 +177,21 @@ private slots:
             for (int j = 0; j < i; ++j)
                 QVERIFY(held[i].constBits() != held[j].constBits());
         }
+    }
+
+    // The capture thread fits what it shows, except pictures four times the
+    // shown size and more, which it leaves to the view.
+    void fitUnlessLargeLeavesLargePicturesToTheView()
+    {
+        PreviewFitter fitter;
+        QImage hd(1280, 720, QImage::Format_RGB888);
+        QImage eightMp(3264, 2448, QImage::Format_RGB888);
+        hd.fill(Qt::gray);
+        eightMp.fill(Qt::gray);
+        QCOMPARE(fitter.fitUnlessLarge(hd, QSize(760, 560)).size(), QSize(759, 427));
+        QVERIFY(fitter.fitUnlessLarge(eightMp, QSize(760, 560)).isNull());
+        QCOMPARE(fitter.fitUnlessLarge(eightMp, QSize(3000, 2000)).size(), QSize(2666, 2000));
+        QVERIFY(fitter.fitUnlessLarge(hd, QSize()).isNull());
     }
 };
 

@@ -392,6 +392,31 @@ private slots:
         }
     }
 
+    // The decode for a view: at the reduction chosen for the opened size,
+    // whole when that is 1 or the bytes are of another size, nothing for
+    // bytes that are no picture.
+    void decodeForTheView()
+    {
+        const cv::Mat &bytes = cameraBytes(kOneSheet);
+        cv::Mat whole, picture;
+        QVERIFY(decodeWholeFrame(bytes, whole));
+        const cv::Size area(760, 560);
+        const int chosen = previewDecodeReduction(kFrame, area, 1.0, 0);
+        QCOMPARE(chosen, 4);
+        QCOMPARE(decodeForView(bytes, kFrame, area, 1.0, 0, picture), chosen);
+        cv::Mat reduced;
+        QVERIFY(decodeReducedFrame(bytes, chosen, reduced));
+        QCOMPARE(cv::norm(picture, reduced, cv::NORM_INF), 0.0);
+        QCOMPARE(decodeForView(bytes, kFrame, area, 5.0, 0, picture), 1);
+        QCOMPARE(cv::norm(picture, whole, cv::NORM_INF), 0.0);
+        // The camera sent another size than it was opened at.
+        QCOMPARE(decodeForView(bytes, cv::Size(1920, 1080), area, 1.0, 0, picture), 1);
+        QCOMPARE(picture.size(), kFrame);
+        cv::Mat none;
+        QCOMPARE(decodeForView(bytes.colRange(0, 20).clone(), kFrame, area, 1.0, 0, none), 0);
+        QVERIFY(none.empty());
+    }
+
     // The rules given in the frame's pixels, on a reduced picture; at 1
     // exactly the frame's.
     void scaledRules()

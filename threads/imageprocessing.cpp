@@ -18,6 +18,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -118,8 +119,7 @@ void ImageProcessing::run()
     while (isWork) {
         if (isCameraVideo)
             recordVideo();
-        if (isTakePhoto.exchange(false))
-            takePhoto();
+        takePhotoIfAsked();
         handleRequests();
         if (isSetVideoPParameter) {
             reopening = true;
@@ -180,10 +180,8 @@ bool ImageProcessing::readFrame()
     if (nextRead.valid()) {
         // A photo asked for while the next frame is on its way is taken of
         // the frame on screen at once, not of the next one when it comes.
-        while (nextRead.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) {
-            if (isTakePhoto.exchange(false))
-                takePhoto();
-        }
+        while (nextRead.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready)
+            takePhotoIfAsked();
         const unsigned generation = nextRead.get();
         // The read ahead already waited for a frame in vain: another wait
         // right away would only hold up the requests.
@@ -248,27 +246,17 @@ unsigned ImageProcessing::readFromCamera()
     return generation;
 }
 
-// Decodes readBytes into readBuffer as large as the view draws it, whole
-// when that is the frame itself or the view's size is not known. The
-// reduction goes by the size the camera was opened at; a picture of any
-// other size (the camera sent another) is decoded whole. False when there
-// is no picture.
+// Decodes readBytes into readBuffer as large as the view draws it (whole
+// when the view's size is not known yet). False when there is no picture.
 bool ImageProcessing::decodeForPreview()
 {
     const cv::Size opened(openedWidth, openedHeight);
-    const int reduction = previewDecodeReduction(
-            opened, cv::Size(previewAreaWidth, previewAreaHeight), previewZoom, angle);
-    if (reduction > 1 && decodeReducedFrame(readBytes, reduction, readBuffer)
-        && readBuffer.size() == reducedFrameSize(opened, reduction)) {
-        readReduction = reduction;
-        readSize = opened;
-        return true;
-    }
-    readReduction = 1;
-    if (!decodeWholeFrame(readBytes, readBuffer))
-        return false;
-    readSize = readBuffer.size();
-    return true;
+    const int reduction =
+            decodeForView(readBytes, opened, cv::Size(previewAreaWidth, previewAreaHeight),
+                          previewZoom, angle, readBuffer);
+    readReduction = std::max(1, reduction);
+    readSize = reduction > 1 ? opened : readBuffer.size();
+    return reduction > 0;
 }
 
 // frame, decoded from the current frame's bytes first when the loop only
@@ -455,6 +443,12 @@ void ImageProcessing::setTakePhotoChildCamera(bool on)
 void ImageProcessing::setSaveImageToTiff(bool on)
 {
     isSaveTiff = on;
+}
+
+void ImageProcessing::takePhotoIfAsked()
+{
+    if (isTakePhoto.exchange(false))
+        takePhoto();
 }
 
 void ImageProcessing::takePhoto()
@@ -724,15 +718,8 @@ void ImageProcessing::setPreviewZoom(qreal zoom)
 
 void ImageProcessing::fitForPreview(const QImage &picture)
 {
-    const QSize area(previewAreaWidth, previewAreaHeight);
-    const QSize size = fittedSize(picture.size(), area);
-    // Pictures four times the shown size and more come from cameras whose
-    // frames already keep this thread and the reading ahead busy; the GUI
-    // thread averages those down itself on OpenCV's worker threads, at about
-    // the cost of copying them, while this thread goes on with the next
-    // frame.
-    const bool large = 4 * size.width() <= picture.width() && 4 * size.height() <= picture.height();
-    QImage shown = size.isEmpty() || large ? QImage() : previewFitter.fit(picture, size);
+    const QImage shown =
+            previewFitter.fitUnlessLarge(picture, QSize(previewAreaWidth, previewAreaHeight));
     std::lock_guard<std::mutex> lock(fittedMutex);
     fitted = shown;
     fittedKey = picture.cacheKey();

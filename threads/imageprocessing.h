@@ -118,7 +118,8 @@ public:
     void setFrameWidthAndHeight(int width, int height);
 
     // Photo taking: the GUI thread hands over the secondary pictures and
-    // raises the request; the loop takes the photo on its next pass.
+    // raises the request; the loop takes the photo of the frame on screen as
+    // soon as it sees it (on its next pass, or while it waits for a frame).
     void setTakePhotoCammond(QImage child1, QImage child2, bool isShow1, bool isShow2);
     void setTakePhotoChildCamera(bool on);
     void setSaveImageToTiff(bool on);
@@ -234,6 +235,7 @@ private:
     unsigned readAhead();
     unsigned readFromCamera();
     bool decodeForPreview();
+    void takePhotoIfAsked();
     const cv::Mat &wholeFrameLocked();
     void standAsFrame(const cv::Mat &picture); // a recorded picture as the current frame
     FrameModes modes() const; // the mode codes as they stand, read once
