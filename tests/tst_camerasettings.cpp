@@ -118,6 +118,47 @@ private slots:
         QCOMPARE(ip.cameraCurrentExposure.load(), -3);
         QVERIFY(!ip.cap.isOpened());
     }
+
+    // Sizes above the largest the program asks for are capped to it.
+    void capturesAreCappedAtTheLargestSize()
+    {
+        QCOMPARE(cappedCaptureSize(cv::Size(4000, 3000)), cv::Size(3264, 2448));
+        QCOMPARE(cappedCaptureSize(cv::Size(3264, 2448)), cv::Size(3264, 2448));
+        QCOMPARE(cappedCaptureSize(cv::Size(1920, 1080)), cv::Size(1920, 1080));
+        QCOMPARE(cappedCaptureSize(cv::Size()), cv::Size());
+    }
+
+    // The settings' format and size, as the camera took them: MJPG is then
+    // read as the camera's own bytes; a code that asks for nothing leaves
+    // the camera's first format (here YUYV), read as pictures.
+    void configureTakesFormatAndSize()
+    {
+        qputenv("VCAM_0_FORMATS", "YUYV,MJPG");
+        qputenv("VCAM_0_SIZES", "1280x720,640x480");
+        {
+            cv::VideoCapture cap(0, cv::CAP_V4L2);
+            QVERIFY(cap.isOpened());
+            const OpenedCapture opened = configureCapture(cap, 0, cv::Size(640, 480));
+            QCOMPARE(opened.size, cv::Size(640, 480));
+            QVERIFY(opened.compressed);
+            QVERIFY(opened.fps > 0);
+            cv::Mat bytes;
+            QVERIFY(cap.read(bytes));
+            QCOMPARE(bytes.rows, 1);
+            QCOMPARE(int(bytes.at<uchar>(0, 0)), 0xFF);
+            QCOMPARE(int(bytes.at<uchar>(0, 1)), 0xD8);
+        }
+        cv::VideoCapture cap(0, cv::CAP_V4L2);
+        QVERIFY(cap.isOpened());
+        const OpenedCapture opened = configureCapture(cap, -1, cv::Size(1280, 720));
+        QCOMPARE(opened.size, cv::Size(1280, 720));
+        QVERIFY(!opened.compressed);
+        cv::Mat picture;
+        QVERIFY(cap.read(picture));
+        QCOMPARE(picture.size(), cv::Size(1280, 720));
+        QCOMPARE(picture.type(), CV_8UC3);
+        qunsetenv("VCAM_0_FORMATS");
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_CameraSettings)

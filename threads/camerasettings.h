@@ -29,4 +29,28 @@ struct ExposureModes
 // does a capture that is not open (nothing is set on it).
 ExposureModes exposureModesFor(const cv::VideoCapture &cap);
 
+// Sets an exposure on an open camera: automaticExposure switches automatic
+// exposure and autofocus on; any other value is a manual exposure.
+void applyExposureTo(cv::VideoCapture &cap, int value);
+
+// The largest frame size the program asks a camera for; a larger request
+// is capped to it.
+cv::Size cappedCaptureSize(cv::Size asked);
+
+// What an opened camera took of the settings.
+struct OpenedCapture
+{
+    double fps = 0;
+    cv::Size size;
+    // A camera sending MJPG hands over its own JPEG bytes (conversion off):
+    // the capture thread decodes them, and a recording can keep them.
+    bool compressed = false;
+};
+
+// Asks an opened camera for the settings' pixel format (by its code, see
+// requestedFourcc), the highest rate it gives and the frame size (a camera
+// that lists no sizes, an empty size, keeps its own); answers what it
+// took.
+OpenedCapture configureCapture(cv::VideoCapture &cap, int fourccCode, cv::Size size);
+
 #endif // CAMERASETTINGS_H

@@ -22,14 +22,6 @@
 #include <chrono>
 #include <utility>
 
-namespace {
-
-// Largest frame the preview path accepts; larger requests are capped to it.
-constexpr int maxPreviewWidth = 3264;
-constexpr int maxPreviewHeight = 2448;
-
-} // namespace
-
 ImageProcessing::ImageProcessing(QObject *parent)
     : QThread(parent),
       writer(nullptr),
@@ -529,10 +521,9 @@ void ImageProcessing::openNow()
 
 void ImageProcessing::capFrameSize()
 {
-    if (frameWidth > maxPreviewWidth) {
-        frameWidth = maxPreviewWidth;
-        frameHeight = maxPreviewHeight;
-    }
+    const cv::Size capped = cappedCaptureSize(cv::Size(frameWidth, frameHeight));
+    frameWidth = capped.width;
+    frameHeight = capped.height;
 }
 
 void ImageProcessing::closeCamara(bool)
@@ -560,27 +551,12 @@ void ImageProcessing::releaseNow()
 // Called with capMutex held.
 void ImageProcessing::videoParameterSettings()
 {
-    if (const std::optional<int> fourcc = requestedFourcc(Cache::config->image_fourcc))
-        cap.set(cv::CAP_PROP_FOURCC, *fourcc);
-
-    qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
-             << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
-    qDebug() << Q_FUNC_INFO << "set fps" << cap.set(cv::CAP_PROP_FPS, 100);
-    // A camera that lists no sizes keeps its own.
-    if (frameWidth > 0 && frameHeight > 0) {
-        qDebug() << Q_FUNC_INFO << "set width" << cap.set(cv::CAP_PROP_FRAME_WIDTH, frameWidth);
-        qDebug() << Q_FUNC_INFO << "set height" << cap.set(cv::CAP_PROP_FRAME_HEIGHT, frameHeight);
-    }
-    qDebug() << Q_FUNC_INFO << "fps" << cap.get(cv::CAP_PROP_FPS) << "width"
-             << cap.get(cv::CAP_PROP_FRAME_WIDTH) << "height" << cap.get(cv::CAP_PROP_FRAME_HEIGHT);
-    cameraFps = cap.get(cv::CAP_PROP_FPS);
-    openedWidth = int(cap.get(cv::CAP_PROP_FRAME_WIDTH));
-    openedHeight = int(cap.get(cv::CAP_PROP_FRAME_HEIGHT));
-    // A camera sending MJPG hands over its own bytes: the loop decodes
-    // them, and a recording can keep them as they are.
-    const bool mjpg =
-            int(cap.get(cv::CAP_PROP_FOURCC)) == cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
-    compressedFrames = mjpg && cap.set(cv::CAP_PROP_CONVERT_RGB, 0);
+    const OpenedCapture opened = configureCapture(cap, Cache::config->image_fourcc,
+                                                  cv::Size(frameWidth, frameHeight));
+    cameraFps = opened.fps;
+    openedWidth = opened.size.width;
+    openedHeight = opened.size.height;
+    compressedFrames = opened.compressed;
 }
 
 void ImageProcessing::setCameraExposure(int value)
@@ -596,15 +572,7 @@ void ImageProcessing::setCameraExposure(int value)
 void ImageProcessing::applyExposure(int value)
 {
     std::lock_guard<std::mutex> lock(capMutex);
-    const ExposureModes modes = exposureModesFor(cap);
-    if (value == ::automaticExposure) {
-        cap.set(cv::CAP_PROP_AUTO_EXPOSURE, modes.automatic);
-        cap.set(cv::CAP_PROP_AUTOFOCUS, 1);
-        cap.set(cv::CAP_PROP_SETTINGS, 0);
-    } else {
-        cap.set(cv::CAP_PROP_AUTO_EXPOSURE, modes.manual);
-        cap.set(cv::CAP_PROP_EXPOSURE, value);
-    }
+    applyExposureTo(cap, value);
 }
 
 void ImageProcessing::setCameraResolution(QSize size)
