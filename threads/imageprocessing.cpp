@@ -113,14 +113,8 @@ void ImageProcessing::run()
             recordVideo();
         takePhotoIfAsked();
         handleRequests();
-        if (isSetVideoPParameter) {
-            reopening = true;
-            isSetVideoPParameter = false;
-            closeCamara(false);
-            openCamara();
-            settleReconnection(true);
-            reopening = false;
-        }
+        if (isSetVideoPParameter)
+            reopenWithNewSettings();
         if (reconnection.away()) {
             waitForReturn();
             continue;
@@ -130,35 +124,52 @@ void ImageProcessing::run()
             continue;
         }
         try {
-            if (!readFrame()) {
-                // A camera that has gone is waited for; one that delivers
-                // nothing for now (stalled, or failed to open) is retried at
-                // a calm pace rather than in a busy loop.
-                if (cameraGone()) {
-                    lostCameraApi =
-                            cap.getBackendName() == "V4L2" ? int(cv::CAP_V4L2) : int(cv::CAP_ANY);
-                    releaseNow();
-                    reconnection.lost();
-                    qDebug() << Q_FUNC_INFO << "camera" << driveId << "has gone; waiting for it";
-                    emit cameraAwaySignal();
-                }
-                msleep(10);
-                continue;
-            }
-            // A frame decoded reduced is shown from that picture; the page
-            // turn watcher compares small grey copies, which it makes from
-            // either alike.
-            const cv::Mat &shown = frameReduction > 1 ? shownFrame : frame;
-            watchPageTurn(shown);
-            const QImage preview = previewImage(shown, frameReduction);
-            fitForPreview(preview);
-            emit sendFarmeSignal(preview);
+            if (readFrame())
+                showFrame();
+            else
+                waitAfterNoFrame();
         } catch (const QString &error) {
             qDebug() << error;
         }
     }
     // Everything the loop did comes before whatever follows a finished wait().
     RACECHECK_HAPPENS_BEFORE(this);
+}
+
+void ImageProcessing::reopenWithNewSettings()
+{
+    reopening = true;
+    isSetVideoPParameter = false;
+    closeCamara(false);
+    openCamara();
+    settleReconnection(true);
+    reopening = false;
+}
+
+// A frame decoded reduced is shown from that picture; the page turn watcher
+// compares small grey copies, which it makes from either alike.
+void ImageProcessing::showFrame()
+{
+    const cv::Mat &shown = frameReduction > 1 ? shownFrame : frame;
+    watchPageTurn(shown);
+    const QImage preview = previewImage(shown, frameReduction);
+    fitForPreview(preview);
+    emit sendFarmeSignal(preview);
+}
+
+// A camera that has gone is waited for; one that delivers nothing for now
+// (stalled, or failed to open) is retried at a calm pace rather than in a
+// busy loop.
+void ImageProcessing::waitAfterNoFrame()
+{
+    if (cameraGone()) {
+        lostCameraApi = cap.getBackendName() == "V4L2" ? int(cv::CAP_V4L2) : int(cv::CAP_ANY);
+        releaseNow();
+        reconnection.lost();
+        qDebug() << Q_FUNC_INFO << "camera" << driveId << "has gone; waiting for it";
+        emit cameraAwaySignal();
+    }
+    msleep(10);
 }
 
 // Reads the next frame into a buffer of the loop's own and only then makes
@@ -551,8 +562,8 @@ void ImageProcessing::releaseNow()
 // Called with capMutex held.
 void ImageProcessing::videoParameterSettings()
 {
-    const OpenedCapture opened = configureCapture(cap, Cache::config->image_fourcc,
-                                                  cv::Size(frameWidth, frameHeight));
+    const OpenedCapture opened =
+            configureCapture(cap, Cache::config->image_fourcc, cv::Size(frameWidth, frameHeight));
     cameraFps = opened.fps;
     openedWidth = opened.size.width;
     openedHeight = opened.size.height;

@@ -235,6 +235,9 @@ private:
     unsigned readAhead();
     unsigned readFromCamera();
     bool decodeForPreview();
+    void reopenWithNewSettings();
+    void showFrame();
+    void waitAfterNoFrame();
     void takePhotoIfAsked();
     const cv::Mat &wholeFrameLocked();
     void standAsFrame(const cv::Mat &picture); // a recorded picture as the current frame
