@@ -180,12 +180,12 @@ void ImageProcessing::waitAfterNoFrame()
 bool ImageProcessing::readFrame()
 {
     bool fresh = false;
-    if (nextRead.valid()) {
+    if (nextRead.started()) {
         // A photo asked for while the next frame is on its way is taken of
         // the frame on screen at once, not of the next one when it comes.
-        while (nextRead.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready)
+        while (!nextRead.waitFor(std::chrono::milliseconds(5)))
             takePhotoIfAsked();
-        const unsigned generation = nextRead.get();
+        const unsigned generation = nextRead.take();
         // The read ahead already waited for a frame in vain: another wait
         // right away would only hold up the requests.
         if (generation == 0)
@@ -208,7 +208,7 @@ bool ImageProcessing::readFrame()
     }
     frameGeneration = capGeneration.load();
     ++framesTaken;
-    nextRead = std::async(std::launch::async, [this] { return readAhead(); });
+    nextRead.start();
     return true;
 }
 

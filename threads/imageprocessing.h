@@ -15,13 +15,13 @@
 #include "imaging/previewfit.h"
 #include "imaging/previewpicture.h"
 #include "looprecorder.h"
+#include "readahead.h"
 #include "reconnection.h"
 
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
 
 #include <atomic>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -49,8 +49,8 @@
 //     wholePending, wholeSize                        the lock
 //   cap                            loop, GUI while   loop, ahead         capMutex
 //                                  the loop is not running
-//   readBuffer, readStamp,         ahead, or loop    loop                the future nextRead
-//     readBytes, readRaw,          when none is under way
+//   readBuffer, readStamp,         ahead, or loop    loop                the read ahead,
+//     readBytes, readRaw,          when none is under way                nextRead
 //     readReduction, readSize
 //   previewZoom, the preview area, GUI               ahead, loop         atomic
 //     openedWidth/Height           (opened: whoever opens the camera)
@@ -309,7 +309,7 @@ private:
     // it is taken, and answers the camera's generation it read from (0 when
     // it got nothing). Declared last, so it is waited for before the rest
     // goes.
-    std::future<unsigned> nextRead;
+    ReadAhead nextRead{ [this] { return readAhead(); } };
 };
 
 #endif // IMAGEPROCESSING_H

@@ -1,0 +1,106 @@
+// The capture loop's read of the next frame, run on one worker thread for
+// the loop's whole life: each read's answer comes back, a wait may end
+// before the read does, what a read throws reaches the loop, and nothing
+// goes while a read is under way.
+#include "threads/readahead.h"
+
+#include <QtTest>
+
+#include <atomic>
+#include <chrono>
+#include <set>
+#include <stdexcept>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+class tst_ReadAhead : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void everyReadOnTheSameWorker()
+    {
+        std::set<std::thread::id> readers;
+        unsigned reads = 0;
+        {
+            ReadAhead ahead([&] {
+                readers.insert(std::this_thread::get_id());
+                return ++reads;
+            });
+            QVERIFY(!ahead.started());
+            for (unsigned frame = 1; frame <= 50; ++frame) {
+                ahead.start();
+                QVERIFY(ahead.started());
+                QCOMPARE(ahead.take(), frame);
+                QVERIFY(!ahead.started());
+            }
+        }
+        QCOMPARE(reads, 50u);
+        QCOMPARE(readers.size(), size_t(1));
+        QVERIFY(readers.count(std::this_thread::get_id()) == 0);
+    }
+
+    void waitEndsBeforeASlowRead()
+    {
+        std::atomic<bool> release{ false };
+        ReadAhead ahead([&] {
+            while (!release)
+                std::this_thread::sleep_for(1ms);
+            return 7u;
+        });
+        ahead.start();
+        QVERIFY(!ahead.waitFor(20ms));
+        QVERIFY(!ahead.waitFor(5ms));
+        release = true;
+        QVERIFY(ahead.waitFor(5000ms));
+        QVERIFY(ahead.started()); // finished, but not taken yet
+        QCOMPARE(ahead.take(), 7u);
+    }
+
+    void whatAReadThrowsReachesTheLoop()
+    {
+        bool fail = true;
+        ReadAhead ahead([&]() -> unsigned {
+            if (fail)
+                throw std::runtime_error("camera gone");
+            return 3;
+        });
+        ahead.start();
+        QVERIFY_EXCEPTION_THROWN(ahead.take(), std::runtime_error);
+        QVERIFY(!ahead.started());
+        // The worker goes on with the next read.
+        fail = false;
+        ahead.start();
+        QCOMPARE(ahead.take(), 3u);
+    }
+
+    void readUnderWayFinishesBeforeItGoes()
+    {
+        std::atomic<bool> finished{ false };
+        {
+            ReadAhead ahead([&] {
+                std::this_thread::sleep_for(100ms);
+                finished = true;
+                return 1u;
+            });
+            ahead.start();
+        }
+        QVERIFY(finished);
+    }
+
+    void nothingReadWhenNothingAsked()
+    {
+        std::atomic<int> reads{ 0 };
+        {
+            ReadAhead ahead([&] {
+                ++reads;
+                return 0u;
+            });
+        }
+        QCOMPARE(reads.load(), 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_ReadAhead)
+#include "tst_readahead.moc"
