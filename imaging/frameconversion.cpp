@@ -58,12 +58,19 @@ cv::Mat matView(const QImage &image)
                    const_cast<uchar *>(image.constBits()), size_t(image.bytesPerLine()));
 }
 
-void copyMatIntoImage(const cv::Mat &mat, QImage &image)
+void copyMatIntoImage(const cv::Mat &mat, QImage &image, ConversionThreads threads)
 {
     cv::Mat view = matView(image);
     if (mat.type() == CV_8UC1) {
         image.setColorTable(greyColourTable());
         mat.copyTo(view);
+        return;
+    }
+    if (threads == ConversionThreads::CallerOnly) {
+        // Copied as it is, then red and blue swapped by Qt in place (the
+        // image is its only holder once matView() has detached it).
+        mat.copyTo(view);
+        image = std::move(image).rgbSwapped();
         return;
     }
     // Straight from BGR into RGB: the same pixels as wrapping the matrix and

@@ -26,9 +26,16 @@ QImage matToImage(const cv::Mat &mat);
 // and an empty matrix for other formats.
 cv::Mat imageToMat(const QImage &image);
 
+// Where a conversion runs: shared out over OpenCV's worker threads (sooner
+// for a large picture), or on the calling thread alone (less work in all for
+// a picture converted many times a second, such as the preview's, for which
+// waking the workers costs more than the conversion).
+enum class ConversionThreads { Shared, CallerOnly };
+
 // matToImage's pixels for a grey or BGR matrix, written into image, which
 // already has the matrix's size in Format_Indexed8 or Format_RGB888.
-void copyMatIntoImage(const cv::Mat &mat, QImage &image);
+void copyMatIntoImage(const cv::Mat &mat, QImage &image,
+                      ConversionThreads threads = ConversionThreads::Shared);
 
 // The pixels of a grey or BGR matrix turned clockwise by quarterTurns (1, 2
 // or 3) into turned, which already has the turned size in Format_Indexed8

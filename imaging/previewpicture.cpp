@@ -18,7 +18,7 @@ QImage::Format imageFormatOf(const cv::Mat &mat)
 QImage &pooledImage(const cv::Mat &mat, PreviewImagePool &pool)
 {
     QImage &image = pool.take(mat.cols, mat.rows, imageFormatOf(mat));
-    copyMatIntoImage(mat, image);
+    copyMatIntoImage(mat, image, ConversionThreads::CallerOnly);
     return image;
 }
 

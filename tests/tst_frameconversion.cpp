@@ -3,6 +3,7 @@
 // turns.
 #include "enginecases.h"
 #include "framecases.h"
+#include "imaging/frameconversion.h"
 
 using namespace framecases;
 
@@ -83,6 +84,25 @@ private slots:
                 const cv::Vec3b bgr = roi.at<cv::Vec3b>(y, x);
                 QCOMPARE(img.pixel(x, y), qRgb(bgr[2], bgr[1], bgr[0]));
             }
+    }
+
+    // Converted on the calling thread alone, a colour matrix (whole, and a
+    // window of one) gives the same pixels into the image's own buffer.
+    void callerOnlyConversionGivesTheSamePixelsInPlace()
+    {
+        const cv::Mat whole = numberedMat(61, 97, CV_8UC3);
+        for (const cv::Mat &mat : { whole, whole(cv::Rect(3, 2, 90, 55)) }) {
+            QImage shared(mat.cols, mat.rows, QImage::Format_RGB888);
+            QImage alone(mat.cols, mat.rows, QImage::Format_RGB888);
+            copyMatIntoImage(mat, shared, ConversionThreads::Shared);
+            const uchar *buffer = alone.constBits();
+            copyMatIntoImage(mat, alone, ConversionThreads::CallerOnly);
+            QCOMPARE(alone.format(), QImage::Format_RGB888);
+            QVERIFY(alone == shared);
+            QVERIFY(alone.constBits() == buffer);
+            const cv::Vec3b bgr = mat.at<cv::Vec3b>(7, 11);
+            QCOMPARE(alone.pixel(11, 7), qRgb(bgr[2], bgr[1], bgr[0]));
+        }
     }
 
     void fourChannelMatBecomesArgb32Copy()
