@@ -28,7 +28,6 @@ private:
     QImage averagedDown(const QImage &picture, QSize size, int channels);
 
     cv::Mat halves[2]; // successive halvings of the picture
-    cv::Mat lastStep; // the interpolated last step of a colour picture
 };
 
 #endif // IMAGING_PREVIEWFIT_H

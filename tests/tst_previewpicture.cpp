@@ -8,6 +8,8 @@
 #include "imaging/previewpicture.h"
 #include "modecodes.h"
 
+#include <QPainter>
+
 using namespace framecases;
 
 namespace {
@@ -192,6 +194,123 @@ private slots:
         QVERIFY(fitter.fitUnlessLarge(eightMp, QSize(760, 560)).isNull());
         QCOMPARE(fitter.fitUnlessLarge(eightMp, QSize(3000, 2000)).size(), QSize(2666, 2000));
         QVERIFY(fitter.fitUnlessLarge(hd, QSize()).isNull());
+    }
+
+    void fittedThinLinesStayVisible_data()
+    {
+        QTest::addColumn<QSize>("picture");
+        QTest::addColumn<int>("format");
+        // Last steps of 1.07 (a 3264x2448 frame decoded at a quarter), 1.2,
+        // 1.26 (a 1920x1080 frame decoded at half size), 1.5 and 1.9, and
+        // one after a halving.
+        const QSize sizes[] = { { 816, 459 },  { 912, 513 },  { 960, 540 },
+                                { 1140, 641 }, { 1440, 810 }, { 1920, 1080 } };
+        for (const QSize &size : sizes) {
+            for (const QImage::Format format : { QImage::Format_RGB888, QImage::Format_Indexed8 }) {
+                QTest::addRow("%dx%d %s", size.width(), size.height(),
+                              format == QImage::Format_RGB888 ? "colour" : "grey")
+                        << size << int(format);
+            }
+        }
+    }
+
+    // Scaled down to the shown size, lines one pixel wide, wherever they
+    // fall, show nearly as dark as Qt's own smooth scaling shows them, and
+    // evenly: the brightness of the picture's blocks stays alike (lines that
+    // fade and swell from one to the next would change it); colour ends as
+    // 32-bit pixels.
+    void fittedThinLinesStayVisible()
+    {
+        QFETCH(QSize, picture);
+        QFETCH(int, format);
+        const QSize shown(760, 428);
+        PreviewFitter fitter;
+        for (int shift = 0; shift < 4; ++shift) {
+            QImage lines(picture, QImage::Format_RGB888);
+            lines.fill(Qt::white);
+            QPainter painter(&lines);
+            painter.setPen(QPen(Qt::black, 0));
+            QVector<int> columns, rows;
+            for (int x = 100 + shift; x < picture.width() - 100; x += 101) {
+                painter.drawLine(x, 0, x, picture.height() - 1);
+                columns << x * shown.width() / picture.width();
+            }
+            for (int y = 60 + shift; y < picture.height() - 60; y += 53) {
+                painter.drawLine(0, y, picture.width() - 1, y);
+                rows << y * shown.height() / picture.height();
+            }
+            painter.end();
+            const QImage source = format == QImage::Format_Indexed8
+                    ? lines.convertToFormat(QImage::Format_Indexed8, grayTable())
+                    : lines;
+
+            const QImage fitted = fitter.fit(source, shown);
+            QCOMPARE(fitted.size(), shown);
+            if (format == QImage::Format_RGB888)
+                QCOMPARE(fitted.format(), QImage::Format_RGB32);
+            // Qt's smooth scaling taken as the fitter takes its steps: halving
+            // while the picture stays twice the shown size, then the rest.
+            QImage qtSmooth = source;
+            while (qtSmooth.width() >= 2 * shown.width() && qtSmooth.height() >= 2 * shown.height())
+                qtSmooth = qtSmooth.scaled(qtSmooth.size() / 2, Qt::IgnoreAspectRatio,
+                                           Qt::SmoothTransformation);
+            qtSmooth = qtSmooth.scaled(shown, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+            // How dark the faintest line shows, each followed across the
+            // middle of the picture.
+            const auto faintest = [&](const QImage &image) {
+                int faint = 255;
+                for (int at : columns) {
+                    int dark = 0;
+                    for (int x = at - 2; x <= at + 2; ++x)
+                        dark = qMax(dark, 255 - qGray(image.pixel(x, shown.height() / 2 + 7)));
+                    faint = qMin(faint, dark);
+                }
+                for (int at : rows) {
+                    int dark = 0;
+                    for (int y = at - 2; y <= at + 2; ++y)
+                        dark = qMax(dark, 255 - qGray(image.pixel(shown.width() / 2 + 7, y)));
+                    faint = qMin(faint, dark);
+                }
+                return faint;
+            };
+            const int ours = faintest(fitted);
+            const int qts = faintest(qtSmooth);
+            QVERIFY2(ours * 100 >= qts * 85,
+                     qPrintable(QString("shift %1: faintest line %2 against %3")
+                                        .arg(shift)
+                                        .arg(ours)
+                                        .arg(qts)));
+            // As the eye sees it, the brightness of 8x8 blocks: alike.
+            double worst = 0;
+            double total = 0;
+            int blocks = 0;
+            for (int by = 0; by + 8 <= shown.height(); by += 8) {
+                for (int bx = 0; bx + 8 <= shown.width(); bx += 8) {
+                    double a = 0, b = 0;
+                    for (int y = by; y < by + 8; ++y) {
+                        for (int x = bx; x < bx + 8; ++x) {
+                            a += qGray(fitted.pixel(x, y));
+                            b += qGray(qtSmooth.pixel(x, y));
+                        }
+                    }
+                    worst = qMax(worst, qAbs(a - b) / 64);
+                    total += qAbs(a - b) / 64;
+                    ++blocks;
+                }
+            }
+            QVERIFY2(worst <= 8, qPrintable(QString("blocks differ by %1").arg(worst)));
+            QVERIFY2(total / blocks <= 0.5,
+                     qPrintable(QString("blocks differ by %1 on average").arg(total / blocks)));
+        }
+    }
+
+private:
+    static QVector<QRgb> grayTable()
+    {
+        QVector<QRgb> table;
+        for (int i = 0; i < 256; ++i)
+            table << qRgb(i, i, i);
+        return table;
     }
 };
 
