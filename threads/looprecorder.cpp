@@ -3,6 +3,8 @@
 #include "imaging/frameconversion.h"
 #include "monotonicclock.h"
 
+#include <QMutexLocker>
+
 namespace {
 
 constexpr double loopRecordingRate = 25.0;
@@ -46,8 +48,10 @@ void LoopRecorder::record(const cv::Mat &picture)
 
 cv::Mat recordedPicture(const QImage &shown, QMutex &mutex)
 {
-    mutex.lock();
-    const QImage copy = shown.copy();
-    mutex.unlock();
+    QImage copy;
+    {
+        QMutexLocker lock(&mutex);
+        copy = shown.copy();
+    }
     return imageToMat(copy);
 }
