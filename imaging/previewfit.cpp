@@ -94,7 +94,8 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
     // Colour ends as 32-bit pixels, which a paint copies as they are instead
     // of converting every pixel each time. Qt converts and interpolates the
     // 32-bit pixels on this thread alone, for about half of what OpenCV's
-    // scaling of three-byte pixels costs shared out; the pixels are the same.
+    // scaling of three-byte pixels costs shared out, with pixels within three
+    // levels of OpenCV's.
     const QImage wide = halved.convertToFormat(QImage::Format_RGB32);
     QImage fitted(size, QImage::Format_RGB32);
     QPainter painter(&fitted);
