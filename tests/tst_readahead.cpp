@@ -1,18 +1,35 @@
 // The capture loop's read of the next frame, run on one worker thread for
 // the loop's whole life: each read's answer comes back, a wait may end
-// before the read does, what a read throws reaches the loop, and nothing
-// goes while a read is under way.
+// before the read does, what a read throws reaches the loop, nothing goes
+// while a read is under way, and the worker ends with the loop.
 #include "threads/readahead.h"
 
+#include <QDir>
 #include <QtTest>
 
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <set>
 #include <stdexcept>
 #include <thread>
 
+#include <unistd.h>
+
 using namespace std::chrono_literals;
+
+namespace {
+
+// Threads are told apart by the kernel's numbers: a thread's library id may
+// be given again to the next thread once it has ended.
+
+// The threads of this process, as the kernel lists them.
+int threadCount()
+{
+    return QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
+}
+
+} // namespace
 
 class tst_ReadAhead : public QObject
 {
@@ -21,11 +38,11 @@ class tst_ReadAhead : public QObject
 private slots:
     void everyReadOnTheSameWorker()
     {
-        std::set<std::thread::id> readers;
+        std::set<pid_t> readers;
         unsigned reads = 0;
         {
             ReadAhead ahead([&] {
-                readers.insert(std::this_thread::get_id());
+                readers.insert(gettid());
                 return ++reads;
             });
             QVERIFY(!ahead.started());
@@ -38,7 +55,7 @@ private slots:
         }
         QCOMPARE(reads, 50u);
         QCOMPARE(readers.size(), size_t(1));
-        QVERIFY(readers.count(std::this_thread::get_id()) == 0);
+        QVERIFY(readers.count(gettid()) == 0);
     }
 
     void waitEndsBeforeASlowRead()
@@ -87,6 +104,36 @@ private slots:
             ahead.start();
         }
         QVERIFY(finished);
+    }
+
+    // A loop that stops keeps no thread: finishing waits for the read under
+    // way and ends the worker; reads after it run on a new one.
+    void finishEndsTheWorker()
+    {
+        std::atomic<bool> finished{ false };
+        std::set<pid_t> readers;
+        std::mutex readersMutex;
+        ReadAhead ahead([&] {
+            std::this_thread::sleep_for(50ms);
+            finished = true;
+            std::lock_guard<std::mutex> lock(readersMutex);
+            readers.insert(gettid());
+            return 5u;
+        });
+        const int before = threadCount();
+        ahead.start();
+        QCOMPARE(threadCount(), before + 1);
+        ahead.finish();
+        QVERIFY(finished);
+        QVERIFY(!ahead.started());
+        QCOMPARE(threadCount(), before);
+
+        ahead.start();
+        QCOMPARE(ahead.take(), 5u);
+        QCOMPARE(readers.size(), size_t(2));
+        ahead.finish();
+        ahead.finish(); // twice is harmless
+        QCOMPARE(threadCount(), before);
     }
 
     void nothingReadWhenNothingAsked()

@@ -115,11 +115,15 @@ void ImageProcessing::run()
         handleRequests();
         if (isSetVideoPParameter)
             reopenWithNewSettings();
+        // A loop that reads nothing (its camera away, or no view asking)
+        // keeps no thread reading for it.
         if (reconnection.away()) {
+            nextRead.finish();
             waitForReturn();
             continue;
         }
         if (!isRead) {
+            nextRead.finish();
             msleep(33);
             continue;
         }
@@ -132,6 +136,7 @@ void ImageProcessing::run()
             qDebug() << error;
         }
     }
+    nextRead.finish(); // nor does a loop that has ended
     // Everything the loop did comes before whatever follows a finished wait().
     RACECHECK_HAPPENS_BEFORE(this);
 }

@@ -4,6 +4,11 @@ ReadAhead::ReadAhead(std::function<unsigned()> read) : read(std::move(read)) { }
 
 ReadAhead::~ReadAhead()
 {
+    finish();
+}
+
+void ReadAhead::finish()
+{
     {
         std::lock_guard<std::mutex> lock(mutex);
         stopping = true;
@@ -11,6 +16,12 @@ ReadAhead::~ReadAhead()
     changed.notify_all();
     if (worker.joinable())
         worker.join();
+    std::lock_guard<std::mutex> lock(mutex);
+    stopping = false;
+    asked = false;
+    done = false;
+    failure = nullptr;
+    pending = false;
 }
 
 void ReadAhead::start()

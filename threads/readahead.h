@@ -9,9 +9,10 @@
 #include <thread>
 
 // Runs the capture loop's read of the next frame while the loop works on the
-// current one. One thread serves every read for the loop's whole life: a
-// thread started per frame costs its start and finds cold caches each time.
-// Used by one thread (the loop); the read runs on the worker.
+// current one. One thread serves every read for the loop's whole life (a
+// thread started per frame costs its start and finds cold caches each time)
+// and ends with it. Used by one thread (the loop); the read runs on the
+// worker.
 class ReadAhead
 {
 public:
@@ -31,6 +32,9 @@ public:
     // Waits for the read and answers what it answered (or throws what it
     // threw).
     unsigned take();
+    // Waits for a read under way, drops its answer and ends the worker; the
+    // next start() begins a new one.
+    void finish();
 
 private:
     void serve();

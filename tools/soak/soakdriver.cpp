@@ -54,9 +54,9 @@ Sample sample()
     return s;
 }
 
-// Threads and open files at their fewest over half a second: the capture
-// threads read the next frame on a short-lived thread of their own, which
-// a single look may or may not catch.
+// Threads and open files at their fewest over half a second: one that is
+// there only for a moment (a capture loop's reader starting or ending as the
+// loop starts or stops reading) does not count.
 Sample quietSample()
 {
     Sample fewest = sample();
