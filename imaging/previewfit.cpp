@@ -19,9 +19,9 @@ QSize fittedSize(QSize picture, QSize area)
     return QSize(w, h);
 }
 
-// An 8-bit colour or grey picture is scaled down by OpenCV, which looks the
-// same as Qt's smooth scaling for a fraction of the cost; other formats and
-// enlargements go through Qt.
+// An 8-bit colour or grey picture is scaled down by halvings and one last
+// step on this thread, which looks the same as Qt's smooth scaling for a
+// fraction of the cost; other formats and enlargements go through Qt.
 QImage PreviewFitter::fit(const QImage &picture, QSize size)
 {
     if (size.isEmpty() || picture.isNull())
@@ -79,10 +79,21 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
         halved.setColorTable(picture.colorTable());
     // A last step of more than a few percent interpolating between
     // neighbours would make thin lines fade and swell from one to the next;
-    // Qt's smooth scaling of the (now small) picture averages them.
+    // averaging the area each pixel covers keeps them even.
+    const cv::Size shown(size.width(), size.height());
     if (5 * source.cols > 6 * size.width() || 5 * source.rows > 6 * size.height()) {
-        QImage fitted = halved.scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-        return channels == 3 ? fitted.convertToFormat(QImage::Format_RGB32) : fitted;
+        if (!AreaScaler::covers(source.size(), shown)) {
+            // Proportions changed so much that one way is still more than
+            // halved: Qt averages any ratio.
+            QImage fitted = halved.scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+            return channels == 3 ? fitted.convertToFormat(QImage::Format_RGB32) : fitted;
+        }
+        QImage fitted(size, channels == 3 ? QImage::Format_RGB32 : QImage::Format_Indexed8);
+        if (channels == 1)
+            fitted.setColorTable(picture.colorTable());
+        cv::Mat to = matView(fitted);
+        areaScaler.scale(source, to);
+        return fitted;
     }
     if (channels == 1) {
         QImage fitted(size, QImage::Format_Indexed8);

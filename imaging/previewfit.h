@@ -1,6 +1,8 @@
 #ifndef IMAGING_PREVIEWFIT_H
 #define IMAGING_PREVIEWFIT_H
 
+#include "imaging/areascale.h"
+
 #include <QImage>
 #include <QSize>
 
@@ -28,6 +30,7 @@ private:
     QImage averagedDown(const QImage &picture, QSize size, int channels);
 
     cv::Mat halves[2]; // successive halvings of the picture
+    AreaScaler areaScaler; // the last step, when it is more than a small one
 };
 
 #endif // IMAGING_PREVIEWFIT_H

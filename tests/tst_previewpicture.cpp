@@ -3,6 +3,7 @@
 // shortcut is taken; the frame itself untouched; the images reused only
 // once the view has let go of them.
 #include "framecases.h"
+#include "imaging/areascale.h"
 #include "imaging/frameconversion.h"
 #include "imaging/previewfit.h"
 #include "imaging/previewpicture.h"
@@ -194,6 +195,91 @@ private slots:
         QVERIFY(fitter.fitUnlessLarge(eightMp, QSize(760, 560)).isNull());
         QCOMPARE(fitter.fitUnlessLarge(eightMp, QSize(3000, 2000)).size(), QSize(2666, 2000));
         QVERIFY(fitter.fitUnlessLarge(hd, QSize()).isNull());
+    }
+
+    void areaScalingAveragesWhatEachPixelCovers_data()
+    {
+        QTest::addColumn<QSize>("from");
+        QTest::addColumn<QSize>("to");
+        QTest::addColumn<int>("channels");
+        // A 1920x1080 frame decoded at half size and shown 760 wide; ratios
+        // near two and exactly two; odd sizes; nothing to reduce.
+        const QPair<QSize, QSize> cases[] = {
+            { { 960, 540 }, { 760, 428 } },  { { 1140, 641 }, { 760, 428 } },
+            { { 1519, 855 }, { 760, 428 } }, { { 640, 480 }, { 320, 240 } },
+            { { 101, 37 }, { 77, 29 } },     { { 33, 17 }, { 17, 9 } },
+            { { 300, 200 }, { 300, 200 } },
+        };
+        for (const auto &c : cases) {
+            for (const int channels : { 3, 1 }) {
+                QTest::addRow("%dx%d to %dx%d %s", c.first.width(), c.first.height(),
+                              c.second.width(), c.second.height(),
+                              channels == 3 ? "colour" : "grey")
+                        << c.first << c.second << channels;
+            }
+        }
+    }
+
+    // Each pixel is the average of the area of the picture it covers, worked
+    // out exactly here, on noise (where a wrong neighbour or share shows at
+    // once); colour comes out as Qt's 32-bit pixels, red where red was.
+    void areaScalingAveragesWhatEachPixelCovers()
+    {
+        QFETCH(QSize, from);
+        QFETCH(QSize, to);
+        QFETCH(int, channels);
+        cv::Mat picture(from.height(), from.width(), CV_8UC(channels));
+        cv::RNG random(20);
+        random.fill(picture, cv::RNG::UNIFORM, 0, 256);
+        cv::Mat scaled(to.height(), to.width(), channels == 3 ? CV_8UC4 : CV_8UC1);
+        AreaScaler scaler;
+        // Weights worked out for other sizes first must not be reused.
+        cv::Mat other(5, 7, scaled.type());
+        scaler.scale(picture(cv::Rect(0, 0, 9, 8)), other);
+        scaler.scale(picture, scaled);
+
+        // The share of cell `cell` in output cell `o`, ratio `r`.
+        const auto covered = [](int o, double r, int cell) {
+            return qMax(0.0, qMin((o + 1) * r, cell + 1.0) - qMax(o * r, double(cell))) / r;
+        };
+        const double rx = double(from.width()) / to.width();
+        const double ry = double(from.height()) / to.height();
+        double total = 0;
+        int worst = 0;
+        for (int y = 0; y < to.height(); ++y) {
+            for (int x = 0; x < to.width(); ++x) {
+                for (int c = 0; c < channels; ++c) {
+                    double exact = 0;
+                    for (int fy = int(y * ry); fy < qMin(from.height(), int(y * ry) + 3); ++fy) {
+                        for (int fx = int(x * rx); fx < qMin(from.width(), int(x * rx) + 3); ++fx) {
+                            exact += covered(y, ry, fy) * covered(x, rx, fx)
+                                    * picture.ptr<uchar>(fy)[fx * channels + c];
+                        }
+                    }
+                    // Qt's 32-bit pixel holds blue, green, red in memory.
+                    const int at = channels == 3 ? x * 4 + 2 - c : x;
+                    const double off = qAbs(scaled.ptr<uchar>(y)[at] - exact);
+                    total += off;
+                    worst = qMax(worst, int(std::lround(off)));
+                }
+                if (channels == 3)
+                    QCOMPARE(int(scaled.ptr<uchar>(y)[x * 4 + 3]), 255);
+            }
+        }
+        const double mean = total / (double(to.width()) * to.height() * channels);
+        QVERIFY2(worst <= 1 && mean <= 0.3,
+                 qPrintable(QString("worst %1, mean %2").arg(worst).arg(mean)));
+    }
+
+    void areaScalingCoversUpToAHalving()
+    {
+        QVERIFY(AreaScaler::covers(cv::Size(960, 540), cv::Size(760, 428)));
+        QVERIFY(AreaScaler::covers(cv::Size(960, 540), cv::Size(480, 270)));
+        QVERIFY(AreaScaler::covers(cv::Size(960, 540), cv::Size(960, 540)));
+        QVERIFY(!AreaScaler::covers(cv::Size(960, 540), cv::Size(479, 270)));
+        QVERIFY(!AreaScaler::covers(cv::Size(960, 540), cv::Size(480, 269)));
+        QVERIFY(!AreaScaler::covers(cv::Size(960, 540), cv::Size(961, 540)));
+        QVERIFY(!AreaScaler::covers(cv::Size(960, 540), cv::Size(0, 0)));
     }
 
     void fittedThinLinesStayVisible_data()
