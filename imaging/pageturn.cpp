@@ -95,3 +95,12 @@ double PageTurnWatcher::changedFraction(const cv::Mat &a, const cv::Mat &b)
     cv::absdiff(a, b, diff);
     return double(cv::countNonZero(diff > pixelChange)) / double(a.total());
 }
+
+bool PageTurnSeriesWatcher::feed(const cv::Mat &frame, unsigned series, int64_t timeMs)
+{
+    if (series != watched) {
+        watcher.reset();
+        watched = series;
+    }
+    return watcher.feed(frame, timeMs);
+}

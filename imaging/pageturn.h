@@ -56,4 +56,20 @@ private:
     void makeThumbnail(const cv::Mat &frame, cv::Mat &out);
 };
 
+// Watches the frames of whichever page-turn series is running. A series
+// that starts afresh photographs the page already there once it is still,
+// so the watcher forgets the last series when a new one begins, even one
+// stopped and started again between two frames.
+class PageTurnSeriesWatcher
+{
+public:
+    // A frame of the series numbered `series` (a count of the series
+    // started); true when the photo is due now.
+    bool feed(const cv::Mat &frame, unsigned series, int64_t timeMs);
+
+private:
+    PageTurnWatcher watcher;
+    unsigned watched = 0; // the series the watcher last saw
+};
+
 #endif // PAGETURN_H

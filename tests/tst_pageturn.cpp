@@ -190,6 +190,27 @@ private slots:
         QCOMPARE(run(w, 2000, 2000, [&](int) { return one; }).size(), size_t(1));
     }
 
+    // Frames of one series are watched as one: the page there is shot
+    // once. A new series (its number moved on, also by more than one when
+    // a series was stopped and started again between two frames) shoots
+    // the page that is there again.
+    void newSeriesShootsThePageThatIsThere()
+    {
+        PageTurnSeriesWatcher w;
+        const cv::Mat one = page(1);
+        const auto shots = [&](unsigned series, int64_t start, int64_t ms) {
+            int count = 0;
+            for (int64_t t = start; t < start + ms; t += frameMs)
+                count += w.feed(one, series, t) ? 1 : 0;
+            return count;
+        };
+        QCOMPARE(shots(1, 0, 2000), 1);
+        QCOMPARE(shots(1, 2000, 2000), 0);
+        QCOMPARE(shots(2, 4000, 2000), 1);
+        QCOMPARE(shots(4, 6000, 2000), 1);
+        QCOMPARE(shots(4, 8000, 2000), 0);
+    }
+
     void largeFramesAreWatchedAlike()
     {
         PageTurnWatcher w;

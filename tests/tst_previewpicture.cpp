@@ -8,6 +8,7 @@
 #include "imaging/previewfit.h"
 #include "imaging/previewpicture.h"
 #include "modecodes.h"
+#include "threads/fittedpreview.h"
 
 #include <QPainter>
 
@@ -280,6 +281,31 @@ private slots:
         QVERIFY(!AreaScaler::covers(cv::Size(960, 540), cv::Size(480, 269)));
         QVERIFY(!AreaScaler::covers(cv::Size(960, 540), cv::Size(961, 540)));
         QVERIFY(!AreaScaler::covers(cv::Size(960, 540), cv::Size(0, 0)));
+    }
+
+    // The loop's copy at the shown size goes to the view only for the very
+    // picture it was made from; none for an empty area or a picture left
+    // to the view.
+    void fittedCopyOnlyForItsOwnPicture()
+    {
+        FittedPreview fitted;
+        QImage red(960, 540, QImage::Format_RGB888);
+        QImage blue(960, 540, QImage::Format_RGB888);
+        red.fill(Qt::red);
+        blue.fill(Qt::blue);
+        QVERIFY(fitted.takeFor(red).isNull());
+        fitted.make(red, QSize(760, 560));
+        const QImage shown = fitted.takeFor(red);
+        QCOMPARE(shown.size(), QSize(759, 427));
+        QCOMPARE(shown.pixel(380, 200), qRgb(255, 0, 0));
+        QVERIFY(fitted.takeFor(blue).isNull());
+        fitted.make(blue, QSize());
+        QVERIFY(fitted.takeFor(blue).isNull());
+        QVERIFY(fitted.takeFor(red).isNull());
+        QImage large(3264, 2448, QImage::Format_RGB888);
+        large.fill(Qt::gray);
+        fitted.make(large, QSize(760, 560));
+        QVERIFY(fitted.takeFor(large).isNull());
     }
 
     void fittedThinLinesStayVisible_data()

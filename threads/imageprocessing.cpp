@@ -117,14 +117,13 @@ void ImageProcessing::run()
             reopenWithNewSettings();
         // A loop that reads nothing (its camera away, or no view asking)
         // keeps no thread reading for it.
-        if (reconnection.away()) {
+        const bool away = reconnection.away();
+        if (away || !isRead) {
             nextRead.finish();
-            waitForReturn();
-            continue;
-        }
-        if (!isRead) {
-            nextRead.finish();
-            msleep(33);
+            if (away)
+                waitForReturn();
+            else
+                msleep(33);
             continue;
         }
         try {
@@ -156,7 +155,8 @@ void ImageProcessing::reopenWithNewSettings()
 void ImageProcessing::showFrame()
 {
     const cv::Mat &shown = frameReduction > 1 ? shownFrame : frame;
-    watchPageTurn(shown);
+    if (pageTurnSeries && pageTurnWatcher.feed(shown, pageTurnRun, monotonicNs() / 1000000))
+        emit pageTurnSettled();
     const QImage preview = previewImage(shown, frameReduction);
     fitForPreview(preview);
     emit sendFarmeSignal(preview);
@@ -277,22 +277,6 @@ const cv::Mat &ImageProcessing::wholeFrameLocked()
         decodeWholeFrame(frameBytes, frame);
     }
     return frame;
-}
-
-// A series that starts afresh photographs the page already there once it is
-// still, so the watcher forgets the last series when a new one begins (even
-// one stopped and started again between two frames).
-void ImageProcessing::watchPageTurn(const cv::Mat &shown)
-{
-    if (!pageTurnSeries)
-        return;
-    const unsigned run = pageTurnRun;
-    if (run != pageTurnWatched) {
-        pageTurnWatcher.reset();
-        pageTurnWatched = run;
-    }
-    if (pageTurnWatcher.feed(shown, monotonicNs() / 1000000))
-        emit pageTurnSettled();
 }
 
 cv::Mat ImageProcessing::currentFrame()
@@ -702,17 +686,10 @@ void ImageProcessing::setPreviewZoom(qreal zoom)
 
 void ImageProcessing::fitForPreview(const QImage &picture)
 {
-    const QImage shown =
-            previewFitter.fitUnlessLarge(picture, QSize(previewAreaWidth, previewAreaHeight));
-    std::lock_guard<std::mutex> lock(fittedMutex);
-    fitted = shown;
-    fittedKey = picture.cacheKey();
+    fittedForView.make(picture, QSize(previewAreaWidth, previewAreaHeight));
 }
 
 QImage ImageProcessing::fittedPreview(const QImage &picture)
 {
-    std::lock_guard<std::mutex> lock(fittedMutex);
-    if (fitted.isNull() || fittedKey != picture.cacheKey())
-        return QImage();
-    return fitted;
+    return fittedForView.takeFor(picture);
 }

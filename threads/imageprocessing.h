@@ -12,8 +12,8 @@
 #include "imaging/frameprocessing.h"
 #include "imaging/pageturn.h"
 #include "imaging/perspective.h"
-#include "imaging/previewfit.h"
 #include "imaging/previewpicture.h"
+#include "fittedpreview.h"
 #include "looprecorder.h"
 #include "readahead.h"
 #include "reconnection.h"
@@ -58,7 +58,7 @@
 //                                                    currentFrameBytes()
 //   work, preview (the picture     loop (or one      loop                one thread at a time
 //     buffers and images)          caller while the loop is not reading)
-//   fitted, fittedKey              loop              GUI                 fittedMutex
+//   fittedForView                  loop              GUI                 its own mutex
 //   writer                         GUI (recordBegin; a recording's     its recording's writer
 //                                  SetRecordVideo,   writer thread;      is finished before it
 //                                  by recorder)      loop (recordVideo)  is released or replaced
@@ -242,7 +242,6 @@ private:
     const cv::Mat &wholeFrameLocked();
     void standAsFrame(const cv::Mat &picture); // a recorded picture as the current frame
     FrameModes modes() const; // the mode codes as they stand, read once
-    void watchPageTurn(const cv::Mat &shown);
 
     std::mutex capMutex; // cap is opened by the GUI thread, read by the loop
     std::mutex frameMutex; // frame swaps against currentFrame()
@@ -298,12 +297,8 @@ private:
     // The camera's frame size as opened, which the reduction is chosen for.
     std::atomic<int> openedWidth{ 0 };
     std::atomic<int> openedHeight{ 0 };
-    PreviewFitter previewFitter; // used by the loop only
-    PageTurnWatcher pageTurnWatcher; // used by the loop only
-    unsigned pageTurnWatched = 0; // the series the watcher last saw
-    std::mutex fittedMutex; // fitted and fittedKey
-    QImage fitted; // the last preview picture at its shown size
-    qint64 fittedKey = 0; // cacheKey() of the picture it was made from
+    PageTurnSeriesWatcher pageTurnWatcher; // used by the loop only
+    FittedPreview fittedForView; // the last preview picture at its shown size
 
     // The read of the frame after the current one: it owns readBuffer until
     // it is taken, and answers the camera's generation it read from (0 when
