@@ -2,9 +2,12 @@
 // widget (760x560) taking the picture and painting it fitted, beside a copy
 // of the same frame and beside Qt's own smooth scaling of it; and the same
 // when the capture thread has scaled the picture to its shown size already.
+// Also the fit's last step alone, in CPU time: the fitter's own averaging
+// against Qt's smooth scaling.
 //
 //   build/bench/bench_paint --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include "benchsupport.h"
+#include "imaging/previewfit.h"
 #include "qcameraview.h"
 #include "threads/imageprocessing.h"
 
@@ -120,6 +123,29 @@ void BM_QtSmoothScale(benchmark::State &state)
     state.SetLabel(QString("qt smooth %1x%2").arg(size.width()).arg(size.height()).toStdString());
 }
 
+// A 1920x1080 frame decoded at half size, fitted to the 760x428 shown: by
+// the fitter (0), or by Qt's smooth scaling as the fitter once called it,
+// converting to 32-bit pixels and back on the way (1). The CPU time of the
+// whole process per picture, so that Qt's pool threads count.
+void BM_FitHalfSizeFullHd(benchmark::State &state)
+{
+    const QImage picture = cameraPicture(QSize(960, 540));
+    const QSize shown(760, 428);
+    PreviewFitter fitter;
+    const bool ours = state.range(0) == 0;
+    const double cpuBefore = processCpuSeconds();
+    for (auto _ : state) {
+        const QImage fitted = ours
+                ? fitter.fit(picture, shown)
+                : picture.scaled(shown, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                          .convertToFormat(QImage::Format_RGB32);
+        benchmark::DoNotOptimize(fitted.constBits());
+    }
+    state.counters["cpu_ms_per_picture"] =
+            (processCpuSeconds() - cpuBefore) * 1000 / double(state.iterations());
+    state.SetLabel(ours ? "fitter 960x540 to 760x428" : "qt smooth 960x540 to 760x428");
+}
+
 void BM_FloorClone(benchmark::State &state)
 {
     const QSize size = sizeFor(state.range(0));
@@ -142,6 +168,7 @@ BENCHMARK(BM_ShowNewFrameFittedByCaptureThread)
         ->Unit(benchmark::kMillisecond)
         ->UseRealTime();
 BENCHMARK(BM_FitInCaptureThread)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_FitHalfSizeFullHd)->DenseRange(0, 1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 int main(int argc, char **argv)
 {
