@@ -1,5 +1,6 @@
 #include "photosave.h"
 
+#include "cache.h"
 #include "output/photooutput.h"
 
 QList<QString> savePhoto(const cv::Mat &frame, const FrameModes &modes, const PhotoExtras &extras,
@@ -19,4 +20,9 @@ QList<QString> savePhoto(const cv::Mat &frame, const FrameModes &modes, const Ph
         files.append(fileName);
     }
     return files;
+}
+
+QString photoFormat(bool tiff)
+{
+    return tiff ? QString("tiff") : Cache::config->image_codec;
 }

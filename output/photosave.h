@@ -18,4 +18,8 @@
 QList<QString> savePhoto(const cv::Mat &frame, const FrameModes &modes, const PhotoExtras &extras,
                          const QString &format, FrameWork &work);
 
+// The format a camera photo is written in: "tiff" when asked for, else the
+// configured image codec.
+QString photoFormat(bool tiff);
+
 #endif // OUTPUT_PHOTOSAVE_H

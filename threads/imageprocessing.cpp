@@ -2,47 +2,18 @@
 
 #include "cache.h"
 #include "camerasettings.h"
-#include "modecodes.h"
 #include "monotonicclock.h"
-#include "output/photosave.h"
 #include "safeindex.h"
-#include "imaging/detection.h"
-#include "imaging/frameconversion.h"
 #include "imaging/cameraframe.h"
-#include "imaging/scaleddecode.h"
 #include "threads/racecheck.h"
 
+#include <QCoreApplication>
 #include <QDebug>
 #include <QElapsedTimer>
-#include <QCoreApplication>
 
-#include <opencv2/imgproc.hpp>
-
-#include <algorithm>
 #include <chrono>
-#include <utility>
 
-ImageProcessing::ImageProcessing(QObject *parent)
-    : QThread(parent),
-      writer(nullptr),
-      isWork(false),
-      isRead(false),
-      driveId(0),
-      frameWidth(0),
-      frameHeight(0),
-      angle(0),
-      isChangeCamera(false),
-      isSetVideoPParameter(false),
-      isTakePhoto(false),
-      cameraCurrentExposure(0),
-      correction_type(0),
-      shooting_type(0),
-      isTakePhotoChildCamera(false),
-      isShow1(false),
-      isShow2(false),
-      isSaveTiff(false),
-      isCameraVideo(false),
-      cameraVideoPath("")
+ImageProcessing::ImageProcessing(QObject *parent) : QThread(parent)
 {
     // OpenCV's read waits this many seconds in select() for a frame before
     // it gives up (10 unless told). A stalled camera then holds the loop
@@ -154,10 +125,10 @@ void ImageProcessing::reopenWithNewSettings()
 // compares small grey copies, which it makes from either alike.
 void ImageProcessing::showFrame()
 {
-    const cv::Mat &shown = frameReduction > 1 ? shownFrame : frame;
+    const cv::Mat &shown = current.shown();
     if (pageTurnSeries && pageTurnWatcher.feed(shown, pageTurnRun, monotonicNs() / 1000000))
         emit pageTurnSettled();
-    const QImage preview = previewImage(shown, frameReduction);
+    const QImage preview = previewImage(shown, current.reduction());
     fitForPreview(preview);
     emit sendFarmeSignal(preview);
 }
@@ -199,18 +170,9 @@ bool ImageProcessing::readFrame()
     }
     if (!fresh)
         readFromCamera();
-    if (readBuffer.empty())
+    if (read.picture.empty())
         return false;
-    {
-        std::lock_guard<std::mutex> lock(frameMutex);
-        // A reduced picture leaves frame to be decoded whole when asked for.
-        wholePending = readReduction > 1;
-        std::swap(wholePending ? shownFrame : frame, readBuffer);
-        frameReduction = readReduction;
-        wholeSize = readSize;
-        std::swap(frameBytes, readBytes);
-        frameStamp = readStamp;
-    }
+    current.takeFrom(read);
     frameGeneration = capGeneration.load();
     ++framesTaken;
     nextRead.start();
@@ -222,88 +184,45 @@ bool ImageProcessing::readFrame()
 unsigned ImageProcessing::readAhead()
 {
     const unsigned generation = readFromCamera();
-    return readBuffer.empty() ? 0u : generation;
+    return read.picture.empty() ? 0u : generation;
 }
 
-// Reads the camera's next frame into readBuffer and, when the camera sends
-// JPEG, its bytes into readBytes; answers the generation of the camera it
-// read from. The decode runs without the camera's lock, so that a request
-// for the camera is not held up by it.
+// Reads the camera's next frame into read and unpacks it for the view;
+// answers the generation of the camera it read from. The decode runs
+// without the camera's lock, so that a request for the camera is not held
+// up by it.
 unsigned ImageProcessing::readFromCamera()
 {
     unsigned generation = 0;
     {
         std::lock_guard<std::mutex> lock(capMutex);
-        cap >> readRaw;
-        readStamp = frameCaptureTime(cap.get(cv::CAP_PROP_POS_MSEC), monotonicNs());
+        cap >> read.raw;
+        read.stamp = frameCaptureTime(cap.get(cv::CAP_PROP_POS_MSEC), monotonicNs());
         generation = capGeneration;
     }
-    // The picture buffers go round (readBuffer, frame, readRaw), so that a
-    // frame is decoded into memory already mapped.
-    if (isCompressedFrame(readRaw)) {
-        completeJpegEnd(readRaw);
-        std::swap(readBytes, readRaw);
-        if (!decodeForPreview())
-            readBytes.release();
-    } else {
-        std::swap(readBuffer, readRaw);
-        readBytes.release();
-        readReduction = 1;
-        readSize = readBuffer.size();
-    }
+    read.unpack(cv::Size(openedWidth, openedHeight), cv::Size(previewAreaWidth, previewAreaHeight),
+                previewZoom, angle);
     return generation;
-}
-
-// Decodes readBytes into readBuffer as large as the view draws it (whole
-// when the view's size is not known yet). False when there is no picture.
-bool ImageProcessing::decodeForPreview()
-{
-    const cv::Size opened(openedWidth, openedHeight);
-    const int reduction =
-            decodeForView(readBytes, opened, cv::Size(previewAreaWidth, previewAreaHeight),
-                          previewZoom, angle, readBuffer);
-    readReduction = std::max(1, reduction);
-    readSize = reduction > 1 ? opened : readBuffer.size();
-    return reduction > 0;
-}
-
-// frame, decoded from the current frame's bytes first when the loop only
-// decoded them reduced: at most once per frame, by whichever thread asks
-// first. Called with frameMutex held.
-const cv::Mat &ImageProcessing::wholeFrameLocked()
-{
-    if (wholePending) {
-        wholePending = false;
-        decodeWholeFrame(frameBytes, frame);
-    }
-    return frame;
 }
 
 cv::Mat ImageProcessing::currentFrame()
 {
-    std::lock_guard<std::mutex> lock(frameMutex);
-    return wholeFrameLocked().clone();
-}
-
-cv::Size ImageProcessing::currentFrameSize()
-{
-    std::lock_guard<std::mutex> lock(frameMutex);
-    return wholePending ? wholeSize : frame.size();
-}
-
-cv::Mat ImageProcessing::currentFrameBytes(qint64 *capturedNs, cv::Size *size)
-{
-    std::lock_guard<std::mutex> lock(frameMutex);
-    *capturedNs = frameStamp;
-    *size = wholePending ? wholeSize : frame.size();
-    return frameBytes.clone();
+    return current.copy();
 }
 
 cv::Mat ImageProcessing::currentFrame(qint64 *capturedNs)
 {
-    std::lock_guard<std::mutex> lock(frameMutex);
-    *capturedNs = frameStamp;
-    return wholeFrameLocked().clone();
+    return current.copy(capturedNs);
+}
+
+cv::Size ImageProcessing::currentFrameSize()
+{
+    return current.size();
+}
+
+cv::Mat ImageProcessing::currentFrameBytes(qint64 *capturedNs, cv::Size *size)
+{
+    return current.bytes(capturedNs, size);
 }
 
 bool ImageProcessing::frameIsSettled() const
@@ -384,12 +303,10 @@ void ImageProcessing::waitForReturn()
 
 void ImageProcessing::SetRecordVideo(bool on, QString path)
 {
-    if (on) {
+    if (on)
         recorder.start(writer, path, currentFrameSize());
-        qDebug() << Q_FUNC_INFO << "fourcc" << cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
-    } else {
+    else
         recorder.finish(writer);
-    }
     isCameraVideo = on;
     cameraVideoPath = path;
 }
@@ -401,74 +318,14 @@ void ImageProcessing::recordVideo()
     if (!recorder.recordingInto(writer))
         return;
     const cv::Mat picture = recordedPicture(srcImage, mutex);
-    standAsFrame(picture);
+    current.standIn(picture);
     recorder.record(picture);
-}
-
-void ImageProcessing::standAsFrame(const cv::Mat &picture)
-{
-    std::lock_guard<std::mutex> lock(frameMutex);
-    frame = picture;
-    frameBytes.release(); // the picture is no camera frame
-    wholePending = false;
-    frameReduction = 1;
-}
-
-void ImageProcessing::setTakePhotoCammond(QImage first, QImage second, bool show1, bool show2)
-{
-    {
-        std::lock_guard<std::mutex> lock(childMutex);
-        child1 = first;
-        child2 = second;
-        isShow1 = show1;
-        isShow2 = show2;
-    }
-    // Raised last: the loop finds everything else in place.
-    isTakePhoto = true;
-}
-
-void ImageProcessing::setTakePhotoChildCamera(bool on)
-{
-    isTakePhotoChildCamera = on;
-}
-
-void ImageProcessing::setSaveImageToTiff(bool on)
-{
-    isSaveTiff = on;
 }
 
 void ImageProcessing::takePhotoIfAsked()
 {
     if (isTakePhoto.exchange(false))
         takePhoto();
-}
-
-void ImageProcessing::takePhoto()
-{
-    {
-        std::lock_guard<std::mutex> lock(frameMutex);
-        wholeFrameLocked();
-    }
-    if (frame.empty()) {
-        // Asked before the camera delivered anything: nothing to save.
-        qDebug() << Q_FUNC_INFO << "no camera frame yet, no photo taken";
-        emit sendTakePhotoImageSignal(QList<QString>(), ResultKind::FromCamera);
-        return;
-    }
-    PhotoExtras extras;
-    {
-        std::lock_guard<std::mutex> lock(childMutex);
-        extras.first = child1;
-        extras.second = child2;
-        extras.show1 = isShow1;
-        extras.show2 = isShow2;
-    }
-    extras.insets = isTakePhotoChildCamera;
-    const QString format = isSaveTiff ? QString("tiff") : Cache::config->image_codec;
-    // The photo only reads the frame, and only this thread writes it: no
-    // copy is needed.
-    emit sendTakePhotoImageSignal(savePhoto(frame, modes(), extras, format, work),
-                                  ResultKind::FromCamera);
 }
 
 void ImageProcessing::openCamara()
@@ -603,74 +460,6 @@ void ImageProcessing::setFrameWidthAndHeight(int width, int height)
 {
     frameWidth = width;
     frameHeight = height;
-}
-
-QImage ImageProcessing::MatQImage(const cv::Mat &mat)
-{
-    return matToImage(mat);
-}
-
-cv::Mat ImageProcessing::QImageToMat(QImage image)
-{
-    return imageToMat(image);
-}
-
-std::vector<cv::RotatedRect> ImageProcessing::handleMat(const cv::Mat &src, cv::Mat &out, bool draw)
-{
-    return processFrame(src, out, draw, correction_type, shooting_type, perspective, work);
-}
-
-FrameModes ImageProcessing::modes() const
-{
-    return FrameModes{ correction_type, shooting_type, angle, perspective };
-}
-
-QImage ImageProcessing::previewImage(const cv::Mat &raw, int scaleDown)
-{
-    return previewPicture(raw, modes(), work, preview, scaleDown);
-}
-
-// A copy of the whole frame, taken (and decoded whole first when the loop
-// only decoded it reduced) under frameMutex, so that the loop may go on
-// meanwhile; the mode codes are read once.
-QImage ImageProcessing::wholePreviewImage()
-{
-    return wholePreviewPicture(currentFrame(), modes());
-}
-
-QImage ImageProcessing::handleQImage(QImage image)
-{
-    return turnedImage(image, angle);
-}
-
-void ImageProcessing::setAngle(int direction)
-{
-    angle = quarterTurnsAfter(angle, direction);
-}
-
-void ImageProcessing::setCameraCorrection(int code)
-{
-    correction_type = code;
-}
-
-void ImageProcessing::setCameraShootType(int code)
-{
-    shooting_type = code;
-}
-
-std::vector<cv::RotatedRect> ImageProcessing::findSquares(const cv::Mat &src)
-{
-    return findSheets(src, cv::Mat(), correction_type, perspective, work);
-}
-
-void ImageProcessing::uprightAngleAndSize(const cv::RotatedRect &r, float &angle, cv::Size &size)
-{
-    ::uprightAngleAndSize(r, angle, size);
-}
-
-cv::Mat ImageProcessing::deskewCutOut(const cv::Mat &img, const cv::RotatedRect &r)
-{
-    return ::deskewCutOut(img, r);
 }
 
 void ImageProcessing::setPreviewArea(QSize area)

@@ -13,6 +13,8 @@
 #include "imaging/pageturn.h"
 #include "imaging/perspective.h"
 #include "imaging/previewpicture.h"
+#include "output/photocomposition.h"
+#include "currentframe.h"
 #include "fittedpreview.h"
 #include "looprecorder.h"
 #include "readahead.h"
@@ -28,7 +30,10 @@
 
 // The worker behind one live preview: it owns a camera, reads its frames in
 // run(), has each one processed (colour mode, document outlines, rotation:
-// the picture work lives in imaging/) and hands the result to the view. The
+// the picture work lives in imaging/) and hands the result to the view.
+// imageprocessing.cpp is the loop (reading, requests, reconfiguration,
+// hand-off); imageprocessingpictures.cpp the picture work and the photo the
+// class offers, handed over to imaging/ and output/. The
 // GUI thread steers it through the request flags and mode codes below; they
 // are atomics, so a request written by the GUI thread is seen whole by the
 // loop on its next pass.
@@ -41,21 +46,16 @@
 //     mode codes, the requests
 //   srcImage                       GUI (readFarme)   loop (recordVideo)  mutex
 //   child1, child2, isShow1/2      GUI               loop (takePhoto)    childMutex
-//   frame                          loop, or any by   any, by             frameMutex for the
-//                                  currentFrame()    currentFrame()      swap, the decode
+//   frame, current                 loop, or any by   any, by             current's mutex for
+//                                  currentFrame()    currentFrame()      the swap, the decode
 //                                  (the whole decode                     and the copy
 //                                  put off)
-//   shownFrame, frameReduction,    loop              loop; any, under    frameMutex
-//     wholePending, wholeSize                        the lock
 //   cap                            loop, GUI while   loop, ahead         capMutex
 //                                  the loop is not running
-//   readBuffer, readStamp,         ahead, or loop    loop                the read ahead,
-//     readBytes, readRaw,          when none is under way                nextRead
-//     readReduction, readSize
+//   read                           ahead, or loop    loop                the read ahead,
+//                                  when none is under way                nextRead
 //   previewZoom, the preview area, GUI               ahead, loop         atomic
 //     openedWidth/Height           (opened: whoever opens the camera)
-//   frameBytes                     loop              any, by             frameMutex
-//                                                    currentFrameBytes()
 //   work, preview (the picture     loop (or one      loop                one thread at a time
 //     buffers and images)          caller while the loop is not reading)
 //   fittedForView                  loop              GUI                 its own mutex
@@ -74,33 +74,33 @@ public:
 
     QMutex mutex; // guards srcImage
     QImage srcImage;
-    cv::VideoWriter *writer;
+    cv::VideoWriter *writer = nullptr;
     cv::VideoCapture cap;
     cv::Mat frame; // written by the loop only; other threads use currentFrame()
-    std::atomic<bool> isWork;
-    std::atomic<bool> isRead;
-    std::atomic<int> driveId;
-    std::atomic<int> frameWidth;
-    std::atomic<int> frameHeight;
-    std::atomic<int> angle;
-    std::atomic<bool> isChangeCamera;
-    std::atomic<bool> isSetVideoPParameter;
-    std::atomic<bool> isTakePhoto;
-    std::atomic<int> cameraCurrentExposure;
-    std::atomic<int> correction_type;
-    std::atomic<int> shooting_type;
+    std::atomic<bool> isWork{ false };
+    std::atomic<bool> isRead{ false };
+    std::atomic<int> driveId{ 0 };
+    std::atomic<int> frameWidth{ 0 };
+    std::atomic<int> frameHeight{ 0 };
+    std::atomic<int> angle{ 0 };
+    std::atomic<bool> isChangeCamera{ false };
+    std::atomic<bool> isSetVideoPParameter{ false };
+    std::atomic<bool> isTakePhoto{ false };
+    std::atomic<int> cameraCurrentExposure{ 0 };
+    std::atomic<int> correction_type{ 0 };
+    std::atomic<int> shooting_type{ 0 };
     std::atomic<bool> perspective{ false }; // sheets by their four corners (extension)
     // While on, every frame is watched for a turned page that has come to
     // rest; pageTurnSettled() then asks for a photo (extension).
     std::atomic<bool> pageTurnSeries{ false };
     std::atomic<unsigned> pageTurnRun{ 0 }; // counts the series started
-    std::atomic<bool> isTakePhotoChildCamera;
+    std::atomic<bool> isTakePhotoChildCamera{ false };
     QImage child1; // with child2, guarded by childMutex
     QImage child2;
-    std::atomic<bool> isShow1;
-    std::atomic<bool> isShow2;
-    std::atomic<bool> isSaveTiff;
-    std::atomic<bool> isCameraVideo;
+    std::atomic<bool> isShow1{ false };
+    std::atomic<bool> isShow2{ false };
+    std::atomic<bool> isSaveTiff{ false };
+    std::atomic<bool> isCameraVideo{ false };
     std::atomic<double> cameraFps{ 0 }; // the rate the open camera delivers
     QString cameraVideoPath;
 
@@ -234,35 +234,18 @@ private:
     bool readFrame();
     unsigned readAhead();
     unsigned readFromCamera();
-    bool decodeForPreview();
     void reopenWithNewSettings();
     void showFrame();
     void waitAfterNoFrame();
     void takePhotoIfAsked();
-    const cv::Mat &wholeFrameLocked();
-    void standAsFrame(const cv::Mat &picture); // a recorded picture as the current frame
+    PhotoExtras photoExtras();
     FrameModes modes() const; // the mode codes as they stand, read once
 
     std::mutex capMutex; // cap is opened by the GUI thread, read by the loop
-    std::mutex frameMutex; // frame swaps against currentFrame()
     std::mutex childMutex; // child1/child2
-    cv::Mat readBuffer; // the loop's next frame; swapped with frame
-    cv::Mat readBytes; // its JPEG bytes (empty for pictures); swapped with frameBytes
-    cv::Mat readRaw; // what the camera handed over, before any decode
-    cv::Mat frameBytes; // the current frame's JPEG bytes, under frameMutex
-    // A camera's JPEG frame is decoded for the preview only as large as the
-    // view draws it: readBuffer and shownFrame are then that picture,
-    // reduced by readReduction and frameReduction (1, 2, 4, 8) from the
-    // camera's frame of readSize and wholeSize. frame is decoded whole from
-    // frameBytes only when asked for (wholePending until then).
-    int readReduction = 1;
-    cv::Size readSize;
-    cv::Mat shownFrame;
-    int frameReduction = 1;
-    bool wholePending = false;
-    cv::Size wholeSize;
-    qint64 readStamp = 0; // capture times of readBuffer and frame, in
-    qint64 frameStamp = 0; // monotonic nanoseconds
+    CameraRead read; // the loop's next frame, made current by current.takeFrom()
+    // The current frame for every thread; its whole picture is frame.
+    CurrentFrame current{ frame };
     // Bumped (under capMutex) whenever cap is opened or released, so that a
     // frame read ahead from a camera since closed is not shown. Starts at 1:
     // a read ahead that got nothing answers 0.
@@ -300,7 +283,7 @@ private:
     PageTurnSeriesWatcher pageTurnWatcher; // used by the loop only
     FittedPreview fittedForView; // the last preview picture at its shown size
 
-    // The read of the frame after the current one: it owns readBuffer until
+    // The read of the frame after the current one: it owns read until
     // it is taken, and answers the camera's generation it read from (0 when
     // it got nothing). Declared last, so it is waited for before the rest
     // goes.
