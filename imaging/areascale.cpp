@@ -66,8 +66,9 @@ void AreaScaler::prepare(const cv::Mat &from, const cv::Mat &to)
     channels = from.channels();
     rows = spans(fromSize.height, toSize.height, 1 << rowShareBits);
     columns = spans(fromSize.width, toSize.width, 1 << columnShareBits);
-    colourColumns.assign(columns.size(), ColourColumn());
-    for (size_t x = 0; x < columns.size(); ++x) {
+    // Only colour has the vector layout of a column's shares.
+    colourColumns.assign(channels == 3 ? columns.size() : 0, ColourColumn());
+    for (size_t x = 0; x < colourColumns.size(); ++x) {
         ColourColumn &column = colourColumns[x];
         column.at = 3 * columns[x].first;
         for (int c = 0; c < 3; ++c) {

@@ -80,35 +80,34 @@ QImage PreviewFitter::averagedDown(const QImage &picture, QSize size, int channe
     // A last step of more than a few percent interpolating between
     // neighbours would make thin lines fade and swell from one to the next;
     // averaging the area each pixel covers keeps them even.
-    const cv::Size shown(size.width(), size.height());
-    if (5 * source.cols > 6 * size.width() || 5 * source.rows > 6 * size.height()) {
-        if (!AreaScaler::covers(source.size(), shown)) {
-            // Proportions changed so much that one way is still more than
-            // halved: Qt averages any ratio.
-            QImage fitted = halved.scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-            return channels == 3 ? fitted.convertToFormat(QImage::Format_RGB32) : fitted;
-        }
-        QImage fitted(size, channels == 3 ? QImage::Format_RGB32 : QImage::Format_Indexed8);
-        if (channels == 1)
-            fitted.setColorTable(picture.colorTable());
+    const bool largeStep =
+            5 * source.cols > 6 * size.width() || 5 * source.rows > 6 * size.height();
+    if (largeStep && !AreaScaler::covers(source.size(), cv::Size(size.width(), size.height()))) {
+        // Proportions changed so much that one way is still more than
+        // halved: Qt averages any ratio.
+        const QImage scaled = halved.scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+        return channels == 3 ? scaled.convertToFormat(QImage::Format_RGB32) : scaled;
+    }
+    // What the last step writes into: colour as 32-bit pixels, which a
+    // paint copies as they are instead of converting every pixel each time;
+    // grey as grey with the picture's own table.
+    QImage fitted(size, channels == 3 ? QImage::Format_RGB32 : QImage::Format_Indexed8);
+    if (channels == 1)
+        fitted.setColorTable(picture.colorTable());
+    if (largeStep) {
         cv::Mat to = matView(fitted);
         areaScaler.scale(source, to);
         return fitted;
     }
     if (channels == 1) {
-        QImage fitted(size, QImage::Format_Indexed8);
-        fitted.setColorTable(picture.colorTable());
         cv::Mat to = matView(fitted);
         cv::resize(source, to, to.size(), 0, 0, cv::INTER_LINEAR);
         return fitted;
     }
-    // Colour ends as 32-bit pixels, which a paint copies as they are instead
-    // of converting every pixel each time. Qt converts and interpolates the
-    // 32-bit pixels on this thread alone, for about half of what OpenCV's
-    // scaling of three-byte pixels costs shared out, with pixels within three
-    // levels of OpenCV's.
+    // Qt converts and interpolates the 32-bit pixels on this thread alone,
+    // for about half of what OpenCV's scaling of three-byte pixels costs
+    // shared out, with pixels within three levels of OpenCV's.
     const QImage wide = halved.convertToFormat(QImage::Format_RGB32);
-    QImage fitted(size, QImage::Format_RGB32);
     QPainter painter(&fitted);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
     painter.setRenderHint(QPainter::SmoothPixmapTransform);
