@@ -81,9 +81,7 @@ void drag(QWidget *w, const QPoint &from, const QPoint &to)
 
 QImage solid(int w, int h)
 {
-    QImage image(w, h, QImage::Format_RGB32);
-    image.fill(pictureColour);
-    return image;
+    return filledImage(w, h, pictureColour);
 }
 
 // True when the grabbed pixel is the picture's colour (allowing for the
@@ -125,13 +123,6 @@ bool nearly(const QRect &a, const QRect &b)
 }
 
 // The frames a finished recording holds, read back with OpenCV.
-QImage solidImage(int width, int height, QColor colour)
-{
-    QImage image(width, height, QImage::Format_RGB888);
-    image.fill(colour);
-    return image;
-}
-
 struct Recording
 {
     bool opened = false;
@@ -558,8 +549,10 @@ private slots:
         // The hidden windows hold a picture each, so that an inset, were one
         // drawn, would show; and the thread still has the flags of a photo
         // taken with both windows open.
-        w.cameraView1->findChild<QCameraView *>("iVideo")->m_Image = solidImage(320, 240, Qt::red);
-        w.cameraView2->findChild<QCameraView *>("iVideo")->m_Image = solidImage(320, 240, Qt::blue);
+        w.cameraView1->findChild<QCameraView *>("iVideo")->m_Image =
+                filledImage(320, 240, Qt::red, QImage::Format_RGB888);
+        w.cameraView2->findChild<QCameraView *>("iVideo")->m_Image =
+                filledImage(320, 240, Qt::blue, QImage::Format_RGB888);
         thread->isShow1 = true;
         thread->isShow2 = true;
 

@@ -5,6 +5,7 @@
 #include "output/photooutput.h"
 #include "outputfiles.h"
 #include "startup.h"
+#include "testsupport.h"
 #include "threads/imageprocessing.h"
 
 #include <QtTest>
@@ -68,13 +69,6 @@ void drawSheet(cv::Mat &frame, const cv::RotatedRect &sheet)
     for (const cv::Point2f &p : corners)
         pts.emplace_back(int(std::lround(p.x)), int(std::lround(p.y)));
     cv::fillConvexPoly(frame, pts, cv::Scalar(255, 255, 255));
-}
-
-QImage solid(int width, int height, QColor colour)
-{
-    QImage img(width, height, QImage::Format_RGB32);
-    img.fill(colour);
-    return img;
 }
 
 // The smallest rectangle holding every pixel that differs from background.
@@ -223,7 +217,8 @@ private slots:
         ip.frame = desk(640, 480);
         drawSheet(ip.frame, cv::RotatedRect(cv::Point2f(320, 240), cv::Size2f(400, 300), 0));
         ip.setCameraCorrection(3);
-        ip.setTakePhotoCammond(solid(32, 24, Qt::red), solid(32, 24, Qt::blue), false, false);
+        ip.setTakePhotoCammond(filledImage(32, 24, Qt::red), filledImage(32, 24, Qt::blue), false,
+                               false);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.emissions, 1);
         QCOMPARE(shot.files, QList<QString>());
@@ -237,7 +232,8 @@ private slots:
         ip.frame = desk(640, 480, 128);
         ip.setCameraCorrection(0);
         ip.setTakePhotoChildCamera(false);
-        ip.setTakePhotoCammond(solid(320, 240, Qt::red), solid(200, 150, Qt::blue), true, true);
+        ip.setTakePhotoCammond(filledImage(320, 240, Qt::red), filledImage(200, 150, Qt::blue),
+                               true, true);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.emissions, 1);
         QCOMPARE(shot.files,
@@ -267,7 +263,8 @@ private slots:
         ip.frame = desk(640, 480, 128);
         ip.setTakePhotoChildCamera(true);
         // The first is taller for the same width: it shows below the second.
-        ip.setTakePhotoCammond(solid(200, 300, Qt::red), solid(400, 300, Qt::blue), true, true);
+        ip.setTakePhotoCammond(filledImage(200, 300, Qt::red), filledImage(400, 300, Qt::blue),
+                               true, true);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.files, QList<QString>({ folder + "/IMG_1.png" }));
         const QImage img = readBack(shot.files[0], QImage::Format_RGB32);
@@ -417,11 +414,11 @@ private slots:
                  folder + "/2026_03_07 09_05_04.028.bmp");
 
         // Two photos under the one name: the second replaces the first.
-        writePhoto(solid(8, 8, Qt::red), first, "bmp");
+        writePhoto(filledImage(8, 8, Qt::red), first, "bmp");
         QCOMPARE(filesIn(folder), QStringList({ "2026_03_07 09_05_04.027.bmp" }));
         QVERIFY2(near(readBack(first, QImage::Format_RGB32).pixel(4, 4), Qt::red, 0),
                  qPrintable(rgb(readBack(first, QImage::Format_RGB32).pixel(4, 4))));
-        writePhoto(solid(8, 8, Qt::blue), second, "bmp");
+        writePhoto(filledImage(8, 8, Qt::blue), second, "bmp");
         QCOMPARE(filesIn(folder), QStringList({ "2026_03_07 09_05_04.027.bmp" }));
         const QImage img = readBack(first, QImage::Format_RGB32);
         QCOMPARE(img.size(), QSize(8, 8));
@@ -546,7 +543,8 @@ private slots:
     void emptyFrameTakesNoPhoto()
     {
         ImageProcessing ip;
-        ip.setTakePhotoCammond(solid(32, 24, Qt::red), solid(32, 24, Qt::blue), true, true);
+        ip.setTakePhotoCammond(filledImage(32, 24, Qt::red), filledImage(32, 24, Qt::blue), true,
+                               true);
         const Shot shot = shoot(ip);
         QCOMPARE(shot.emissions, 1);
         QCOMPARE(shot.files, QList<QString>());

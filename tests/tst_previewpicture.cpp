@@ -8,6 +8,7 @@
 #include "imaging/previewfit.h"
 #include "imaging/previewpicture.h"
 #include "modecodes.h"
+#include "testsupport.h"
 #include "threads/fittedpreview.h"
 
 #include <QPainter>
@@ -188,10 +189,8 @@ private slots:
     void fitUnlessLargeLeavesLargePicturesToTheView()
     {
         PreviewFitter fitter;
-        QImage hd(1280, 720, QImage::Format_RGB888);
-        QImage eightMp(3264, 2448, QImage::Format_RGB888);
-        hd.fill(Qt::gray);
-        eightMp.fill(Qt::gray);
+        const QImage hd = filledImage(1280, 720, Qt::gray, QImage::Format_RGB888);
+        const QImage eightMp = filledImage(3264, 2448, Qt::gray, QImage::Format_RGB888);
         QCOMPARE(fitter.fitUnlessLarge(hd, QSize(760, 560)).size(), QSize(759, 427));
         QVERIFY(fitter.fitUnlessLarge(eightMp, QSize(760, 560)).isNull());
         QCOMPARE(fitter.fitUnlessLarge(eightMp, QSize(3000, 2000)).size(), QSize(2666, 2000));
@@ -289,10 +288,8 @@ private slots:
     void fittedCopyOnlyForItsOwnPicture()
     {
         FittedPreview fitted;
-        QImage red(960, 540, QImage::Format_RGB888);
-        QImage blue(960, 540, QImage::Format_RGB888);
-        red.fill(Qt::red);
-        blue.fill(Qt::blue);
+        const QImage red = filledImage(960, 540, Qt::red, QImage::Format_RGB888);
+        const QImage blue = filledImage(960, 540, Qt::blue, QImage::Format_RGB888);
         QVERIFY(fitted.takeFor(red).isNull());
         fitted.make(red, QSize(760, 560));
         const QImage shown = fitted.takeFor(red);
@@ -302,8 +299,7 @@ private slots:
         fitted.make(blue, QSize());
         QVERIFY(fitted.takeFor(blue).isNull());
         QVERIFY(fitted.takeFor(red).isNull());
-        QImage large(3264, 2448, QImage::Format_RGB888);
-        large.fill(Qt::gray);
+        const QImage large = filledImage(3264, 2448, Qt::gray, QImage::Format_RGB888);
         fitted.make(large, QSize(760, 560));
         QVERIFY(fitted.takeFor(large).isNull());
     }

@@ -272,3 +272,10 @@ bool underEmulation()
 {
     return qEnvironmentVariableIsSet("BRIVORA_EMULATED");
 }
+
+QImage filledImage(int width, int height, QColor colour, QImage::Format format)
+{
+    QImage image(width, height, format);
+    image.fill(colour);
+    return image;
+}

@@ -6,6 +6,7 @@
 #include <QPair>
 #include <QVariant>
 #include <QElapsedTimer>
+#include <QImage>
 #include <QObject>
 #include <QProcessEnvironment>
 #include <QString>
@@ -17,6 +18,10 @@
 #include <memory>
 
 #include <opencv2/core.hpp>
+
+// A picture of width x height in format, every pixel colour.
+QImage filledImage(int width, int height, QColor colour,
+                   QImage::Format format = QImage::Format_RGB32);
 
 // Answers warning boxes shown by the code under test in this process: each
 // box that becomes the active modal widget is recorded and its OK pressed.
